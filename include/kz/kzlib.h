@@ -1,0 +1,12 @@
+/* kzlib: the umbrella header, one include for every family. */
+#ifndef KZ_KZLIB_H
+#define KZ_KZLIB_H
+
+#include "kz/base.h"
+#include "kz/memory.h"
+#include "kz/array.h"
+#include "kz/error.h"
+#include "kz/message.h"
+#include "kz/format.h"
+
+#endif /* KZ_KZLIB_H */

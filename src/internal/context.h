@@ -1,0 +1,92 @@
+// The per-thread message context: pending message location, error records,
+// thread name, reference time and state text. Created on first use, destroyed
+// when the thread ends.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "kz/array.h"
+#include "kz/error.h"
+
+namespace kz {
+
+struct ErrorStackEntry {
+  const char *file;
+  uint32_t line;
+  const char *module;
+  const char *function;
+  uint32_t length;  // length of this level's own text
+};
+
+struct ErrorContext {
+  const char *file;
+  uint32_t line;
+  const char *module;
+  const char *function;
+  uint64_t code;
+  char message[KZ_ERROR_MESSAGE_MAX];
+  ErrorStackEntry stack[KZ_ERROR_STACK_MAX];
+  uint64_t stackCount;
+  ErrorContext *next;
+};
+
+struct MessageContext {
+  ErrorContext *error;     // current record or null
+  ErrorContext *saved;     // saved stack, latest first
+  ErrorContext *freeList;  // records kept for reuse
+  const char *file;        // pending location
+  uint32_t line;
+  int32_t level;
+  uint32_t withError;
+  char buffer[KZ_ERROR_MESSAGE_MAX];
+  char threadName[256];
+  uint64_t userWord;
+  void *userPointer;
+  uint64_t refTime;
+  const char *module;
+  const char *function;
+  UByteArray state;
+  const char *inputName;
+  uint32_t inputLine;
+  uint64_t inputExtra;
+  int64_t last;
+  uint64_t flag;
+};
+
+// The calling thread's context, created when missing. errno and the platform's
+// last error are preserved across the look-up.
+MessageContext *Context();
+// The calling thread's context, or null when it has none yet.
+MessageContext *ContextIfAny();
+// Destroys the calling thread's context (end of a thread).
+void ContextDestroy();
+
+// Process-wide defaults copied into every new context.
+extern std::atomic<uint64_t> g_defaultUserWord;
+extern std::atomic<void *> g_defaultUserPointer;
+
+// The program name used in message lines ("kzlib" until set), guarded by the
+// global lock for writers; readers see a whole NUL-terminated string.
+const char *ProgramName();
+void SetProgramName(const char *baseName);
+
+// The flag word: crash and diagnostic switches; bit 0x200 is the assertion
+// verbosity.
+extern std::atomic<uint32_t> g_flagWord;
+
+// The abort hook, if set (called before abort or exit on fatal paths).
+void CallAbortHook(const char *text, const char *file, uint32_t line);
+
+// Records the pending errno / platform error in the current record if errno is
+// not -2 (KZErrorMessage's first step). Returns the current record.
+ErrorContext *RecordPendingError(MessageContext *context);
+
+}  // namespace kz
+
+// Library-internal throw with an explicit library location.
+#define KZ_THROW_AT(file, line, function, code, ...) \
+  (KZSetMessageContext2_((file), (line), "kzlib", (function), 4, 0), KZErrorThrow_((code), __VA_ARGS__))
+// Library-internal message with an explicit library location.
+#define KZ_MESSAGE_AT(file, line, function, level, withError, ...) \
+  (KZSetMessageContext2_((file), (line), "kzlib", (function), (level), (withError)), KZMessage_(__VA_ARGS__))

@@ -1,0 +1,73 @@
+// Lazily created process-wide locks. A lock variable holds the all-ones
+// pointer until its first user creates a lock and installs it with a
+// compare-and-swap; a thread that loses the race destroys its own. This is the
+// one way the library makes process-wide locks, so statically defined locks
+// need no start-up call.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+struct KZCriticalSection;
+
+namespace kz {
+
+inline KZCriticalSection *const kLockUnset =
+    reinterpret_cast<KZCriticalSection *>(~static_cast<uintptr_t>(0));
+
+// A re-entrant lock (a recursive mutex on POSIX). Creation allocates through
+// the checked allocator with the given location.
+KZCriticalSection *CriticalSectionNew(const char *file, uint32_t line);
+void CriticalSectionDelete(KZCriticalSection *section);
+void CriticalSectionEnter(KZCriticalSection *section);
+void CriticalSectionLeave(KZCriticalSection *section);
+
+// Creates the lock behind *variable when it is still unset (all ones, or null
+// for zero-initialised records) and returns it.
+inline KZCriticalSection *LazyLockGet(KZCriticalSection **variable,
+                                      const char *file = "kzlib/kzthread",
+                                      uint32_t line = 876) {
+  std::atomic_ref<KZCriticalSection *> ref(*variable);
+  KZCriticalSection *current = ref.load(std::memory_order_acquire);
+  if (current != kLockUnset && current != nullptr) return current;
+  KZCriticalSection *fresh = CriticalSectionNew(file, line);
+  while (current == kLockUnset || current == nullptr) {
+    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel,
+                                  std::memory_order_acquire))
+      return fresh;
+  }
+  CriticalSectionDelete(fresh);  // another thread installed its lock first
+  return current;
+}
+
+// A statically defined lazy lock.
+class LazyLock {
+ public:
+  LazyLock() = default;
+  KZCriticalSection *get() { return LazyLockGet(&section_); }
+  void lock() { CriticalSectionEnter(get()); }
+  void unlock() { CriticalSectionLeave(get()); }
+
+ private:
+  KZCriticalSection *section_ = kLockUnset;
+};
+
+// Scoped hold of a lazily created lock.
+class LazyLockGuard {
+ public:
+  explicit LazyLockGuard(KZCriticalSection **variable) : section_(LazyLockGet(variable)) {
+    CriticalSectionEnter(section_);
+  }
+  explicit LazyLockGuard(LazyLock &lock) : section_(lock.get()) { CriticalSectionEnter(section_); }
+  ~LazyLockGuard() { CriticalSectionLeave(section_); }
+  LazyLockGuard(const LazyLockGuard &) = delete;
+  LazyLockGuard &operator=(const LazyLockGuard &) = delete;
+
+ private:
+  KZCriticalSection *section_;
+};
+
+// The library's global lock (program name and executable path).
+LazyLock &GlobalLock();
+
+}  // namespace kz

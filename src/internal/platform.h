@@ -1,0 +1,44 @@
+// The operating-system layer: everything portable code needs from the
+// platform. POSIX implementations live in src/posix/.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kz::os {
+
+// Sets the platform's last error from the C library errno of a failed call
+// and marks errno with -1 ("the last error tells").
+void FailWithErrno();
+void FailWithError(int error);
+
+uint64_t ThreadId();
+uint64_t ProcessId();
+uint64_t MonotonicMillis();
+
+struct LocalTime {
+  unsigned year, month, day, hour, minute, second;
+};
+LocalTime Now();
+
+// The platform's text for a system error; false when the system has none.
+bool SystemErrorText(int error, char *buffer, size_t size);
+
+// One raw write, no buffering, no allocation.
+void WriteRaw(int fd, const void *data, size_t size);
+
+size_t PageSize();
+
+// Anonymous read-write mappings. Failures return null with the last error set.
+void *MapAnonymous(size_t size);
+bool Unmap(void *address, size_t size);
+// Resize keeping the contents (null on failure, old mapping untouched).
+void *Remap(void *address, size_t oldSize, size_t newSize);
+bool Protect(void *address, size_t length, int mode);  // mode bit 1 read, bit 2 write
+bool Lock(void *address, size_t length);
+bool Unlock(void *address, size_t length);
+
+// Process memory counters formatted as one line; false when unavailable.
+bool FormatMemoryCounters(char *buffer, size_t size);
+
+}  // namespace kz::os

@@ -1,0 +1,60 @@
+/* Compiled as strict C99: every public header must be usable from C. Calls at
+ * least one function of every family through the umbrella header. */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "kz/kzlib.h"
+
+static int failures = 0;
+#define CHECK(condition)                                                   \
+  do {                                                                     \
+    if (!(condition)) {                                                    \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+      failures++;                                                          \
+    }                                                                      \
+  } while (0)
+
+int main(void) {
+  /* memory */
+  char *copy = Strdup("kz");
+  CHECK(strcmp(copy, "kz") == 0);
+  free(copy);
+
+  /* array */
+  {
+    KZ_ARRAY(int) numbers = {0, 0, 0};
+    int i;
+    for (i = 0; i < 100; i++) ArrayAppend(numbers, i * i);
+    CHECK(ArrayLength(numbers) == 100 && ArrayNth(numbers, 99) == 9801);
+    CHECK(numbers.capacity == 256);
+    ArrayFree(numbers);
+    CHECK(ArrayNextSize(0, 1, 4294967295u) == 4);
+  }
+
+  /* error */
+  KZErrorThrow(KZ_ERR_TIMEOUT, "waited %d ms", 50);
+  CHECK(KZErrorCode() == KZ_ERROR_CODE(2, 2));
+  CHECK(strcmp(KZErrorMessage(), "waited 50 ms") == 0);
+  KZErrorClear();
+  CHECK(KZErrorCode() == 0);
+
+  /* message */
+  CHECK(KZGetMessageStream(0) == stdout);
+
+  /* format */
+  {
+    UByteArray text = {0, 0, 0};
+    int32_t error = 1;
+    CHECK(UByteArrayPrintf(&text, "%I64u-%s", (unsigned long long)18446744073709551615ull, "x") == 1);
+    CHECK(strcmp((char *)text.elements, "18446744073709551615-x") == 0);
+    ArrayFree(text);
+    CHECK(ParseULong("ff", 2, 16, &error) == 255 && error == 0);
+    CHECK(Hash32("", 0) == 0x811c9dc5u);
+  }
+
+  if (failures) return 1;
+  printf("c_consumer: all checks passed\n");
+  return 0;
+}
