@@ -80,6 +80,14 @@ ErrorContext *RecordPendingError(MessageContext *context) {
   int current = errno;
   if (current == -2 && context->error) return context->error;
   ErrorContext *record = TakeRecord(context);
+  if (current != -2 && current != -3) {
+    // A record made from errno describes only that error: no stack, no location.
+    record->file = nullptr;
+    record->line = 0;
+    record->module = nullptr;
+    record->function = nullptr;
+    record->stackCount = 0;
+  }
   if (current == -2 || current == -3) {
     // Marked as recorded but the record is gone: nothing to describe.
     if (record->message[0] == '\0' && record->code == 0) snprintf(record->message, sizeof record->message, "No error (or lost error number)");

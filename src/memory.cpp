@@ -130,7 +130,16 @@ KZ_API void *MemoryRemap_(void *old, size_t oldSize, size_t newSize, const char 
   if (old && oldSize != 0 && newSize != 0) {
     // The kernel moves the pages instead of copying them; contents and the
     // zero-filled tail are as with a fresh mapping plus copy.
-    return kz::os::Remap(old, oldSize, newSize);
+    auto *moved = static_cast<char *>(kz::os::Remap(old, oldSize, newSize));
+    if (moved && newSize > oldSize) {
+      // Bytes past the old size in its last page may hold data from before a
+      // shrink; a fresh mapping would read zero there.
+      size_t page = kz::os::PageSize();
+      size_t pageEnd = (oldSize + page - 1) / page * page;
+      size_t end = newSize < pageEnd ? newSize : pageEnd;
+      if (end > oldSize) memset(moved + oldSize, 0, end - oldSize);
+    }
+    return moved;
   }
   void *fresh = MemoryMap_(newSize, file, line);
   if (!fresh && newSize != 0) return nullptr;

@@ -8,5 +8,6 @@
 #include "kz/error.h"
 #include "kz/message.h"
 #include "kz/format.h"
+#include "kz/sort.h"
 
 #endif /* KZ_KZLIB_H */
