@@ -16,13 +16,6 @@ extern "C" const char *__asan_default_options() { return "allocator_may_return_n
 
 namespace kztest {
 
-// Death tests re-run the test body in a fresh process, so a test may create
-// threads before its death statement.
-inline const bool kThreadsafeDeathTests = [] {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  return true;
-}();
-
 // A real FILE installed as one of the library's message streams; the text
 // written to it is read back with Text(). Restores the default on exit.
 class CapturedStream {
