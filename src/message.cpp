@@ -72,7 +72,14 @@ void ContextKeyDestructor(void *value) {
   DestroyContext(context);
 }
 
-void CreateContextKey() { pthread_key_create(&g_contextKey, ContextKeyDestructor); }
+void CreateContextKey() {
+  if (pthread_key_create(&g_contextKey, ContextKeyDestructor) != 0) {
+    // Without the slot no thread can keep its context: nothing can work.
+    perror("MessageContextNew: cannot create the thread context slot");
+    CallAbortHook("MessageContextNew: cannot create the thread context slot", "kzlib/kzlib", 1258);
+    abort();
+  }
+}
 
 MessageContext *NewContext() {
   auto *context = static_cast<MessageContext *>(calloc(1, sizeof(MessageContext)));

@@ -41,4 +41,19 @@ bool Unlock(void *address, size_t length);
 // Process memory counters formatted as one line; false when unavailable.
 bool FormatMemoryCounters(char *buffer, size_t size);
 
+// Threads (src/posix/thread_posix.cpp). Functions answering int return 0 or
+// the system's error number.
+int ThreadStart(void *(*entry)(void *), void *argument, size_t stackBytes, bool detached, uint64_t *handle);
+int ThreadWait(uint64_t handle, uintptr_t *exitValue);
+int ThreadRelease(uint64_t handle);
+uint64_t ThreadSelf();
+bool ThreadSame(uint64_t a, uint64_t b);
+void ThreadSetSystemName(const char *name);
+int ThreadSetNice(uint64_t threadId, int nice);  // threadId 0: the calling thread
+void ThreadYield();
+[[noreturn]] void ThreadSleepForever();
+int ThreadKeyCreate(uint32_t *slot);
+void *ThreadKeyGet(uint32_t slot);
+int ThreadKeySet(uint32_t slot, void *value);
+
 }  // namespace kz::os

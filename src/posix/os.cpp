@@ -24,10 +24,8 @@ void FailWithError(int error) {
   errno = -1;
 }
 
-uint64_t ThreadId() {
-  static thread_local uint64_t id = static_cast<uint64_t>(syscall(SYS_gettid));
-  return id;
-}
+// Not cached: a cached value would be the parent's in a forked child.
+uint64_t ThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
 
 uint64_t ProcessId() { return static_cast<uint64_t>(getpid()); }
 
