@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
+struct KZSemaphore;
+struct KZEvent;
+
 namespace kz::os {
 
 // Sets the platform's last error from the C library errno of a failed call
@@ -56,4 +59,16 @@ int ThreadKeyCreate(uint32_t *slot);
 void *ThreadKeyGet(uint32_t slot);
 int ThreadKeySet(uint32_t slot, void *value);
 
+// Counting semaphores and auto-reset events that conditions are made of
+// (src/posix/lock_primitives.cpp). Failures return null / false / kFailed with
+// the platform's last error set.
+enum class WaitResult { kSignaled, kTimedOut, kFailed };
+KZSemaphore *SemaphoreNew(uint32_t initial, uint32_t maximum, const char *file, uint32_t line);
+void SemaphoreDelete(KZSemaphore *semaphore);
+bool SemaphoreRelease(KZSemaphore *semaphore, uint32_t count);
+WaitResult SemaphoreWait(KZSemaphore *semaphore, uint32_t milliseconds);
+KZEvent *EventNew(const char *file, uint32_t line);
+void EventDelete(KZEvent *event);
+bool EventSet(KZEvent *event);
+WaitResult EventWait(KZEvent *event, uint32_t milliseconds);
 }  // namespace kz::os
