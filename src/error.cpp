@@ -8,6 +8,7 @@
 #include <trio.h>
 
 #include "internal/context.h"
+#include "internal/crash.h"
 #include "internal/platform.h"
 
 namespace kz {
@@ -290,9 +291,8 @@ KZ_API void KZErrorRestore(void) {
 KZ_API void KZErrorClear(void) { errno = 0; }
 
 KZ_API int64_t KZRunProtected_(KZProtectedFunction function, void *argument, KZCrashReport report) {
-  // Crash interception arrives with the library's crash handling; until then
-  // a crash inside the function takes the process down as it would anyway.
-  return function(argument);
+  // A crash inside is reported and aborts the process (src/posix/crash.cpp).
+  return crash::RunProtected(function, argument, report);
 }
 
 }  // extern "C"

@@ -170,7 +170,7 @@ const char *ProgramName() { return g_programName; }
 
 void SetProgramName(const char *baseName) {
   LazyLockGuard hold(GlobalLock());
-  snprintf(g_programName, sizeof g_programName - 1, "%s", baseName);
+  snprintf(g_programName, sizeof g_programName, "%s", baseName);
 }
 
 void CallAbortHook(const char *text, const char *file, uint32_t line) {

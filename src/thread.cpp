@@ -12,6 +12,7 @@
 #include "internal/array_view.h"
 #include "internal/context.h"
 #include "internal/lazy_lock.h"
+#include "internal/crash.h"
 #include "internal/platform.h"
 #include "kz/error.h"
 #include "kz/format.h"
@@ -143,6 +144,7 @@ void EndOfThread() {
 }
 
 void *ThreadMain(void *argument) {
+  crash::PrepareThread();  // a signal stack, so a stack overflow here is still reported
   auto *record = static_cast<StartRecord *>(argument);
   KZThreadFunction function = record->function;
   void *functionArgument = record->argument;

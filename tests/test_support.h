@@ -13,6 +13,7 @@
 // Out-of-memory paths are exercised with impossible sizes; the sanitizers'
 // allocator must answer null like the C library does instead of stopping.
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char *__tsan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace kztest {
 

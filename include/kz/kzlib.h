@@ -9,5 +9,8 @@
 #include "kz/message.h"
 #include "kz/format.h"
 #include "kz/sort.h"
+#include "kz/init.h"
+#include "kz/thread.h"
+#include "kz/lock.h"
 
 #endif /* KZ_KZLIB_H */
