@@ -20,6 +20,9 @@ int AppendFormatted(Record *array, const char *format, va_list args, uint64_t li
   auto view = kz::View(*array);
   auto ensure = [&](uint64_t needed) {
     if (needed > array->capacity) {
+      // The Big family's growth rule never returns a capacity at its limit,
+      // so the needed size itself is checked first.
+      if (needed >= limit) kzassert_(limitText, "kzlib/array", limitLine);
       uint64_t next = kz::ArrayView<Record>::kBig ? BigArrayNextSize(array->capacity, needed, kz::ArrayView<Record>::kMax)
                                                   : ArrayNextSize(array->capacity, needed, kz::ArrayView<Record>::kMax);
       if (next >= limit) kzassert_(limitText, "kzlib/array", limitLine);
