@@ -23,9 +23,10 @@
 #include <string>
 #include <vector>
 
+#include "reference_parsers.h"
+
 namespace {
 
-constexpr uint64_t kMax64 = std::numeric_limits<uint64_t>::max();
 
 void Require(bool condition, const char *what, const std::string &text) {
     if (!condition) {
@@ -34,62 +35,7 @@ void Require(bool condition, const char *what, const std::string &text) {
     }
 }
 
-struct Parsed {
-    uint64_t value;
-    int32_t error;
-};
-
-int RefDigit(unsigned byte) {
-    if (byte >= '0' && byte <= '9') return static_cast<int>(byte - '0');
-    if (byte >= 'A' && byte <= 'Z') return static_cast<int>(byte - 'A') + 10;
-    if (byte >= 'a' && byte <= 'z') return static_cast<int>(byte - 'a') + 10;
-    return -1;
-}
-
-template <typename Unit>
-Parsed RefULong(const Unit *p, size_t n, int base) {
-    if (n == 0) return {0, 1};
-    const uint64_t b = static_cast<uint64_t>(base);
-    uint64_t value = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const int d = RefDigit(static_cast<unsigned>(p[i]) & 0xFFu);
-        if (d < 0 || d >= base) return {0, 1};
-        if (value > kMax64 / b || (value == kMax64 / b && static_cast<uint64_t>(d) > kMax64 % b)) return {0, 1};
-        value = value * b + static_cast<uint64_t>(d);
-    }
-    return {value, 0};
-}
-
-Parsed RefUInt(const char *p, size_t n, int base) {
-    if (n == 0) return {0, 1};
-    uint64_t value = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const int d = RefDigit(static_cast<unsigned char>(p[i]));
-        if (d < 0 || d >= base) return {0, 1};
-        value = value * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
-        if (value > 0xFFFFFFFFull) return {0, 1};
-    }
-    return {value, 0};
-}
-
-template <typename Unit>
-Parsed RefLong(const Unit *p, size_t n, int base) {
-    const bool negative = n > 0 && p[0] == static_cast<Unit>('-');
-    const Parsed m = negative ? RefULong(p + 1, n - 1, base) : RefULong(p, n, base);
-    if (m.error) return {0, 1};
-    const uint64_t limit = negative ? (uint64_t{1} << 63) : (uint64_t{1} << 63) - 1;
-    if (m.value > limit) return {0, 1};
-    return {negative ? 0 - m.value : m.value, 0};
-}
-
-Parsed RefInt(const char *p, size_t n, int base) {
-    const bool negative = n > 0 && p[0] == '-';
-    const Parsed m = negative ? RefUInt(p + 1, n - 1, base) : RefUInt(p, n, base);
-    if (m.error) return {0, 1};
-    const uint64_t limit = negative ? 0x80000000ull : 0x7FFFFFFFull;
-    if (m.value > limit) return {0, 1};
-    return {static_cast<uint32_t>(negative ? 0u - static_cast<uint32_t>(m.value) : static_cast<uint32_t>(m.value)), 0};
-}
+using namespace kzref;
 
 uint64_t Bits(double d) {
     uint64_t b;
