@@ -8,6 +8,25 @@
 #include "kz/kzlib.h"
 
 static int failures = 0;
+
+static KZMutex counterLock = KZ_MUTEX_INITIALIZER;
+static int counter = 0;
+
+static int64_t AddHundred(void *argument) {
+  int i;
+  for (i = 0; i < 100; i++) {
+    MutexLock(&counterLock);
+    counter++;
+    MutexUnlock(&counterLock);
+  }
+  return (int64_t)(intptr_t)argument * 2;
+}
+
+static int32_t CompareInts(const void *a, const void *b, void *context) {
+  int x = *(const int *)a, y = *(const int *)b;
+  (void)context;
+  return x < y ? -1 : x > y;
+}
 #define CHECK(condition)                                                   \
   do {                                                                     \
     if (!(condition)) {                                                    \
@@ -52,6 +71,33 @@ int main(void) {
     ArrayFree(text);
     CHECK(ParseULong("ff", 2, 16, &error) == 255 && error == 0);
     CHECK(Hash32("", 0) == 0x811c9dc5u);
+  }
+
+  /* init */
+  KZLibInit("/usr/local/bin/c_consumer");
+  CHECK(strcmp(KZProgramName(), "c_consumer") == 0);
+  CHECK(strcmp(KZVersionString(), "6.3.20826") == 0);
+
+  /* sort */
+  {
+    int values[] = {5, 3, 9, 1, 7};
+    QSort(values, 5, sizeof values[0], CompareInts, NULL);
+    CHECK(values[0] == 1 && values[4] == 9);
+  }
+
+  /* thread and lock */
+  {
+    KZThread first = ThreadCreate(AddHundred, (void *)(intptr_t)21, 0);
+    KZThread second = ThreadCreate(AddHundred, (void *)(intptr_t)4, 0);
+    CHECK(ThreadJoin(first) == 42);
+    CHECK(ThreadJoin(second) == 8);
+    CHECK(counter == 200);
+  }
+  {
+    KZRWLock lock = KZ_RWLOCK_INITIALIZER;
+    CHECK(RWLockAcquireReadTimeout(&lock, 0) == 1);
+    RWLockRelease(&lock);
+    RWLockDestroy(&lock);
   }
 
   if (failures) return 1;
