@@ -125,4 +125,18 @@ Child RunChild(const TempDir &dir, const Environment &environment, const std::fu
   return child;
 }
 
+// The same, with a temporary directory of its own.
+Child RunChild(const Environment &environment, const std::function<int()> &body) {
+  TempDir dir;
+  return RunChild(dir, environment, body);
+}
+
+// The value a child printed as a line "<key>=<value>" (the rest of the line).
+std::string Value(const std::string &out, const std::string &key) {
+  size_t at = ("\n" + out).find("\n" + key + "=");  // where the key starts in out
+  if (at == std::string::npos) return "(missing)";
+  size_t start = at + key.size() + 1;
+  return out.substr(start, out.find('\n', start) - start);
+}
+
 }  // namespace kztest
