@@ -68,15 +68,10 @@ TEST(GrowthRuleDeathTest, Assertions) {
   EXPECT_DEATH(BigArrayNextSize(4, 100, 10), "'newCapacity <= maxSize - 1' failed at kzlib/array:185\n");
 }
 
-void HookToStderr(const char *text, const char *file, uint32_t line) {
-  fprintf(stderr, "hook<%s|%s|%u>", text, file, line);
-  fflush(stderr);
-}
-
 TEST(GrowthRuleDeathTest, ExhaustedGrowthCallsTheAbortHookAndUsesTheErrorStream) {
   EXPECT_DEATH(
       {
-        KZSetAbort(HookToStderr);
+        KZSetAbort(kztest::AbortHookToStderr);
         ArrayNextSize(4, 100, 10);
       },
       "failed at kzlib/array:78\nhook<newCapacity <= maxSize - 1\\|kzlib/array\\|78>");

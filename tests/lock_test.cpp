@@ -539,12 +539,7 @@ TEST(RWULock, StaticLockStressKeepsWritersAlone) {
 // ---- fatal messages and assertions --------------------------------------------------
 
 TEST(LockDeathTest, FatalMessagesAndAssertions) {
-  struct Case {
-    void (*run)();
-    int exitCode;  // 0: aborts
-    const char *text;
-  };
-  const Case cases[] = {
+  const kztest::FatalCase cases[] = {
       {[] {
          KZRecursiveMutex mutex = KZ_RECURSIVE_MUTEX_INITIALIZER;
          RecursiveMutexLock(&mutex);
@@ -573,13 +568,7 @@ TEST(LockDeathTest, FatalMessagesAndAssertions) {
       {[] { KZRWLock lock = KZ_RWLOCK_INITIALIZER; RWLockRelease(&lock); },
        0, "'lock->state > 0' failed at kzlib/kzthread:1370"},
   };
-  for (const Case &c : cases) {
-    auto ended = [&](int status) {
-      return c.exitCode ? WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode
-                        : WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
-    };
-    EXPECT_EXIT(c.run(), ended, c.text);
-  }
+  for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);
 }
 
 }  // namespace

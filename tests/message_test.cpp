@@ -135,15 +135,10 @@ TEST(MessageHandlers, CustomHandlerGetsTheContext) {
   EXPECT_EQ(KZGetMessageHandler(), original);
 }
 
-void HookToStderr(const char *text, const char *file, uint32_t line) {
-  fprintf(stderr, "hook<%s|%s|%u>", text, file, line);
-  fflush(stderr);
-}
-
 TEST(FatalLevelsDeathTest, LevelFourPrintsTheStackAndExitsWithOne) {
   EXPECT_EXIT(
       {
-        KZSetAbort(HookToStderr);
+        KZSetAbort(kztest::AbortHookToStderr);
         KZErrorThrow(KZ_ERR_TIMEOUT, "inner cause");
         KZErrorRethrow("while waiting");
         KZMessageWithError(4, "giving up");
@@ -178,7 +173,7 @@ TEST(AssertionsDeathTest, WrittenRawThenAbort) {
   EXPECT_EXIT(kzassert_("x == 1", "kzlib/demo", 12), testing::KilledBySignal(SIGABRT), "^'x == 1' failed at kzlib/demo:12\n$");
   EXPECT_EXIT(
       {
-        KZSetAbort(HookToStderr);
+        KZSetAbort(kztest::AbortHookToStderr);
         int x = 2;
         kzassert(x == 1);
       },

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <string>
@@ -61,5 +63,28 @@ class TempPath {
  private:
   std::string path_;
 };
+
+// An abort hook that shows its arguments on stderr as "hook<text|file|line>",
+// where death tests can match them.
+inline void AbortHookToStderr(const char *text, const char *file, uint32_t line) {
+  fprintf(stderr, "hook<%s|%s|%u>", text, file, line);
+  fflush(stderr);
+}
+
+// A statement that must end the process with a fatal text: exit status
+// exitCode, or abort() when exitCode is 0.
+struct FatalCase {
+  void (*run)();
+  int exitCode;
+  const char *text;
+};
+
+inline void ExpectFatal(const FatalCase &c) {
+  auto ended = [&](int status) {
+    return c.exitCode ? WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode
+                      : WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+  };
+  EXPECT_EXIT(c.run(), ended, c.text) << "expected: " << c.text;
+}
 
 }  // namespace kztest

@@ -520,12 +520,7 @@ bool CapAddressSpace() {
 }
 
 TEST(ThreadDeathTest, FatalMessagesAndAssertions) {
-  struct Case {
-    void (*run)();
-    int exitCode;  // 0: aborts
-    const char *text;
-  };
-  const Case cases[] = {
+  const kztest::FatalCase cases[] = {
       {[] { ThreadJoin(ThreadGetCurrent()); }, 1, "kzlib: \"kzthread:708\": thread operation failed"},
       {[] {  // an exit value that is no entry of the table
          pthread_t plain;
@@ -544,13 +539,7 @@ TEST(ThreadDeathTest, FatalMessagesAndAssertions) {
        },
        1, "\"kzthread:1108\": TlsAlloc failed"},
   };
-  for (const Case &c : cases) {
-    auto ended = [&](int status) {
-      return c.exitCode ? WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode
-                        : WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
-    };
-    EXPECT_EXIT(c.run(), ended, c.text);
-  }
+  for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);
 }
 
 }  // namespace
