@@ -94,6 +94,38 @@ void Shrink(R *array, decltype(R::capacity) newCapacity, size_t eltSize, const c
   array->capacity = newCapacity;
 }
 
+// Heap families: one step of the growth rule, resized in place.
+template <typename R>
+void *Grow(R *array, size_t eltSize, const char *file, uint32_t line, uint64_t maxSize, bool big) {
+  uint64_t next = NextSize(array->capacity, uint64_t(array->capacity) + 1, maxSize, big);
+  array->elements = Allocate_(next * eltSize, array->elements, file, line);
+  array->capacity = static_cast<decltype(R::capacity)>(next);
+  return array->elements;
+}
+
+template <typename R>
+void GrowExact(R *array, decltype(R::capacity) newCapacity, size_t eltSize, const char *file, uint32_t line) {
+  if (array->capacity >= newCapacity) return;
+  array->elements = Allocate_(size_t(newCapacity) * eltSize, array->elements, file, line);
+  array->capacity = newCapacity;
+}
+
+// Copy for the heap families; `next` is the capacity to grow to when the
+// destination is too small. The old contents are discarded before allocating:
+// they would be overwritten anyway.
+template <typename R>
+void CopyInto(R *to, const R *from, size_t eltSize, uint64_t next, const char *file, uint32_t line) {
+  if (to->capacity < from->count) {
+    free(to->elements);
+    to->elements = nullptr;
+    to->capacity = 0;
+    to->elements = Allocate_(next * eltSize, nullptr, file, line);
+    to->capacity = static_cast<decltype(R::capacity)>(next);
+  }
+  if (from->count) memcpy(to->elements, from->elements, size_t(from->count) * eltSize);
+  to->count = from->count;
+}
+
 }  // namespace
 
 extern "C" {
@@ -116,19 +148,12 @@ KZ_API int ArrayInit_(void *array) {
 KZ_API void ArrayFree_(void *array) { FreeRecord(static_cast<Small *>(array)); }
 
 KZ_API void *ArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t line) {
-  auto *a = static_cast<Small *>(array);
-  uint64_t next = ArrayNextSize(a->capacity, uint64_t(a->capacity) + 1, kSmallMax);
-  a->elements = Allocate_(next * eltSize, a->elements, file, line);
-  a->capacity = static_cast<uint32_t>(next);
-  return a->elements;
+  return Grow(static_cast<Small *>(array), eltSize, file, line, kSmallMax, false);
 }
 
 KZ_API void ArrayGrowExact_(void *array, uint32_t newCapacity, size_t eltSize, const char *file, uint32_t line) {
   if (newCapacity >= 2147483647u) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
-  auto *a = static_cast<Small *>(array);
-  if (a->capacity >= newCapacity) return;
-  a->elements = Allocate_(size_t(newCapacity) * eltSize, a->elements, file, line);
-  a->capacity = newCapacity;
+  GrowExact(static_cast<Small *>(array), newCapacity, eltSize, file, line);
 }
 
 KZ_API void ArrayShrink_(void *array, uint32_t newCapacity, size_t eltSize, const char *file, uint32_t line) {
@@ -140,16 +165,8 @@ KZ_API void ArrayCopy_(void *destination, size_t destinationEltSize, const void 
   if (destinationEltSize != sourceEltSize) kzassert_("aSize == bSize", "kzlib/array", 144);
   auto *to = static_cast<Small *>(destination);
   auto *from = static_cast<const Small *>(source);
-  if (to->capacity < from->count) {
-    uint64_t next = ArrayNextSize(to->capacity, from->count, kSmallMax);
-    free(to->elements);  // overwritten anyway: no point in copying it while resizing
-    to->elements = nullptr;
-    to->capacity = 0;
-    to->elements = Allocate_(next * destinationEltSize, nullptr, file, line);
-    to->capacity = static_cast<uint32_t>(next);
-  }
-  if (from->count) memcpy(to->elements, from->elements, size_t(from->count) * destinationEltSize);
-  to->count = from->count;
+  uint64_t next = to->capacity < from->count ? ArrayNextSize(to->capacity, from->count, kSmallMax) : 0;
+  CopyInto(to, from, destinationEltSize, next, file, line);
 }
 
 // ---- 64-bit family ----
@@ -162,20 +179,13 @@ KZ_API int BigArrayInit_(void *array) {
 KZ_API void BigArrayFree_(void *array) { FreeRecord(static_cast<Big *>(array)); }
 
 KZ_API void *BigArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t line) {
-  auto *a = static_cast<Big *>(array);
-  uint64_t next = BigArrayNextSize(a->capacity, a->capacity + 1, kBigMax);
-  a->elements = Allocate_(next * eltSize, a->elements, file, line);
-  a->capacity = next;
-  return a->elements;
+  return Grow(static_cast<Big *>(array), eltSize, file, line, kBigMax, true);
 }
 
 KZ_API void BigArrayGrowExact_(void *array, uint64_t newCapacity, size_t eltSize, const char *file,
                                uint32_t line) {
   if (newCapacity >= 9223372036854775807ull) kzassert_("eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
-  auto *a = static_cast<Big *>(array);
-  if (a->capacity >= newCapacity) return;
-  a->elements = Allocate_(newCapacity * eltSize, a->elements, file, line);
-  a->capacity = newCapacity;
+  GrowExact(static_cast<Big *>(array), newCapacity, eltSize, file, line);
 }
 
 KZ_API void BigArrayShrink_(void *array, uint64_t newCapacity, size_t eltSize, const char *file, uint32_t line) {
@@ -187,18 +197,11 @@ KZ_API void BigArrayCopy_(void *destination, size_t destinationEltSize, const vo
   if (destinationEltSize != sourceEltSize) kzassert_("aSize == bSize", "kzlib/array", 250);
   auto *to = static_cast<Big *>(destination);
   auto *from = static_cast<const Big *>(source);
-  if (to->capacity < from->count) {
-    // The grown capacity is cut to its low 32 bits; programs rely on the
-    // historical behaviour, so the narrowing stays.
-    uint64_t next = static_cast<uint32_t>(BigArrayNextSize(to->capacity, from->count, kBigMax));
-    free(to->elements);
-    to->elements = nullptr;
-    to->capacity = 0;
-    to->elements = Allocate_(next * destinationEltSize, nullptr, file, line);
-    to->capacity = next;
-  }
-  if (from->count) memcpy(to->elements, from->elements, from->count * destinationEltSize);
-  to->count = from->count;
+  // The grown capacity is cut to its low 32 bits; programs rely on the
+  // historical behaviour, so the narrowing stays.
+  uint64_t next =
+      to->capacity < from->count ? static_cast<uint32_t>(BigArrayNextSize(to->capacity, from->count, kBigMax)) : 0;
+  CopyInto(to, from, destinationEltSize, next, file, line);
 }
 
 // ---- mapped family ----

@@ -21,12 +21,10 @@ int AppendFormatted(Record *array, const char *format, va_list args, uint64_t li
   auto ensure = [&](uint64_t needed) {
     if (needed > array->capacity) {
       // The Big family's growth rule never returns a capacity at its limit,
-      // so the needed size itself is checked first.
+      // so the needed size itself is checked first; Reserve checks the grown
+      // capacity against the same limit.
       if (needed >= limit) kzassert_(limitText, "kzlib/array", limitLine);
-      uint64_t next = kz::ArrayView<Record>::kBig ? BigArrayNextSize(array->capacity, needed, kz::ArrayView<Record>::kMax)
-                                                  : ArrayNextSize(array->capacity, needed, kz::ArrayView<Record>::kMax);
-      if (next >= limit) kzassert_(limitText, "kzlib/array", limitLine);
-      view.Reserve(next);
+      view.Reserve(needed);
     }
   };
   ensure(uint64_t(array->count) + 1);

@@ -41,7 +41,6 @@ namespace kz {
 namespace {
 
 constexpr const char *kFile = "kzlib/kzlib";
-constexpr size_t kProgramNameMax = 260;
 
 // 0 not started, 1 running, 2 done.
 std::atomic<int32_t> g_initState{0};
@@ -228,14 +227,7 @@ void RecordProgram(const char *path) {
   free(g_executablePath);
   g_executablePath = found ? Strdup_(found, kFile, __LINE__) : nullptr;
 
-  const char *base = path;
-  for (const char *p = path; *p; p++)
-    if (*p == '/' || *p == '\\') base = p + 1;
-  char name[kProgramNameMax + 1];
-  size_t length = strnlen(base, kProgramNameMax);
-  memcpy(name, base, length);
-  name[length] = '\0';
-  SetProgramName(name);
+  SetProgramName(BaseName(path));  // keeps at most 260 characters
   KZSetLastError(savedLastError);
   errno = savedErrno;
 }

@@ -103,13 +103,6 @@ FILE *ErrorStream() {
   return stream ? stream : stderr;
 }
 
-const char *BaseName(const char *path) {
-  const char *base = path;
-  for (const char *p = path; *p; p++)
-    if (*p == '/' || *p == '\\') base = p + 1;
-  return base;
-}
-
 LazyLock &MessageLock() {
   static LazyLock lock;
   return lock;
@@ -164,6 +157,13 @@ void ContextDestroy() {
   t_context = nullptr;
   pthread_setspecific(g_contextKey, nullptr);
   DestroyContext(context);
+}
+
+const char *BaseName(const char *path) {
+  const char *base = path;
+  for (const char *p = path; *p; p++)
+    if (*p == '/' || *p == '\\') base = p + 1;
+  return base;
 }
 
 const char *ProgramName() { return g_programName; }

@@ -62,12 +62,7 @@ inline void SwapBlocks(char *a, char *b, size_t n) {
 template <SwapKind Kind>
 inline void SwapElements(char *a, char *b, size_t es) {
     if constexpr (Kind == SwapKind::kOneWord) {
-        uint32_t x;
-        uint32_t y;
-        std::memcpy(&x, a, 4);
-        std::memcpy(&y, b, 4);
-        std::memcpy(a, &y, 4);
-        std::memcpy(b, &x, 4);
+        SwapWordBlocks(a, b, 4);
     } else {
         SwapBlocks<Kind>(a, b, es);
     }

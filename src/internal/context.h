@@ -66,6 +66,9 @@ void ContextDestroy();
 extern std::atomic<uint64_t> g_defaultUserWord;
 extern std::atomic<void *> g_defaultUserPointer;
 
+// The part of a path after its last '/' or '\\'.
+const char *BaseName(const char *path);
+
 // The program name used in message lines ("kzlib" until set), guarded by the
 // global lock for writers; readers see a whole NUL-terminated string.
 const char *ProgramName();
