@@ -1,6 +1,7 @@
 // POSIX implementation of the operating-system layer.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -24,8 +25,20 @@ void FailWithError(int error) {
   errno = -1;
 }
 
-// Not cached: a cached value would be the parent's in a forked child.
-uint64_t ThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
+namespace {
+
+// The kernel id is cached per thread; a forked child's only thread forgets the
+// parent's value, which fork copied.
+thread_local uint64_t t_threadId = 0;
+void ForgetThreadId() { t_threadId = 0; }
+const bool kForgetInForkedChild = pthread_atfork(nullptr, nullptr, ForgetThreadId) == 0;
+
+}  // namespace
+
+uint64_t ThreadId() {
+  if (t_threadId == 0) t_threadId = static_cast<uint64_t>(syscall(SYS_gettid));
+  return t_threadId;
+}
 
 uint64_t ProcessId() { return static_cast<uint64_t>(getpid()); }
 
