@@ -26,18 +26,6 @@ constexpr uint64_t kSmallMax = 4294967295ull;
 constexpr uint64_t kBigMax = 9223372036854775807ull;
 constexpr uint64_t kMappedMax = 18446744073709551615ull;
 
-// The exhausted-growth failure is written without the assertion function but
-// in its exact form, straight to the error stream's descriptor.
-[[noreturn]] void GrowthExhausted(const char *expression, uint32_t line) {
-  char text[256];
-  snprintf(text, sizeof text, "'%s' failed at %s:%u\n", expression, "kzlib/array", line);
-  FILE *stream = KZGetMessageStream(1);
-  int fd = stream ? fileno(stream) : -1;
-  kz::os::WriteRaw(fd >= 0 ? fd : 2, text, strlen(text));
-  kz::CallAbortHook(expression, "kzlib/array", line);
-  abort();
-}
-
 // x 1.2 in double precision, back by truncation; values of 2^63 and above
 // convert through the unsigned path.
 uint64_t GrowByFifth(uint64_t c) {
@@ -70,7 +58,8 @@ uint64_t NextSize(uint64_t capacity, uint64_t required, uint64_t maxSize, bool b
     }
     if (c >= required) return c;
   }
-  GrowthExhausted("newCapacity <= maxSize - 1", big ? 185 : 78);
+  // Exhausted growth: the assertion's exact raw write, hook and abort.
+  kzassert_("newCapacity <= maxSize - 1", "kzlib/array", big ? 185 : 78);
 }
 
 template <typename R>

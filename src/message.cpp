@@ -173,6 +173,12 @@ void SetProgramName(const char *baseName) {
   snprintf(g_programName, sizeof g_programName, "%s", baseName);
 }
 
+int ErrorStreamFd() {
+  FILE *stream = KZGetMessageStream(1);
+  int fd = stream ? fileno(stream) : -1;
+  return fd >= 0 ? fd : 2;
+}
+
 void CallAbortHook(const char *text, const char *file, uint32_t line) {
   KZAbortHook hook = g_abortHook.load(std::memory_order_relaxed);
   if (hook) hook(text, file, line);
@@ -262,9 +268,7 @@ KZ_API void kzassert_(const char *expression, const char *file, uint32_t line) {
   // No heap: this path must work when memory is exhausted.
   char text[256];
   snprintf(text, sizeof text, "'%s' failed at %s:%u\n", expression, file, line);
-  FILE *stream = KZGetMessageStream(1);
-  int fd = stream ? fileno(stream) : -1;
-  os::WriteRaw(fd >= 0 ? fd : 2, text, strlen(text));
+  os::WriteRaw(ErrorStreamFd(), text, strlen(text));
   CallAbortHook(expression, file, line);
   abort();
 }

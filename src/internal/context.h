@@ -78,6 +78,10 @@ void SetProgramName(const char *baseName);
 // verbosity.
 extern std::atomic<uint32_t> g_flagWord;
 
+// The descriptor of the error message stream (2 when the stream has none):
+// where raw, allocation-free reports are written.
+int ErrorStreamFd();
+
 // The abort hook, if set (called before abort or exit on fatal paths).
 void CallAbortHook(const char *text, const char *file, uint32_t line);
 

@@ -389,12 +389,6 @@ uintptr_t ContextSp(const ucontext_t *context) {
 #endif
 }
 
-int ErrorStreamFd() {
-  FILE *stream = KZGetMessageStream(1);
-  int fd = stream ? fileno(stream) : -1;
-  return fd >= 0 ? fd : 2;
-}
-
 // ---- ending the process ------------------------------------------------------------
 
 // Default action for the signal, unblocked, raised: the process ends with it.
