@@ -100,6 +100,24 @@ int main(void) {
     RWLockDestroy(&lock);
   }
 
+  /* addresses and URLs */
+  {
+    IPAddr address;
+    URL base, url;
+    UByteArray printed = {0, 0, 0};
+    CHECK(IPAddrSetIP(&address, "[::1]") == 1 && address.family == KZ_FAMILY_IPV6);
+    URLInit(&base);
+    URLInit(&url);
+    CHECK(URLParse("http://Example.COM:80/a/b?q", &base, NULL, 1) == 1);
+    CHECK(URLParse("../c", &url, &base, 1) == 1);
+    CHECK(strcmp(URLPrint(&printed, &url), "http://example.com/c") == 0);
+    CHECK(URLFingerprint(&url, 1) == Fingerprint("example.com/c", 13));
+    CHECK(URLParse("mailto:x", &url, NULL, 1) == 0 && strcmp(KZErrorMessage(), "invalid scheme") == 0);
+    ArrayFree(printed);
+    URLFree(&base);
+    URLFree(&url);
+  }
+
   if (failures) return 1;
   printf("c_consumer: all checks passed\n");
   return 0;

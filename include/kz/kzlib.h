@@ -12,5 +12,7 @@
 #include "kz/init.h"
 #include "kz/thread.h"
 #include "kz/lock.h"
+#include "kz/addr.h"
+#include "kz/url.h"
 
 #endif /* KZ_KZLIB_H */

@@ -24,6 +24,9 @@ struct LocalTime {
 };
 LocalTime Now();
 
+// The system's IPv6 literal parser (no brackets); false when not an address.
+bool ParseIPv6(const char *text, unsigned char address[16]);
+
 // The platform's text for a system error; false when the system has none.
 bool SystemErrorText(int error, char *buffer, size_t size);
 

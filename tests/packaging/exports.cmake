@@ -24,7 +24,8 @@ endif()
 # A few entry points every build must export.
 set(required_symbols Allocate_ ArrayNextSize KZErrorThrow_ KZErrorCode KZErrorMessage
     KZErrorClear KZSetMessageContext2_ KZMessage_ KZLibInit QSort ThreadCreate_ MutexLock
-    ConditionBroadcast ParseDouble UByteArrayPrintf kzlib_major)
+    ConditionBroadcast ParseDouble UByteArrayPrintf kzlib_major IPAddrSetIP URLParse3
+    URLNormalize2 URLFingerprint Fingerprint FingerprintInit URLAcquire)
 
 execute_process(COMMAND "${NM}" -D --defined-only "${KZ_LIBRARY}"
                 OUTPUT_VARIABLE nm_output ERROR_VARIABLE nm_error RESULT_VARIABLE nm_result)

@@ -1,0 +1,12 @@
+// Network helpers over the BSD socket interface.
+#include <arpa/inet.h>
+
+#include "internal/platform.h"
+
+namespace kz::os {
+
+bool ParseIPv6(const char *text, unsigned char address[16]) {
+  return inet_pton(AF_INET6, text, address) == 1;
+}
+
+}  // namespace kz::os

@@ -1,0 +1,1012 @@
+// URLs: parsing with reference resolution, printing, normalisation for
+// comparison, fingerprints and the pool of scratch records.
+//
+// Every normalisation rule decides which spellings count as the same URL in
+// collections keyed by fingerprint, so the rules are kept exactly, including
+// the places where they differ from the textbook algorithms.
+#include "kz/url.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+
+#include "internal/array_view.h"
+#include "internal/context.h"
+#include "internal/fingerprint.h"
+#include "internal/lazy_lock.h"
+#include "internal/startup.h"
+#include "kz/addr.h"
+#include "kz/error.h"
+#include "kz/format.h"
+#include "kz/lock.h"
+#include "kz/memory.h"
+#include "kz/message.h"
+
+namespace {
+
+constexpr const char *kSource = "kzlib/url";
+constexpr uint64_t kGenericError = 0x200000000ull;
+
+struct Scheme {
+  const char *name;
+  uint32_t length;
+  uint32_t defaultPort;
+  bool hierarchical;
+  const char *prefix;  // name + "://", the start of a host fingerprint
+};
+
+constexpr Scheme kSchemes[SCHEME_NUM] = {
+    {"http", 4, 80, true, "http://"},     {"https", 5, 443, true, "https://"},
+    {"ftp", 3, 21, true, "ftp://"},       {"file", 4, 0, true, "file://"},
+    {"mailto", 6, 0, false, "mailto://"}, {"news", 4, 119, false, "news://"},
+};
+
+// Byte classes of the component and user-info rules.
+enum : uint8_t {
+  kAllowed = 1,     // copied as it is in paths, queries, fragments and user info
+  kUnreserved = 2,  // an escape of it is decoded to the byte itself
+  kHex = 4,
+};
+
+struct ByteClasses {
+  uint8_t bits[256] = {};
+  uint8_t hexValue[256] = {};
+  uint8_t latin1Lower[256] = {};
+  constexpr ByteClasses() {
+    for (int c = 'a'; c <= 'z'; ++c) bits[c] |= kAllowed | kUnreserved;
+    for (int c = 'A'; c <= 'Z'; ++c) bits[c] |= kAllowed | kUnreserved;
+    for (int c = '0'; c <= '9'; ++c) bits[c] |= kAllowed | kUnreserved;
+    for (const char *p = "-_.!~*'()"; *p; ++p) bits[static_cast<uint8_t>(*p)] |= kUnreserved;
+    for (const char *p = "-_.!~*'();/?:@&=+$,{}|\\^[]`"; *p; ++p)
+      bits[static_cast<uint8_t>(*p)] |= kAllowed;
+    for (int c = 0; c < 10; ++c) {
+      bits['0' + c] |= kHex;
+      hexValue['0' + c] = static_cast<uint8_t>(c);
+    }
+    for (int c = 0; c < 6; ++c) {
+      bits['a' + c] |= kHex;
+      bits['A' + c] |= kHex;
+      hexValue['a' + c] = hexValue['A' + c] = static_cast<uint8_t>(10 + c);
+    }
+    for (int c = 0; c < 256; ++c) {
+      bool upper = (c >= 'A' && c <= 'Z') || (c >= 0xC0 && c <= 0xDE && c != 0xD7);
+      latin1Lower[c] = static_cast<uint8_t>(upper ? c + 0x20 : c);
+    }
+  }
+};
+constexpr ByteClasses kBytes;
+constexpr char kLowerHex[] = "0123456789abcdef";
+
+inline bool Allowed(uint8_t c) { return kBytes.bits[c] & kAllowed; }
+inline bool IsHex(uint8_t c) { return kBytes.bits[c] & kHex; }
+
+using Bytes = kz::ArrayView<UByteArray>;
+
+Bytes View(UByteArray &array) { return kz::View(array, kSource, 0); }
+
+// Component text of an array: its bytes before the NUL (an array of length 0
+// has none).
+inline uint32_t TextLength(const UByteArray &array) { return array.count ? array.count - 1 : 0; }
+
+void SetEmptyText(UByteArray &array) {
+  array.count = 0;
+  View(array).Append('\0');
+}
+
+// Writes a byte as "%" and two lower-case hexadecimal digits.
+inline unsigned char *PutEscape(unsigned char *out, uint8_t c) {
+  out[0] = '%';
+  out[1] = static_cast<unsigned char>(kLowerHex[c >> 4]);
+  out[2] = static_cast<unsigned char>(kLowerHex[c & 15]);
+  return out + 3;
+}
+
+// Appends the encoded form of [begin, end) to out (no NUL): allowed bytes as
+// they are, blanks and bytes of 128 and above escaped, escapes checked and
+// decoded back to the byte when it is unreserved (else kept, digits in lower
+// case). Any other byte fails the component; out then holds a prefix.
+bool EncodeComponent(UByteArray &out, const unsigned char *begin, const unsigned char *end) {
+  Bytes view = View(out);
+  view.Reserve(uint64_t(out.count) + 3 * uint64_t(end - begin) + 1);
+  unsigned char *w = out.elements + out.count;
+  bool ok = true;
+  for (const unsigned char *p = begin; p < end; ++p) {
+    uint8_t c = *p;
+    if (Allowed(c)) {
+      *w++ = c;
+    } else if (c == ' ' || c >= 128) {
+      w = PutEscape(w, c);
+    } else if (c == '%') {
+      if (end - p < 3 || !IsHex(p[1]) || !IsHex(p[2])) {
+        ok = false;
+        break;
+      }
+      uint8_t decoded = static_cast<uint8_t>(kBytes.hexValue[p[1]] << 4 | kBytes.hexValue[p[2]]);
+      if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved)) *w++ = decoded;
+      else w = PutEscape(w, decoded);
+      p += 2;
+    } else {
+      ok = false;
+      break;
+    }
+  }
+  out.count = static_cast<uint32_t>(w - out.elements);
+  return ok;
+}
+
+void AppendBytes(UByteArray &out, const void *bytes, size_t n) {
+  View(out).Append(static_cast<const unsigned char *>(bytes), n);
+}
+
+bool IsDigit(uint8_t c) { return c >= '0' && c <= '9'; }
+bool IsLetter(uint8_t c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; }
+
+// ---- authority ------------------------------------------------------------------
+
+// Parses "//" [user "@"] host [":" port] from [begin, end) into the record.
+bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *end,
+                    bool eightBitHost) {
+  const unsigned char *p = begin + 2;
+
+  // User info: everything before the first "@", with unsafe bytes escaped
+  // (a "%" is taken as it is here).
+  url.u_user.count = 0;
+  const unsigned char *at = static_cast<const unsigned char *>(std::memchr(p, '@', end - p));
+  if (at) {
+    Bytes user = View(url.u_user);
+    user.Reserve(3 * uint64_t(at - p) + 1);
+    unsigned char *w = url.u_user.elements;
+    for (; p < at; ++p) {
+      uint8_t c = *p;
+      if ((c != 0 && Allowed(c)) || c == '%' || c == ':') *w++ = c;
+      else w = PutEscape(w, c);
+    }
+    url.u_user.count = static_cast<uint32_t>(w - url.u_user.elements);
+    p = at + 1;
+  }
+  View(url.u_user).Append('\0');
+
+  // Host.
+  enum { kNoBracket, kInside, kClosed } bracket = kNoBracket;
+  int colonBudget = 7;
+  uint32_t label = 0;
+  uint32_t dots = 0;
+  bool mayBeIPv4 = true;
+  uint32_t octets[4] = {0, 0, 0, 0};
+  bool portFollows = false;
+
+  url.u_host.count = 0;
+  Bytes host = View(url.u_host);
+  host.Reserve(uint64_t(end - p) + 1);
+  const unsigned char *hostStart = p;
+  for (; p < end; ++p) {
+    uint8_t c = *p;
+    if (bracket == kClosed) {
+      if (c != ':') return false;
+      portFollows = true;
+      ++p;
+      break;
+    }
+    if (c == ':') {
+      if (bracket == kNoBracket) {
+        portFollows = true;
+        ++p;
+        break;
+      }
+      if (colonBudget-- == 0) return false;
+    } else if (c == '.') {
+      if (label == 0 || label >= 256) return false;
+      url.u_host.elements[url.u_host.count++] = c;
+      label = 0;
+      ++dots;
+      if (dots < 4) octets[dots] = 0;
+      else mayBeIPv4 = false;
+      continue;
+    } else if (c == '-' || c == '_') {
+      if (bracket == kInside || label == 0) return false;
+      mayBeIPv4 = false;
+    } else if (c == '[') {
+      if (p != hostStart) return false;
+      bracket = kInside;
+      mayBeIPv4 = false;
+    } else if (c == ']') {
+      if (bracket != kInside || p - hostStart < 2) return false;
+      bracket = kClosed;
+      mayBeIPv4 = false;
+    } else if (IsDigit(c)) {
+      if (mayBeIPv4) {
+        uint32_t &octet = octets[dots];
+        octet = octet * 10 + (c - '0');
+        if (octet >= 256) mayBeIPv4 = false;
+      }
+    } else if (IsLetter(c)) {
+      c |= 0x20;
+      if (bracket == kInside && c > 'f') return false;
+      mayBeIPv4 = false;
+    } else if (c < 128) {
+      return false;
+    } else {
+      // Bytes of 128 and above only where allowed, never inside brackets; the
+      // C library's lower-casing in the default locale leaves them as they are.
+      if (!eightBitHost || bracket == kInside) return false;
+      mayBeIPv4 = false;
+    }
+    url.u_host.elements[url.u_host.count++] = c;
+    ++label;
+  }
+
+  if (bracket == kInside || label >= 256) return false;
+  if (mayBeIPv4 && dots == 3 && label > 0) {
+    // Canonical dotted quad: "010.0.0.1" becomes "10.0.0.1" (decimal, never octal).
+    char quad[16];
+    int n = 0;
+    for (int i = 0; i < 4; ++i) {
+      uint32_t v = octets[i];
+      if (i) quad[n++] = '.';
+      if (v >= 100) quad[n++] = static_cast<char>('0' + v / 100);
+      if (v >= 10) quad[n++] = static_cast<char>('0' + v / 10 % 10);
+      quad[n++] = static_cast<char>('0' + v % 10);
+    }
+    url.u_host.count = 0;
+    AppendBytes(url.u_host, quad, n);
+  } else if (dots > 0 && label == 0) {
+    --url.u_host.count;  // a single trailing dot: "alpha.beta." is "alpha.beta"
+  }
+  if (url.u_host.count == 0 && url.u_scheme != SCHEME_FILE) return false;
+  View(url.u_host).Append('\0');
+
+  // Port: digits only, 1..65535; none (or nothing after ":") is the default.
+  uint32_t port = kSchemes[url.u_scheme].defaultPort;
+  if (portFollows && p < end) {
+    port = 0;
+    for (; p < end; ++p) {
+      if (!IsDigit(*p)) return false;
+      port = port * 10 + (*p - '0');
+      if (port > 65535) return false;
+    }
+    if (port == 0) return false;
+  }
+  url.u_port = static_cast<uint16_t>(port);
+  return true;
+}
+
+// ---- paths --------------------------------------------------------------------------
+
+// An empty path is "/"; anything else must start with "/".
+bool ParseAbsolutePath(UByteArray &path, const unsigned char *begin, const unsigned char *end) {
+  path.count = 0;
+  if (begin == end) {
+    AppendBytes(path, "/", 2);
+    return true;
+  }
+  if (*begin != '/') return false;
+  if (!EncodeComponent(path, begin, end)) return false;
+  View(path).Append('\0');
+  return true;
+}
+
+// Start offsets of the output's segments during a merge. Paths rarely have
+// more than a few dozen segments; deeper ones move to the heap.
+class OffsetStack {
+ public:
+  ~OffsetStack() {
+    if (items_ != inline_) free(items_);
+  }
+  bool empty() const { return size_ == 0; }
+  uint32_t size() const { return size_; }
+  uint32_t top() const { return items_[size_ - 1]; }
+  uint32_t pop() { return items_[--size_]; }
+  void clear() { size_ = 0; }
+  void push(uint32_t offset) {
+    if (size_ == capacity_) {
+      uint32_t next = capacity_ * 2;
+      auto *grown = static_cast<uint32_t *>(
+          Allocate_(sizeof(uint32_t) * next, items_ == inline_ ? nullptr : items_, kSource, 566));
+      if (items_ == inline_) std::memcpy(grown, inline_, sizeof inline_);
+      items_ = grown;
+      capacity_ = next;
+    }
+    items_[size_++] = offset;
+  }
+
+ private:
+  uint32_t inline_[64];
+  uint32_t *items_ = inline_;
+  uint32_t size_ = 0;
+  uint32_t capacity_ = 64;
+};
+
+inline bool IsDot(const unsigned char *s, const unsigned char *e) { return e - s == 1 && s[0] == '.'; }
+inline bool IsDotDot(const unsigned char *s, const unsigned char *e) {
+  return e - s == 2 && s[0] == '.' && s[1] == '.';
+}
+
+inline const unsigned char *NextSlash(const unsigned char *p, const unsigned char *end) {
+  auto *slash = static_cast<const unsigned char *>(std::memchr(p, '/', end - p));
+  return slash ? slash : end;
+}
+
+// Resolves a relative path (non-empty, not starting with "/") against a base
+// path. Differs from the textbook merge on purpose: a trailing "/." or "/.."
+// leaves no "/" behind ("a/." against "/b/c" is "/b/a", "a/.." is "/b").
+bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *relEnd,
+               const unsigned char *base, const unsigned char *baseEnd, bool strict) {
+  out.count = 0;
+  View(out).Reserve(uint64_t(baseEnd - base) + 3 * uint64_t(relEnd - rel) + 2);
+  OffsetStack stack;
+
+  // The base path, its dot segments resolved.
+  for (const unsigned char *s = base; s < baseEnd;) {
+    const unsigned char *e = NextSlash(s + 1, baseEnd);
+    bool last = e == baseEnd;
+    const unsigned char *name = *s == '/' ? s + 1 : s;
+    if (IsDot(name, e)) {
+      if (last) {
+        stack.push(out.count);
+        out.elements[out.count++] = '/';
+      }
+    } else if (IsDotDot(name, e)) {
+      if (stack.empty()) return false;  // above the base's root, strict or not
+      out.count = stack.pop();
+      if (last) {
+        stack.push(out.count);
+        out.elements[out.count++] = '/';
+      }
+    } else {
+      stack.push(out.count);
+      std::memcpy(out.elements + out.count, s, e - s);
+      out.count += static_cast<uint32_t>(e - s);
+    }
+    s = e;
+  }
+
+  // Drop the base's last segment, keeping its directory and the stack size.
+  if (stack.empty()) {
+    if (out.count != 0) kzassert_("ArrayLength(*path) == 0", kSource, 611);
+    stack.push(0);
+    out.elements[out.count++] = '/';
+  } else {
+    out.count = stack.top() + 1;
+  }
+
+  // The first relative segment.
+  const unsigned char *s = rel;
+  const unsigned char *e = NextSlash(s, relEnd);
+  bool more = e != relEnd;
+  if (IsDot(s, e)) {
+    if (more) out.count = stack.pop();
+  } else if (IsDotDot(s, e)) {
+    if (stack.size() >= 2) {
+      stack.pop();
+      out.count = stack.top() + 1;
+    } else if (strict) {
+      return false;
+    } else {
+      out.count = 0;
+      stack.clear();
+    }
+    if (more) out.count = stack.empty() ? 0 : stack.pop();
+  } else if (!EncodeComponent(out, s, e)) {
+    return false;
+  }
+
+  // Further segments, each with its "/".
+  for (s = e; s < relEnd; s = e) {
+    e = NextSlash(s + 1, relEnd);
+    if (IsDot(s + 1, e)) continue;
+    if (IsDotDot(s + 1, e)) {
+      if (!stack.empty()) {
+        out.count = stack.pop();
+      } else if (strict) {
+        return false;
+      } else {
+        out.count = 0;
+      }
+      continue;
+    }
+    stack.push(out.count);
+    if (!EncodeComponent(out, s, e)) return false;
+  }
+
+  if (stack.empty()) View(out).Append('/');
+  View(out).Append('\0');
+  return true;
+}
+
+bool Fail(uint32_t line, const char *message) {
+  KZ_THROW_AT(kSource, line, "URLParse3", kGenericError, "%s", message);
+  return false;
+}
+
+void CheckPath(const UByteArray &path) {
+  if (!(path.count > 1 && path.elements[0] == '/' && path.elements[path.count - 1] == '\0'))
+    kzassert_("ArrayLength(src->u_path) > 1 && ArrayNth(src->u_path, 0) == '/' && "
+              "ArrayLast(src->u_path) == '\\0'",
+              kSource, 1033);
+}
+
+void CheckQuery(const UByteArray &query) {
+  if (!(query.count > 0 && query.elements[query.count - 1] == '\0' &&
+        (query.count == 1 || query.elements[0] == '?')))
+    kzassert_("ArrayLength(src->u_query) > 0 && ArrayLast(src->u_query) == '\\0' && "
+              "(ArrayLength(src->u_query) == 1 || ArrayNth(src->u_query, 0) == '?')",
+              kSource, 1034);
+}
+
+void CheckScheme(uint32_t scheme, uint32_t line) {
+  if (scheme >= SCHEME_NUM) kzassert_("scheme < SCHEME_NUM", kSource, line);
+}
+
+bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool acceptQuery, bool strict,
+               bool eightBitHost) {
+  if (base && (static_cast<uint32_t>(base->u_scheme) >= SCHEME_NUM ||
+               !kSchemes[base->u_scheme].hierarchical))
+    base = nullptr;
+
+  SetEmptyText(url.u_fragment);
+
+  // Scheme.
+  size_t n = std::strcspn(reinterpret_cast<const char *>(text), ":/?#");
+  const unsigned char *p = text;
+  bool hasScheme = false;
+  if (text[n] == ':') {
+    int32_t scheme = -1;
+    for (int32_t i = 0; i < SCHEME_NUM; ++i) {
+      if (kSchemes[i].length == n &&
+          strncasecmp(kSchemes[i].name, reinterpret_cast<const char *>(text), n) == 0) {
+        scheme = i;
+        break;
+      }
+    }
+    if (scheme < 0) return Fail(764, "unsupported scheme");
+    url.u_scheme = scheme;
+    hasScheme = true;
+    p = text + n + 1;
+  } else if (base) {
+    url.u_scheme = base->u_scheme;
+  } else {
+    return Fail(773, "relative url without base");
+  }
+  if (url.u_scheme > SCHEME_FILE) return Fail(777, "invalid scheme");
+
+  // Authority.
+  bool hasAuthority = false;
+  if (p[0] == '/' && p[1] == '/') {
+    const unsigned char *end = p + 2 + std::strcspn(reinterpret_cast<const char *>(p + 2), "/?#");
+    if (!ParseAuthority(url, p, end, eightBitHost)) return Fail(786, "invalid authority");
+    hasAuthority = true;
+    p = end;
+  } else if (hasScheme) {
+    return Fail(791, "missing authority");
+  } else {
+    ArrayCopy_(&url.u_host, 1, &base->u_host, 1, kSource, 794);
+    url.u_port = base->u_port;
+    ArrayCopy_(&url.u_user, 1, &base->u_user, 1, kSource, 796);
+  }
+
+  // Path.
+  const unsigned char *pathEnd = p + std::strcspn(reinterpret_cast<const char *>(p), "?#");
+  bool emptyPath = pathEnd == p;
+  if (hasScheme || hasAuthority || *p == '/') {
+    if (!ParseAbsolutePath(url.u_path, p, pathEnd)) return Fail(805, "invalid absolute path");
+  } else if (!emptyPath) {
+    CheckPath(base->u_path);
+    const unsigned char *basePath = base->u_path.elements;
+    if (!MergePath(url.u_path, p, pathEnd, basePath, basePath + base->u_path.count - 1, strict))
+      return Fail(811, "invalid relative path");
+  } else {
+    ArrayCopy_(&url.u_path, 1, &base->u_path, 1, kSource, 813);
+  }
+  p = pathEnd;
+
+  // Query.
+  if (*p != '?') {
+    if (!hasScheme && !hasAuthority && emptyPath) {
+      CheckQuery(base->u_query);
+      ArrayCopy_(&url.u_query, 1, &base->u_query, 1, kSource, 821);
+    } else {
+      SetEmptyText(url.u_query);
+    }
+  } else {
+    const unsigned char *queryEnd = p + std::strcspn(reinterpret_cast<const char *>(p), "#");
+    if (!acceptQuery) return Fail(827, "invalid query");
+    url.u_query.count = 0;
+    if (!EncodeComponent(url.u_query, p, queryEnd)) return Fail(829, "invalid query");
+    View(url.u_query).Append('\0');
+    p = queryEnd;
+  }
+
+  // Fragment, never taken from the base.
+  if (*p == '#') {
+    const unsigned char *end = p + std::strlen(reinterpret_cast<const char *>(p));
+    url.u_fragment.count = 0;
+    View(url.u_fragment).Append('#');
+    if (!EncodeComponent(url.u_fragment, p + 1, end)) return Fail(839, "invalid fragment");
+    View(url.u_fragment).Append('\0');
+  }
+  return true;
+}
+
+// ---- printing -----------------------------------------------------------------------
+
+uint32_t DecimalDigits(uint32_t v) {
+  uint32_t n = 1;
+  while (v >= 10) {
+    v /= 10;
+    ++n;
+  }
+  return n;
+}
+
+inline bool PrintsPort(const URL &url) { return url.u_port != kSchemes[url.u_scheme].defaultPort; }
+
+// Copies a component as "%s" would: up to its NUL, never past its length.
+inline char *PutText(char *w, const UByteArray &array) {
+  if (array.count == 0) return w;
+  const void *nul = std::memchr(array.elements, 0, array.count);
+  size_t n = nul ? static_cast<const unsigned char *>(nul) - array.elements : array.count;
+  std::memcpy(w, array.elements, n);
+  return w + n;
+}
+
+inline char *PutDecimal(char *w, uint32_t v) {
+  uint32_t digits = DecimalDigits(v);
+  for (uint32_t i = digits; i-- > 0; v /= 10) w[i] = static_cast<char>('0' + v % 10);
+  return w + digits;
+}
+
+// ---- the url pool --------------------------------------------------------------------
+
+struct UrlPool {
+  KZ_ARRAY(URL *) idle = {nullptr, 0, 0};  // released records, most recent last
+  uint32_t count = 0;  // records handed out
+  KZMutex lock = reinterpret_cast<KZMutex>(~uintptr_t(0));
+  KZCondition available = KZ_CONDITION_INITIALIZER;
+};
+
+UrlPool g_urlPool;
+
+enum PoolEvent { kCreated = 0, kReused = 1, kReleased = 2, kCompacted = 3 };
+
+void UrlPoolHook(int event, URL *url) {
+  switch (event) {
+    case kCreated: URLInit(url); break;
+    case kReused: break;    // callers overwrite every component
+    case kReleased: break;  // buffers stay for the next user
+    case kCompacted: URLFree(url); break;
+    default: kzassert_("FALSE", kSource, 111);
+  }
+}
+
+// ---- fingerprint tables -----------------------------------------------------------------
+
+std::atomic<bool> g_fingerprintReady{false};
+kz::LazyLock g_fingerprintLock;
+
+inline void EnsureFingerprintTables() {
+  if (!g_fingerprintReady.load(std::memory_order_acquire)) FingerprintInit();
+}
+
+bool FingerprintStartup() {
+  FingerprintInit();
+  return true;
+}
+
+const bool g_fingerprintRegistered =
+    kz::startup::Register(kz::startup::Step::kFingerprintTables, FingerprintStartup);
+
+inline uint64_t ExtendFolded(uint64_t value, const void *bytes, size_t length) {
+  return kz::fingerprint::FoldEnd(
+      kz::fingerprint::Extend(value, static_cast<const unsigned char *>(bytes), length));
+}
+
+uint64_t HostFingerprint(const URL &url) {
+  const Scheme &scheme = kSchemes[url.u_scheme];
+  uint64_t fp = FINGERPRINT_SEED;
+  if (url.u_scheme != SCHEME_HTTP) fp = ExtendFolded(fp, scheme.prefix, scheme.length + 3);
+  fp = ExtendFolded(fp, url.u_host.elements, TextLength(url.u_host));
+  if (PrintsPort(url)) {
+    char port[8] = {':'};
+    char *end = PutDecimal(port + 1, url.u_port);
+    fp = ExtendFolded(fp, port, end - port);
+  }
+  return fp;
+}
+
+}  // namespace
+
+// ---- scheme table ---------------------------------------------------------------------
+
+KZ_API const char *URLSchemeName(uint32_t scheme) {
+  CheckScheme(scheme, 233);
+  return kSchemes[scheme].name;
+}
+
+KZ_API uint32_t URLSchemePort(uint32_t scheme) {
+  CheckScheme(scheme, 240);
+  return kSchemes[scheme].defaultPort;
+}
+
+KZ_API int URLParseScheme(const char *name, int32_t *scheme) {
+  size_t length = std::strlen(name);
+  for (int32_t i = 0; i < SCHEME_NUM; ++i) {
+    if (kSchemes[i].length == length && strcasecmp(kSchemes[i].name, name) == 0) {
+      *scheme = i;
+      return 1;
+    }
+  }
+  return 0;
+}
+
+// ---- records ----------------------------------------------------------------------------
+
+KZ_API int URLInit(URL *url) {
+  std::memset(url, 0, sizeof *url);
+  return 0;
+}
+
+KZ_API URL *URLNew(void) {
+  auto *url = static_cast<URL *>(Allocate_(sizeof(URL), nullptr, kSource, 290));
+  URLInit(url);
+  return url;
+}
+
+KZ_API void URLFree(URL *url) {
+  for (UByteArray *array : {&url->u_host, &url->u_user, &url->u_path, &url->u_query, &url->u_fragment}) {
+    if (array->capacity != 0) ArrayFree_(array);
+    array->elements = nullptr;
+    array->count = array->capacity = 0;
+  }
+}
+
+KZ_API void URLDelete(URL *url) {
+  URLFree(url);
+  free(url);
+}
+
+KZ_API void URLCopy(URL *destination, const URL *source) {
+  destination->u_scheme = source->u_scheme;
+  destination->u_port = source->u_port;
+  ArrayCopy_(&destination->u_host, 1, &source->u_host, 1, kSource, 320);
+  ArrayCopy_(&destination->u_user, 1, &source->u_user, 1, kSource, 321);
+  ArrayCopy_(&destination->u_path, 1, &source->u_path, 1, kSource, 322);
+  ArrayCopy_(&destination->u_query, 1, &source->u_query, 1, kSource, 323);
+  ArrayCopy_(&destination->u_fragment, 1, &source->u_fragment, 1, kSource, 324);
+}
+
+KZ_API URL *URLAcquire(void) {
+  UrlPool &pool = g_urlPool;
+  MutexLock(&pool.lock);
+  while (pool.count > 0xFFFFFFFEu) ConditionWait(&pool.available, &pool.lock);
+  ++pool.count;
+  URL *url = pool.idle.count ? pool.idle.elements[--pool.idle.count] : nullptr;
+  MutexUnlock(&pool.lock);
+  if (url) {
+    UrlPoolHook(kReused, url);
+  } else {
+    url = static_cast<URL *>(Allocate_(sizeof(URL), nullptr, kSource, 356));
+    UrlPoolHook(kCreated, url);
+  }
+  return url;
+}
+
+KZ_API void URLRelease(URL *url) {
+  UrlPool &pool = g_urlPool;
+  UrlPoolHook(kReleased, url);
+  MutexLock(&pool.lock);
+  kz::View(pool.idle, kSource, 371).Append(url);
+  if (pool.count == 0) kzassert_("(urlPool).t.count > 0", kSource, 372);
+  --pool.count;
+  ConditionSignal(&pool.available);
+  MutexUnlock(&pool.lock);
+}
+
+KZ_API void URLPoolCompact(void) {
+  UrlPool &pool = g_urlPool;
+  MutexLock(&pool.lock);
+  URL **records = pool.idle.elements;
+  uint32_t n = pool.idle.count;
+  pool.idle.elements = nullptr;
+  pool.idle.count = pool.idle.capacity = 0;
+  MutexUnlock(&pool.lock);
+  for (uint32_t i = 0; i < n; ++i) {  // the hook runs outside the lock
+    UrlPoolHook(kCompacted, records[i]);
+    free(records[i]);
+  }
+  free(records);
+}
+
+KZ_API int32_t URLGetScheme(const URL *url) { return url->u_scheme; }
+
+KZ_API int URLIsSimpleHTTP(const URL *url) {
+  return url->u_scheme == SCHEME_HTTP && url->u_user.count < 2;
+}
+
+// ---- parsing -----------------------------------------------------------------------------
+
+KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict,
+                     int eightBitHost) {
+  if (base != url) {
+    return ParseInto(reinterpret_cast<const unsigned char *>(text), *url, base, acceptQuery != 0,
+                     strict != 0, eightBitHost != 0);
+  }
+  // Resolving a record against itself: parse against a copy of the base.
+  URL *copy = URLAcquire();
+  URLCopy(copy, base);
+  bool ok = ParseInto(reinterpret_cast<const unsigned char *>(text), *url, copy, acceptQuery != 0,
+                      strict != 0, eightBitHost != 0);
+  URLRelease(copy);
+  return ok;
+}
+
+KZ_API int URLParse2(const char *text, URL *url, const URL *base, int acceptQuery, int strict) {
+  return URLParse3(text, url, base, acceptQuery, strict, 0);
+}
+
+KZ_API int URLParse(const char *text, URL *url, const URL *base, int acceptQuery) {
+  return URLParse3(text, url, base, acceptQuery, 1, 0);
+}
+
+KZ_API int URLParseAbsolutePath(const char *text, URL *url) {
+  size_t n = std::strcspn(text, "?#");
+  if (text[n] != '\0') return 0;
+  auto *begin = reinterpret_cast<const unsigned char *>(text);
+  return ParseAbsolutePath(url->u_path, begin, begin + n) ? 1 : 0;
+}
+
+KZ_API int URLIsValid(const URL *url) {
+  auto lastIsNul = [](const UByteArray &a) { return a.count > 0 && a.elements[a.count - 1] == '\0'; };
+  // User info and fragment of length 0 mean "none", as normalisation leaves them.
+  auto noneOrText = [&](const UByteArray &a) { return a.count == 0 || lastIsNul(a); };
+  if (static_cast<uint32_t>(url->u_scheme) >= SCHEME_NUM) return 0;
+  if (!lastIsNul(url->u_host) || url->u_host.count < 2) return 0;
+  if (!noneOrText(url->u_user)) return 0;
+  if (!lastIsNul(url->u_path)) return 0;
+  if (kSchemes[url->u_scheme].hierarchical && url->u_path.elements[0] != '/') return 0;
+  if (!lastIsNul(url->u_query) || (url->u_query.count != 1 && url->u_query.elements[0] != '?'))
+    return 0;
+  if (!noneOrText(url->u_fragment) ||
+      (url->u_fragment.count > 1 && url->u_fragment.elements[0] != '#'))
+    return 0;
+  return 1;
+}
+
+// ---- printing -------------------------------------------------------------------------------
+
+KZ_API uint32_t URLPrintSize(const URL *url) {
+  CheckScheme(static_cast<uint32_t>(url->u_scheme), 1101);
+  // Each component's NUL pays for one character of "://"; the user info's
+  // NUL pays for its "@".
+  uint32_t size = kSchemes[url->u_scheme].length + url->u_host.count + url->u_path.count +
+                  url->u_query.count;
+  if (url->u_user.count >= 2) size += url->u_user.count;
+  if (PrintsPort(*url)) size += 1 + DecimalDigits(url->u_port);
+  return size;
+}
+
+KZ_API uint32_t URLPrintBytes(char *buffer, const URL *url) {
+  CheckScheme(static_cast<uint32_t>(url->u_scheme), 1120);
+  const Scheme &scheme = kSchemes[url->u_scheme];
+  char *w = buffer;
+  std::memcpy(w, scheme.prefix, scheme.length + 3);
+  w += scheme.length + 3;
+  if (url->u_user.count >= 2) {
+    w = PutText(w, url->u_user);
+    *w++ = '@';
+  }
+  w = PutText(w, url->u_host);
+  if (PrintsPort(*url)) {
+    *w++ = ':';
+    w = PutDecimal(w, url->u_port);
+  }
+  w = PutText(w, url->u_path);
+  w = PutText(w, url->u_query);
+  *w = '\0';
+  return static_cast<uint32_t>(w - buffer);
+}
+
+KZ_API const char *URLPrint(UByteArray *out, const URL *url) {
+  uint32_t size = URLPrintSize(url);
+  kz::View(*out, kSource, 1152).Reserve(uint64_t(size) + 1);
+  uint32_t written = URLPrintBytes(reinterpret_cast<char *>(out->elements), url);
+  if (written != size) kzassert_("FALSE", kSource, 1155);
+  out->count = size + 1;
+  return reinterpret_cast<const char *>(out->elements);
+}
+
+// ---- normalisation ------------------------------------------------------------------------------
+
+KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
+  CheckScheme(static_cast<uint32_t>(source->u_scheme), 1170);
+  if (!kSchemes[source->u_scheme].hierarchical) {
+    URLCopy(destination, source);
+    return;
+  }
+  URL &dst = *destination;
+  const URL &src = *source;
+  dst.u_scheme = src.u_scheme;
+  dst.u_port = src.u_port;
+  ArrayCopy_(&dst.u_host, 1, &src.u_host, 1, kSource, 1179);
+  dst.u_user.count = 0;
+  dst.u_fragment.count = 0;
+
+  // Query: a lone "?" goes (full only), then trailing "&" are trimmed.
+  CheckQuery(src.u_query);
+  if (full && src.u_query.count <= 2) SetEmptyText(dst.u_query);
+  else ArrayCopy_(&dst.u_query, 1, &src.u_query, 1, kSource, 1186);
+  while (dst.u_query.count > 2 && dst.u_query.elements[dst.u_query.count - 2] == '&') {
+    dst.u_query.elements[dst.u_query.count - 2] = '\0';
+    --dst.u_query.count;
+  }
+
+  // Path, rebuilt with "." and ".." segments resolved.
+  CheckPath(src.u_path);
+  UByteArray &path = dst.u_path;
+  path.count = 0;
+  View(path).Reserve(src.u_path.count + 1);
+  unsigned char *out = path.elements;
+  uint32_t n = 0;
+  const uint8_t *lower = full ? kBytes.latin1Lower : nullptr;
+  auto put = [&](uint8_t c) { out[n++] = lower ? lower[c] : c; };
+  auto dropLastSegment = [&]() {
+    // The output ends in "/": cut back to just after the "/" before it.
+    if (n > 1) {
+      uint32_t i = n - 1;
+      while (i > 0 && out[i - 1] != '/') --i;
+      n = i == 0 ? 1 : i;
+    }
+  };
+  enum { kSegment, kSlash, kDot, kDotDot } state = kSegment;
+  const unsigned char *s = src.u_path.elements;
+  const unsigned char *end = s + src.u_path.count - 1;
+  for (; s < end; ++s) {
+    uint8_t c = *s;
+    switch (state) {
+      case kSegment:
+        put(c);
+        if (c == '/') state = kSlash;
+        break;
+      case kSlash:
+        if (c == '/') {
+          if (!full) put(c);
+        } else if (c == '.') {
+          state = kDot;
+        } else {
+          put(c);
+          state = kSegment;
+        }
+        break;
+      case kDot:
+        if (c == '/') {
+          state = kSlash;
+        } else if (c == '.') {
+          state = kDotDot;
+        } else {
+          put('.');
+          put(c);
+          state = kSegment;
+        }
+        break;
+      case kDotDot:
+        if (c == '/') {
+          dropLastSegment();
+          state = kSlash;
+        } else {
+          put('.');
+          put('.');
+          put(c);
+          state = kSegment;
+        }
+        break;
+    }
+  }
+  if (state == kDotDot) dropLastSegment();
+  out[n++] = '\0';
+  path.count = n;
+
+  if (!full) return;
+
+  // Default documents go, and with them the "/" before them when no query
+  // follows.
+  static constexpr struct {
+    const char *name;
+    uint32_t length;
+  } kDefaultDocuments[] = {{"index.html", 10}, {"index.htm", 9}, {"index.asp", 9},
+                           {"default.htm", 11}, {"default.asp", 11}};
+  bool noQuery = dst.u_query.count == 1;
+  for (;;) {
+    uint32_t length = path.count - 1;
+    uint32_t segment = length;
+    while (segment > 0 && path.elements[segment - 1] != '/') --segment;
+    uint32_t segmentLength = length - segment;
+    bool cut = false;
+    for (const auto &document : kDefaultDocuments) {
+      if (document.length == segmentLength &&
+          std::memcmp(path.elements + segment, document.name, segmentLength) == 0) {
+        cut = true;
+        break;
+      }
+    }
+    if (!cut) break;
+    path.elements[segment] = '\0';
+    path.count = segment + 1;
+    if (noQuery && path.count >= 3) {
+      if (path.elements[path.count - 2] != '/')
+        kzassert_("ArrayNth(dst->u_path, ArrayLength(dst->u_path) - 2) == '/'", kSource, 1262);
+      path.elements[path.count - 2] = '\0';
+      --path.count;
+    }
+  }
+  if (noQuery && path.count > 2 && path.elements[path.count - 2] == '/') {
+    path.elements[path.count - 2] = '\0';
+    --path.count;
+  }
+}
+
+KZ_API void URLNormalize(URL *destination, const URL *source) { URLNormalize2(destination, source, 1); }
+
+// ---- fingerprints and hashes ---------------------------------------------------------------------
+
+KZ_API void FingerprintInit(void) {
+  if (g_fingerprintReady.load(std::memory_order_acquire)) return;
+  kz::LazyLockGuard hold(g_fingerprintLock);
+  if (g_fingerprintReady.load(std::memory_order_relaxed)) return;
+  kz::fingerprint::InitTables();
+  g_fingerprintReady.store(true, std::memory_order_release);
+}
+
+KZ_API uint64_t FingerprintExtend(uint64_t fingerprint, const void *bytes, uint32_t length) {
+  EnsureFingerprintTables();
+  return ExtendFolded(fingerprint, bytes, length);
+}
+
+KZ_API uint64_t Fingerprint(const void *bytes, uint32_t length) {
+  return FingerprintExtend(FINGERPRINT_SEED, bytes, length);
+}
+
+KZ_API uint64_t URLHostFingerprint(const URL *url) {
+  CheckScheme(static_cast<uint32_t>(url->u_scheme), 1301);
+  EnsureFingerprintTables();
+  return HostFingerprint(*url);
+}
+
+KZ_API uint64_t URLFingerprint(const URL *url, int normalise) {
+  CheckScheme(static_cast<uint32_t>(url->u_scheme), 1308);
+  EnsureFingerprintTables();
+  URL *normalised = nullptr;
+  if (normalise) {
+    normalised = URLAcquire();
+    URLNormalize(normalised, url);
+    url = normalised;
+  }
+  uint64_t fp = HostFingerprint(*url);
+  fp = ExtendFolded(fp, url->u_path.elements, TextLength(url->u_path));
+  if (url->u_query.count > 1) fp = ExtendFolded(fp, url->u_query.elements, TextLength(url->u_query));
+  if (normalised) URLRelease(normalised);
+  return fp;
+}
+
+KZ_API uint64_t URLTopDomainHash(const URL *url) {
+  const char *host = reinterpret_cast<const char *>(url->u_host.elements);
+  uint32_t length = url->u_host.count ? static_cast<uint32_t>(strnlen(host, url->u_host.count)) : 0;
+  uint32_t begin = 0, end = length;
+  IPAddr address;
+  if (length > 0 && length < url->u_host.count && IPAddrSetIP(&address, host)) {
+    // An address: up to its second ".", so "10.1.2.3" hashes "10.1".
+    const char *first = static_cast<const char *>(std::memchr(host, '.', length));
+    const char *second =
+        first ? static_cast<const char *>(std::memchr(first + 1, '.', host + length - first - 1)) : nullptr;
+    if (second) end = static_cast<uint32_t>(second - host);
+  } else {
+    // A name: its last two labels, so "a.b.c.d" hashes "c.d".
+    uint32_t dots = 0;
+    for (uint32_t i = length; i-- > 0;) {
+      if (host[i] == '.' && ++dots == 2) {
+        begin = i + 1;
+        break;
+      }
+    }
+  }
+  return Hash32(host + begin, end - begin);
+}
