@@ -53,6 +53,7 @@ struct ByteClasses {
   uint8_t bits[256] = {};
   uint8_t hexValue[256] = {};
   uint8_t latin1Lower[256] = {};
+  uint8_t identity[256] = {};
   constexpr ByteClasses() {
     for (int c = 'a'; c <= 'z'; ++c) bits[c] |= kAllowed | kUnreserved;
     for (int c = 'A'; c <= 'Z'; ++c) bits[c] |= kAllowed | kUnreserved;
@@ -72,6 +73,7 @@ struct ByteClasses {
     for (int c = 0; c < 256; ++c) {
       bool upper = (c >= 'A' && c <= 'Z') || (c >= 0xC0 && c <= 0xDE && c != 0xD7);
       latin1Lower[c] = static_cast<uint8_t>(upper ? c + 0x20 : c);
+      identity[c] = static_cast<uint8_t>(c);
     }
   }
 };
@@ -847,8 +849,8 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
   View(path).Reserve(src.u_path.count + 1);
   unsigned char *out = path.elements;
   uint32_t n = 0;
-  const uint8_t *lower = full ? kBytes.latin1Lower : nullptr;
-  auto put = [&](uint8_t c) { out[n++] = lower ? lower[c] : c; };
+  const uint8_t *map = full ? kBytes.latin1Lower : kBytes.identity;
+  auto put = [&](uint8_t c) { out[n++] = map[c]; };
   auto dropLastSegment = [&]() {
     // The output ends in "/": cut back to just after the "/" before it.
     if (n > 1) {
@@ -864,8 +866,14 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
     uint8_t c = *s;
     switch (state) {
       case kSegment:
+        // Most bytes are inside a segment: copy up to the next "/" in one go.
+        while (c != '/') {
+          put(c);
+          if (++s == end) goto done;
+          c = *s;
+        }
         put(c);
-        if (c == '/') state = kSlash;
+        state = kSlash;
         break;
       case kSlash:
         if (c == '/') {
@@ -902,6 +910,7 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
     }
   }
   if (state == kDotDot) dropLastSegment();
+done:
   out[n++] = '\0';
   path.count = n;
 
