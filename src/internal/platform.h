@@ -74,4 +74,16 @@ KZEvent *EventNew(const char *file, uint32_t line);
 void EventDelete(KZEvent *event);
 bool EventSet(KZEvent *event);
 WaitResult EventWait(KZEvent *event, uint32_t milliseconds);
+
+// Entropy for seeding (src/posix/entropy.cpp): passes pieces that differ from
+// process to process and run to run to feed, each non-empty: kernel random
+// bytes, clock readings, wall time, process, parent and thread ids, user ids,
+// the C runtime's random bytes, the environment block's address and every
+// environment string. errno and the platform's last error are kept.
+using EntropyFeed = void (*)(void *argument, const void *bytes, size_t length);
+void GatherEntropy(EntropyFeed feed, void *argument);
+
+// Registers handler to run in the child of every later fork(), in its only
+// thread, before fork() returns there. False when it could not be registered.
+bool OnForkChild(void (*handler)());
 }  // namespace kz::os
