@@ -35,6 +35,11 @@ static int32_t CompareInts(const void *a, const void *b, void *context) {
     }                                                                      \
   } while (0)
 
+static void CountEntropy(void *argument, const void *bytes, size_t length) {
+  (void)bytes;
+  *(size_t *)argument += length;
+}
+
 int main(void) {
   /* memory */
   char *copy = Strdup("kz");
@@ -116,6 +121,18 @@ int main(void) {
     ArrayFree(printed);
     URLFree(&base);
     URLFree(&url);
+  }
+
+  /* random */
+  {
+    KZRand rng;
+    size_t entropyBytes = 0;
+    CHECK(KZRandInit(&rng, 0) == 11);
+    CHECK(KZRandUInt(&rng) == 0 && KZRandUInt(&rng) == 0x40942Du && KZRandUInt(&rng) == 0xAA8544Eu);
+    CHECK(KZRandZipf(&rng, 2.0) >= 1);
+    CHECK(KZRandULong(NULL) != KZRandULong(NULL));
+    KZRandEntropyGet(CountEntropy, &entropyBytes);
+    CHECK(entropyBytes > 0);
   }
 
   if (failures) return 1;

@@ -14,5 +14,6 @@
 #include "kz/lock.h"
 #include "kz/addr.h"
 #include "kz/url.h"
+#include "kz/random.h"
 
 #endif /* KZ_KZLIB_H */

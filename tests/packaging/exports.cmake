@@ -25,7 +25,7 @@ endif()
 set(required_symbols Allocate_ ArrayNextSize KZErrorThrow_ KZErrorCode KZErrorMessage
     KZErrorClear KZSetMessageContext2_ KZMessage_ KZLibInit QSort ThreadCreate_ MutexLock
     ConditionBroadcast ParseDouble UByteArrayPrintf kzlib_major IPAddrSetIP URLParse3
-    URLNormalize2 URLFingerprint Fingerprint FingerprintInit URLAcquire)
+    URLNormalize2 URLFingerprint Fingerprint FingerprintInit URLAcquire KZRandUInt KZRandZipf)
 
 execute_process(COMMAND "${NM}" -D --defined-only "${KZ_LIBRARY}"
                 OUTPUT_VARIABLE nm_output ERROR_VARIABLE nm_error RESULT_VARIABLE nm_result)
