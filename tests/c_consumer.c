@@ -117,6 +117,15 @@ int main(void) {
     CHECK(URLParse("../c", &url, &base, 1) == 1);
     CHECK(strcmp(URLPrint(&printed, &url), "http://example.com/c") == 0);
     CHECK(URLFingerprint(&url, 1) == Fingerprint("example.com/c", 13));
+    {
+      URL normalised;
+      URLInit(&normalised);
+      URLNormalize(&normalised, &url);
+      CHECK(URLFingerprint(&normalised, 0) == URLFingerprint(&url, 1));
+      CHECK(URLHostFingerprint(&normalised) == URLHostFingerprint(&url));
+      CHECK((URLTopDomainHash(&normalised) >> 32) == 0);
+      URLFree(&normalised);
+    }
     CHECK(URLParse("mailto:x", &url, NULL, 1) == 0 && strcmp(KZErrorMessage(), "invalid scheme") == 0);
     ArrayFree(printed);
     URLFree(&base);
