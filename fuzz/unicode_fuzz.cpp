@@ -4,6 +4,8 @@
 // Input: the first byte picks the starting array (empty, or a few elements
 // with spare room of a chosen size); the rest is the text, read as UTF-8 bytes
 // by the encoders and as bytes, 16-bit units and 32-bit values by the decoders.
+// The encoders also get valid UTF-8 made of the same bytes, with or without
+// one fault put in.
 // Checked, for every converter:
 //   - result, count, contents, terminator and capacity identical to the
 //     reference reader or writer and the growth model, also after a failure;
@@ -114,6 +116,29 @@ int Latin1Decode(UByteArray *a, const uint8_t *in, uint32_t n) {
 
 std::string_view Text(const UByteArray &a) { return {reinterpret_cast<const char *>(a.elements), a.count}; }
 
+// Valid UTF-8 made of the input, two bytes per character (the top two bits
+// pick its length), with the first byte choosing a fault to put in: none, a
+// changed byte or a cut. Random bytes are rarely long valid text, which the
+// block paths need.
+std::string MadeText(const uint8_t *data, size_t size) {
+  std::string text;
+  for (size_t i = 1; i + 1 < size; i += 2) {
+    const uint32_t bits = uint32_t{data[i] & 0x3Fu} << 8 | data[i + 1];
+    switch (data[i] >> 6) {
+      case 0: text += RefWrite(bits & 0x7F); break;
+      case 1: text += RefWrite(0x80 + bits % 0x780); break;
+      case 2: text += RefWrite(0x800 + bits * 4 % 0xF800); break;
+      default: text += RefWrite(0x10000 + bits * 67); break;
+    }
+  }
+  if (!text.empty()) {
+    const size_t at = (size_t{data[0]} * 131 + size) % text.size();
+    if ((data[0] & 0x30) == 0x10) text[at] = static_cast<char>(data[size - 1]);
+    if ((data[0] & 0x30) == 0x20) text.resize(at);
+  }
+  return text;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -124,10 +149,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint32_t capacity0 = room == 0 && count0 == 0 ? 0 : count0 + room;
   const std::string_view text(reinterpret_cast<const char *>(data + 1), size - 1);
 
-  // UTF-8 in.
-  CheckEncoder<UShortArray>(Form::kUCS2, UCS2Encode, text, count0, capacity0, "UCS2Encode");
-  CheckEncoder<UIntArray>(Form::kUCS4, UCS4Encode, text, count0, capacity0, "UCS4Encode");
-  CheckEncoder<UByteArray>(Form::kLatin1, ISO88591Encode, text, count0, capacity0, "ISO88591Encode");
+  // UTF-8 in: the bytes as they are, and text made of them.
+  const std::string made = MadeText(data, size);
+  for (std::string_view in : {text, std::string_view(made)}) {
+    CheckEncoder<UShortArray>(Form::kUCS2, UCS2Encode, in, count0, capacity0, "UCS2Encode");
+    CheckEncoder<UIntArray>(Form::kUCS4, UCS4Encode, in, count0, capacity0, "UCS4Encode");
+    CheckEncoder<UByteArray>(Form::kLatin1, ISO88591Encode, in, count0, capacity0, "ISO88591Encode");
+  }
 
   // Units and code points out of the same bytes.
   std::vector<uint8_t> bytes(text.begin(), text.end());
@@ -147,20 +175,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   UIntArray p{};
   UByteArray b{};
   UByteArray back{};
-  if (UCS2Encode(&u, text.data(), static_cast<uint32_t>(text.size()))) {
-    Require(UCS2Decode(&back, u.elements, u.count) == 1 && Text(back) == text, "UCS2 round trip", size);
-  }
-  back.count = 0;
-  if (UCS4Encode(&p, text.data(), static_cast<uint32_t>(text.size()))) {
-    bool small = true;
-    for (uint32_t i = 0; i < p.count; ++i) small = small && p.elements[i] < 0x200000;
-    Require(UCS4Decode(&back, p.elements, p.count) == 1, "UCS4Decode", size);
-    if (small) Require(Text(back) == text, "UCS4 round trip", size);
-  }
-  back.count = 0;
-  if (ISO88591Encode(&b, text.data(), static_cast<uint32_t>(text.size()))) {
-    Require(ISO88591Decode(&back, reinterpret_cast<const char *>(b.elements), b.count) == 1 && Text(back) == text,
-            "ISO-8859-1 round trip", size);
+  for (std::string_view in : {text, std::string_view(made)}) {
+    const uint32_t n = static_cast<uint32_t>(in.size());
+    u.count = p.count = b.count = back.count = 0;
+    if (UCS2Encode(&u, in.data(), n)) {
+      Require(UCS2Decode(&back, u.elements, u.count) == 1 && Text(back) == in, "UCS2 round trip", size);
+    }
+    back.count = 0;
+    if (UCS4Encode(&p, in.data(), n)) {
+      bool small = true;
+      for (uint32_t i = 0; i < p.count; ++i) small = small && p.elements[i] < 0x200000;
+      Require(UCS4Decode(&back, p.elements, p.count) == 1, "UCS4Decode", size);
+      if (small) Require(Text(back) == in, "UCS4 round trip", size);
+    }
+    back.count = 0;
+    if (ISO88591Encode(&b, in.data(), n)) {
+      Require(ISO88591Decode(&back, reinterpret_cast<const char *>(b.elements), b.count) == 1 && Text(back) == in,
+              "ISO-8859-1 round trip", size);
+    }
   }
   // Decoded output is always valid for the matching encoder.
   u.count = p.count = b.count = back.count = 0;

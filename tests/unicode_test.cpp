@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "kz/array.h"
@@ -397,6 +398,31 @@ TEST_F(Unicode, AppendsToExistingContents) {
   EXPECT_EQ(bytes.count, 8u);
   ArrayFree(units);
   ArrayFree(bytes);
+}
+
+// Converters touch only the caller's array and the calling thread's error
+// record: threads failing in different ways at once each see their own error.
+TEST_F(Unicode, ThreadsKeepTheirOwnErrors) {
+  const std::string_view texts[] = {"\x80 bad"sv, "\xF0\x9F\x98\x80"sv, "ok \xC3\xA9"sv, "cut \xE2\x82"sv};
+  const uint64_t codes[] = {KZ_ERR_PROTOCOL, KZ_ERR_PROTOCOL, 0, 0};
+  const char *messages[] = {"Invalid UTF-8 sequence", "Unicode character larger than FFFF", nullptr, nullptr};
+  bool ok[4] = {false, false, false, false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      bool same = true;
+      for (int round = 0; round < 2000 && same; ++round) {
+        UShortArray units{};
+        KZErrorClear();
+        const int result = UCS2Encode(&units, texts[t].data(), Len(texts[t]));
+        same = result == (t == 2) && KZErrorCode() == codes[t] &&
+               (!messages[t] || std::string(KZErrorMessage()) == messages[t]);
+        ArrayFree(units);
+      }
+      ok[t] = same;
+    });
+  for (auto &thread : threads) thread.join();
+  for (int t = 0; t < 4; ++t) EXPECT_TRUE(ok[t]) << t;
 }
 
 // ---- iconv as an outside peer ------------------------------------------------------------
