@@ -8,8 +8,8 @@
  * it, so the array's elements can be passed to anything that wants a
  * NUL-terminated string. Inputs are a pointer and an element count; they need
  * not be terminated, and a zero element inside them is converted like any
- * other value. Nothing beyond the appended elements and the terminator is
- * written.
+ * other value. When a call returns, nothing in the array has changed but the
+ * appended elements and the terminator (and the capacity, by growth).
  *
  * A null input pointer returns 0 at once: the array is left untouched and no
  * error is recorded. A count of 0 writes only the terminator and returns 1.
