@@ -35,6 +35,9 @@ typedef struct KZBigArray { void *elements; uint64_t count; uint64_t capacity; }
  * keep it NUL-terminated without counting the NUL. */
 typedef struct UByteArray { unsigned char *elements; uint32_t count; uint32_t capacity; } UByteArray;
 typedef struct UByteBigArray { unsigned char *elements; uint64_t count; uint64_t capacity; } UByteBigArray;
+/* 16-bit units and 32-bit code points, the targets of the Unicode converters. */
+typedef struct UShortArray { uint16_t *elements; uint32_t count; uint32_t capacity; } UShortArray;
+typedef struct UIntArray { uint32_t *elements; uint32_t count; uint32_t capacity; } UIntArray;
 typedef KZ_ARRAY(char *) StringPtrArray;
 
 /* ---- 32-bit family ---------------------------------------------------- */

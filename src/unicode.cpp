@@ -1,0 +1,904 @@
+// Conversion between UTF-8 and 16-bit units, 32-bit code points and ISO-8859-1.
+//
+// Every converter has fast paths and a careful one that give the same result
+// element for element:
+//   - blocks of 16 input bytes or elements (SSE2 on x86-64): ASCII blocks move
+//     whole; encoders take runs of 3-byte sequences four at a time and blocks
+//     mixing 1- to 3-byte sequences with a branch-free compaction; decoders
+//     write every element's bytes as one 2- or 4-byte store and advance by its
+//     length. Where SSSE3 is available (checked once at run time), byte
+//     shuffles compact 16-bit values in the encoder and pack 8 elements below
+//     0x800 into one store in the decoders. Elsewhere ASCII moves 8 bytes at a
+//     time;
+//   - single sequences are read with one 32-bit load while at least four bytes
+//     remain and checked with masks;
+//   - anything else - a sequence the masks do not accept, the last three bytes
+//     of the input, a full array - goes through ReadSequence, which checks every
+//     byte against the end before it reads it and classifies the fault.
+// Nothing is written past the appended elements and the terminator. (Decoders
+// use up to 8 bytes of room behind their output as scratch, within capacity,
+// and only where the elements that follow overwrite all of it.)
+// Arrays grow exactly as one element at a time would grow them: an encoder
+// grows by one step only when a value is ready and the array is full; a
+// decoder converts unchecked only as many elements as are guaranteed to find
+// 8 free bytes before them, and grows only when that guarantee runs out.
+#include "kz/unicode.h"
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+// KZ_UNICODE_PORTABLE builds the word-at-a-time paths on x86-64 too, and
+// KZ_UNICODE_NO_SHUFFLE leaves out the SSSE3 kernels, so that every path can
+// be tested on a machine that would not take it.
+#if defined(__SSE2__) && !defined(KZ_UNICODE_PORTABLE)
+#include <emmintrin.h>
+#include <tmmintrin.h>
+#define KZ_UNICODE_SSE2 1
+#endif
+
+#include "internal/context.h"
+#include "kz/array.h"
+#include "kz/error.h"
+#include "kz/message.h"
+
+namespace {
+
+constexpr const char *kSource = "kzlib/unicode/unicode";
+// Error exits of the two UTF-8 readers, and the growth calls (named in the
+// out-of-memory report).
+constexpr uint32_t kReadUTF8Line = 212;
+constexpr uint32_t kReadUTF8_32Line = 287;
+constexpr uint32_t kEncodeGrowLine = 341;
+constexpr uint32_t kDecodeGrowLine = 428;
+// Room for the terminator and the decoders' 8 free bytes is found with this
+// limit; the array must stay below 2^31 elements.
+constexpr uint64_t kReserveLimit = 0x7FFFFFFF;
+
+// ---- loads -------------------------------------------------------------------
+
+inline uint32_t Load32(const uint8_t *p) {
+  uint32_t w;
+  std::memcpy(&w, p, 4);
+  if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap32(w);
+  return w;
+}
+
+// Little-endian stores of the low bytes first.
+inline void Put32(uint8_t *p, uint32_t w) {
+  if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap32(w);
+  std::memcpy(p, &w, 4);
+}
+
+inline void Put16(uint8_t *p, uint16_t w) {
+  if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap16(w);
+  std::memcpy(p, &w, 2);
+}
+
+// ---- growth --------------------------------------------------------------------
+
+// Makes room for `required` elements with the growth rule and the 2^31 limit.
+template <typename Record>
+void ReserveExact(Record *array, uint64_t required, uint32_t line) {
+  uint64_t next = ArrayNextSize(array->capacity, required, kReserveLimit);
+  if (next >= kReserveLimit) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
+  ArrayGrowExact_(array, static_cast<uint32_t>(next), sizeof(*array->elements), kSource, line);
+}
+
+// The terminating zero element at index count, not counted.
+template <typename Record>
+void Terminate(Record *array, uint32_t line) {
+  if (array->capacity < uint64_t(array->count) + 1) ReserveExact(array, uint64_t(array->count) + 1, line);
+  array->elements[array->count] = 0;
+}
+
+// ---- UTF-8 reading -------------------------------------------------------------
+
+enum class Read { kOk, kInvalid, kTooLarge, kTruncated };
+
+// One sequence at p. Every byte is checked against the end before it is read:
+// a sequence cut off by the end is kTruncated even when its bytes so far are
+// already wrong for a later reason (an overlong start), but a byte that is
+// present and not a continuation byte is kInvalid at once. With kFourByte the
+// lead bytes F0-FF start four-byte sequences (masked with 0x0F, so F8-FF are
+// accepted too); without it they are kTooLarge whatever follows. On success p
+// moves past the sequence; on failure it stays at its lead byte.
+template <bool kFourByte>
+Read ReadSequence(const uint8_t *&p, const uint8_t *end, uint32_t &value) {
+  const uint32_t lead = *p;
+  if (lead < 0x80) {
+    value = lead;
+    ++p;
+    return Read::kOk;
+  }
+  if (!(lead & 0x40)) return Read::kInvalid;
+  int trail;
+  uint32_t v;
+  uint32_t least;
+  if (!(lead & 0x20)) {
+    trail = 1, v = lead & 0x1F, least = 0x80;
+  } else if (!(lead & 0x10)) {
+    trail = 2, v = lead & 0x0F, least = 0x800;
+  } else if (!kFourByte) {
+    return Read::kTooLarge;
+  } else {
+    trail = 3, v = lead & 0x0F, least = 0x10000;
+  }
+  const uint8_t *q = p + 1;
+  for (int i = 0; i < trail; ++i) {
+    if (q == end) return Read::kTruncated;
+    const uint32_t c = *q++;
+    if ((c & 0xC0) != 0x80) return Read::kInvalid;
+    v = v << 6 | (c & 0x3F);
+  }
+  if (v < least) return Read::kInvalid;
+  value = v;
+  p = q;
+  return Read::kOk;
+}
+
+// ---- block kernels ------------------------------------------------------------------
+//
+// Encoders call EncodeBlocks while 16 input bytes and 16 free elements remain;
+// it converts whole blocks and returns at a block it does not take, after
+// storing that block's ASCII prefix. Decoders call DecodeRun over input
+// elements that all find 8 free bytes in front of them.
+
+template <typename Unit>
+inline void WidenScalar(Unit *out, const uint8_t *p, uint32_t n) {
+  for (uint32_t i = 0; i < n; ++i) out[i] = p[i];
+}
+
+// One element as UTF-8, exactly its bytes (nothing for 0x200000 and above).
+inline uint8_t *PutUtf8(uint8_t *out, uint32_t v) {
+  if (v < 0x80) {
+    *out++ = static_cast<uint8_t>(v);
+  } else if (v < 0x800) {
+    out[0] = static_cast<uint8_t>(0xC0 | v >> 6);
+    out[1] = static_cast<uint8_t>(0x80 | (v & 0x3F));
+    out += 2;
+  } else if (v < 0x10000) {
+    out[0] = static_cast<uint8_t>(0xE0 | v >> 12);
+    out[1] = static_cast<uint8_t>(0x80 | (v >> 6 & 0x3F));
+    out[2] = static_cast<uint8_t>(0x80 | (v & 0x3F));
+    out += 3;
+  } else if (v < 0x200000) {
+    out[0] = static_cast<uint8_t>(0xF0 | v >> 18);
+    out[1] = static_cast<uint8_t>(0x80 | (v >> 12 & 0x3F));
+    out[2] = static_cast<uint8_t>(0x80 | (v >> 6 & 0x3F));
+    out[3] = static_cast<uint8_t>(0x80 | (v & 0x3F));
+    out += 4;
+  }
+  return out;
+}
+
+enum class Form { kUCS2, kUCS4, kLatin1 };
+
+#if KZ_UNICODE_SSE2
+
+constexpr uint32_t kBlock = 16;
+
+inline __m128i Bytes(int x) { return _mm_set1_epi8(static_cast<char>(x)); }
+inline __m128i Words(int x) { return _mm_set1_epi16(static_cast<short>(x)); }
+inline __m128i Dwords(uint32_t x) { return _mm_set1_epi32(static_cast<int>(x)); }
+// Lanes of b where mask is set, of a elsewhere.
+inline __m128i Select(__m128i mask, __m128i b, __m128i a) {
+  return _mm_or_si128(_mm_and_si128(mask, b), _mm_andnot_si128(mask, a));
+}
+inline __m128i Load(const void *p) { return _mm_loadu_si128(static_cast<const __m128i *>(p)); }
+inline void Store(void *p, __m128i v) { _mm_storeu_si128(static_cast<__m128i *>(p), v); }
+inline uint64_t Low64(__m128i v) { return static_cast<uint64_t>(_mm_cvtsi128_si64(v)); }
+inline uint64_t High64(__m128i v) { return static_cast<uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(v, v))); }
+
+// Input bytes -> output elements.
+template <typename Unit>
+inline void Widen16(Unit *out, __m128i v) {
+  if constexpr (sizeof(Unit) == 1) {
+    Store(out, v);
+  } else {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i lo = _mm_unpacklo_epi8(v, zero);
+    const __m128i hi = _mm_unpackhi_epi8(v, zero);
+    if constexpr (sizeof(Unit) == 2) {
+      Store(out, lo);
+      Store(out + 8, hi);
+    } else {
+      Store(out, _mm_unpacklo_epi16(lo, zero));
+      Store(out + 4, _mm_unpackhi_epi16(lo, zero));
+      Store(out + 8, _mm_unpacklo_epi16(hi, zero));
+      Store(out + 12, _mm_unpackhi_epi16(hi, zero));
+    }
+  }
+}
+
+template <typename Unit>
+inline void Widen8(Unit *out, const uint8_t *p) {
+  if constexpr (sizeof(Unit) == 1) {
+    std::memcpy(out, p, 8);
+  } else {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i lo = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)), zero);
+    if constexpr (sizeof(Unit) == 2) {
+      Store(out, lo);
+    } else {
+      Store(out, _mm_unpacklo_epi16(lo, zero));
+      Store(out + 4, _mm_unpackhi_epi16(lo, zero));
+    }
+  }
+}
+
+template <typename Unit>
+inline void Widen4(Unit *out, const uint8_t *p) {
+  if constexpr (sizeof(Unit) == 1) {
+    std::memcpy(out, p, 4);
+  } else {
+    int32_t w;
+    std::memcpy(&w, p, 4);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i lo = _mm_unpacklo_epi8(_mm_cvtsi32_si128(w), zero);
+    if constexpr (sizeof(Unit) == 2) {
+      _mm_storel_epi64(reinterpret_cast<__m128i *>(out), lo);
+    } else {
+      Store(out, _mm_unpacklo_epi16(lo, zero));
+    }
+  }
+}
+
+// The first k (1-15) bytes of a block are ASCII: store exactly k elements,
+// with two overlapping stores when k allows.
+template <typename Unit>
+inline void WidenPrefix(Unit *out, const uint8_t *p, uint32_t k) {
+  if (k >= 8) {
+    Widen8(out, p);
+    Widen8(out + k - 8, p + k - 8);
+  } else if (k >= 4) {
+    Widen4(out, p);
+    Widen4(out + k - 4, p + k - 4);
+  } else {
+    WidenScalar(out, p, k);
+  }
+}
+
+// ---- byte shuffles (SSSE3, nearly every x86-64 processor) ----
+
+bool HasShuffle() {
+#if defined(KZ_UNICODE_NO_SHUFFLE)
+  return false;
+#else
+  static const bool has = __builtin_cpu_supports("ssse3");
+  return has;
+#endif
+}
+
+// Decoders: eight elements below 0x800 make 8 to 16 bytes; one shuffle, chosen
+// by which of them are ASCII, packs their byte pairs into one 16-byte store.
+struct ShuffleTable {
+  uint8_t index[256][16];
+  uint8_t length[256];
+};
+
+constexpr ShuffleTable MakeShuffleTable() {
+  ShuffleTable t{};
+  for (int mask = 0; mask < 256; ++mask) {
+    int k = 0;
+    for (int j = 0; j < 8; ++j) {
+      t.index[mask][k++] = static_cast<uint8_t>(2 * j);
+      if (!(mask >> j & 1)) t.index[mask][k++] = static_cast<uint8_t>(2 * j + 1);
+    }
+    t.length[mask] = static_cast<uint8_t>(k);
+    for (; k < 16; ++k) t.index[mask][k] = 0x80;  // zero
+  }
+  return t;
+}
+
+alignas(16) constexpr ShuffleTable kShuffle = MakeShuffleTable();
+
+// Encoders: 16-bit lanes of one register. compact[mask] keeps the lanes whose
+// bit is set, in order, zeros behind; up[s] moves lanes up by s, down[s] down
+// by s, filling with zeros.
+struct LaneTables {
+  uint8_t compact[256][16];
+  uint8_t count[256];
+  uint8_t up[9][16];
+  uint8_t down[9][16];
+};
+
+constexpr LaneTables MakeLaneTables() {
+  LaneTables t{};
+  for (int mask = 0; mask < 256; ++mask) {
+    int k = 0;
+    for (int lane = 0; lane < 8; ++lane)
+      if (mask >> lane & 1) {
+        t.compact[mask][2 * k] = static_cast<uint8_t>(2 * lane);
+        t.compact[mask][2 * k + 1] = static_cast<uint8_t>(2 * lane + 1);
+        ++k;
+      }
+    t.count[mask] = static_cast<uint8_t>(k);
+    for (; k < 8; ++k) t.compact[mask][2 * k] = t.compact[mask][2 * k + 1] = 0x80;
+  }
+  for (int shift = 0; shift <= 8; ++shift)
+    for (int lane = 0; lane < 8; ++lane)
+      for (int byte = 0; byte < 2; ++byte) {
+        t.up[shift][2 * lane + byte] = lane >= shift ? static_cast<uint8_t>(2 * (lane - shift) + byte) : 0x80;
+        t.down[shift][2 * lane + byte] = lane + shift < 8 ? static_cast<uint8_t>(2 * (lane + shift) + byte) : 0x80;
+      }
+  return t;
+}
+
+alignas(16) constexpr LaneTables kLanes = MakeLaneTables();
+
+// Four 3-byte sequences in bytes 0-11 of v (a run of CJK text): stores their
+// values and returns true, or returns false when the bytes are anything else.
+template <typename Unit>
+inline bool ThreeByteBlock(__m128i v, Unit *out) {
+  // Lane j holds bytes 3j to 3j + 3.
+  const __m128i lanes = _mm_unpacklo_epi64(_mm_unpacklo_epi32(v, _mm_srli_si128(v, 3)),
+                                           _mm_unpacklo_epi32(_mm_srli_si128(v, 6), _mm_srli_si128(v, 9)));
+  const __m128i form = _mm_cmpeq_epi32(_mm_and_si128(lanes, Dwords(0x00C0C0F0)), Dwords(0x008080E0));
+  // Below 0x800: no bit in the lead's low nibble nor in bit 5 of the first continuation.
+  const __m128i overlong = _mm_cmpeq_epi32(_mm_and_si128(lanes, Dwords(0x200F)), _mm_setzero_si128());
+  if (_mm_movemask_epi8(_mm_andnot_si128(overlong, form)) != 0xFFFF) return false;
+  const __m128i values = _mm_or_si128(_mm_or_si128(_mm_slli_epi32(_mm_and_si128(lanes, Dwords(0x0F)), 12),
+                                                   _mm_srli_epi32(_mm_and_si128(lanes, Dwords(0x3F00)), 2)),
+                                      _mm_srli_epi32(_mm_and_si128(lanes, Dwords(0x3F0000)), 16));
+  if constexpr (sizeof(Unit) == 4) {
+    Store(out, values);
+  } else {
+    // Unsigned 32 -> 16 bits through the signed pack: bias by 0x8000 and back.
+    const __m128i biased = _mm_sub_epi32(values, Dwords(0x8000));
+    const __m128i units = _mm_xor_si128(_mm_packs_epi32(biased, biased), Words(0x8000));
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(out), units);
+  }
+  return true;
+}
+
+// A block of ASCII, 2-byte and 3-byte sequences (for ISO-8859-1: ASCII and
+// C2/C3 sequences only): the value at every position (meaningful where a
+// sequence starts), the positions to keep and the bytes consumed (14-16) - a
+// sequence cut by the block's end is left for the next block.
+struct Mixed {
+  __m128i value[2];  // positions 0-7 and 8-15, 16 bits each
+  __m128i kept;      // 0xFF at kept positions
+  uint32_t keep;     // bit i: position i is kept
+  uint32_t consumed;
+};
+
+// False when the block holds anything else.
+template <Form F>
+__attribute__((always_inline)) inline bool ReadMixed(__m128i v, uint32_t nonAscii, Mixed *m) {
+  // Classes by signed byte value: 80-BF < -64; C2-DF (C2-C3) and E0-EF in between.
+  const __m128i contBytes = _mm_cmplt_epi8(v, Bytes(0xC0));
+  const uint32_t cont = static_cast<uint32_t>(_mm_movemask_epi8(contBytes));
+  const __m128i above = _mm_cmpgt_epi8(v, Bytes(0xC1));
+  const uint32_t lead2 = static_cast<uint32_t>(
+      _mm_movemask_epi8(_mm_and_si128(above, _mm_cmplt_epi8(v, Bytes(F == Form::kLatin1 ? 0xC4 : 0xE0)))));
+  uint32_t lead3 = 0;
+  if constexpr (F != Form::kLatin1)
+    lead3 = static_cast<uint32_t>(
+        _mm_movemask_epi8(_mm_and_si128(_mm_cmpgt_epi8(v, Bytes(0xDF)), _mm_cmplt_epi8(v, Bytes(0xF0)))));
+  if ((cont | lead2 | lead3) != nonAscii) return false;
+  if (cont != ((lead2 << 1 | lead3 << 1 | lead3 << 2) & 0xFFFF)) return false;
+  const uint32_t cut = (lead2 & 0x8000) | (lead3 & 0xC000);
+  const uint32_t consumed = cut ? static_cast<uint32_t>(std::countr_zero(cut)) : 16;
+  const uint32_t within = (1u << consumed) - 1;  // positions of complete sequences
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i next1 = _mm_srli_si128(v, 1);
+  if constexpr (F != Form::kLatin1) {
+    if (lead3) {
+      const __m128i payload = _mm_or_si128(_mm_and_si128(v, Bytes(0x0F)), _mm_and_si128(next1, Bytes(0x20)));
+      if (static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(payload, zero))) & lead3 & within) return false;
+    }
+  }
+  const __m128i next2 = _mm_srli_si128(v, 2);
+  for (int half = 0; half < 2; ++half) {
+    const __m128i cur = half ? _mm_unpackhi_epi8(v, zero) : _mm_unpacklo_epi8(v, zero);
+    const __m128i c1 = _mm_and_si128(half ? _mm_unpackhi_epi8(next1, zero) : _mm_unpacklo_epi8(next1, zero), Words(0x3F));
+    const __m128i two = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(cur, Words(0x1F)), 6), c1);
+    __m128i value = Select(_mm_cmpgt_epi16(cur, Words(0xBF)), two, cur);
+    if constexpr (F != Form::kLatin1) {
+      const __m128i c2 = _mm_and_si128(half ? _mm_unpackhi_epi8(next2, zero) : _mm_unpacklo_epi8(next2, zero), Words(0x3F));
+      const __m128i three = _mm_or_si128(_mm_or_si128(_mm_slli_epi16(cur, 12), _mm_slli_epi16(c1, 6)), c2);
+      value = Select(_mm_cmpgt_epi16(cur, Words(0xDF)), three, value);
+    }
+    m->value[half] = value;
+  }
+  const __m128i positions = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+  m->kept = _mm_andnot_si128(contBytes, _mm_cmplt_epi8(positions, Bytes(static_cast<int>(consumed))));
+  m->keep = ~cont & within;
+  m->consumed = consumed;
+  return true;
+}
+
+// Stores exactly the kept values; returns their number. Position i goes to
+// slot (kept positions up to i) - 1, a prefix sum of the kept flags. Stored
+// from the last position down, a position that is not kept lands in the slot
+// of the next kept position below it, which that one then overwrites;
+// position 0 is always kept, so every store lands inside the kept values.
+template <typename Unit>
+__attribute__((always_inline)) inline uint32_t CompactSlots(const Mixed &m, Unit *out) {
+  __m128i sum = _mm_and_si128(m.kept, Bytes(1));
+  sum = _mm_add_epi8(sum, _mm_slli_si128(sum, 1));
+  sum = _mm_add_epi8(sum, _mm_slli_si128(sum, 2));
+  sum = _mm_add_epi8(sum, _mm_slli_si128(sum, 4));
+  sum = _mm_add_epi8(sum, _mm_slli_si128(sum, 8));
+  // Values and slots move to general registers 64 bits at a time.
+  const __m128i slots = _mm_sub_epi8(sum, Bytes(1));
+  const uint64_t slot[2] = {Low64(slots), High64(slots)};
+  const uint64_t value[4] = {Low64(m.value[0]), High64(m.value[0]), Low64(m.value[1]), High64(m.value[1])};
+#pragma GCC unroll 16
+  for (int i = 15; i >= 0; --i)
+    out[slot[i / 8] >> (8 * (i % 8)) & 0xFF] = static_cast<Unit>(static_cast<uint16_t>(value[i / 4] >> (16 * (i % 4))));
+  return static_cast<uint32_t>(slot[1] >> 56) + 1;
+}
+
+// The same with shuffles, for 16-bit values: each half of the block packs its
+// kept lanes to the front; the first 8 values and the last 8 values (n of them
+// in all, 8 or more) are then assembled with lane shifts and stored, the two
+// stores overlapping, so that exactly the kept values are written. Fewer than
+// 8 values take the slots.
+__attribute__((target("ssse3"))) inline uint32_t CompactShuffle(const Mixed &m, uint16_t *out) {
+  const uint32_t lo = m.keep & 0xFF;
+  const uint32_t hi = m.keep >> 8 & 0xFF;
+  const uint32_t nLo = kLanes.count[lo];
+  const uint32_t nHi = kLanes.count[hi];
+  const uint32_t n = nLo + nHi;
+  if (n < 8) return CompactSlots(m, out);
+  const __m128i front = _mm_shuffle_epi8(m.value[0], Load(kLanes.compact[lo]));
+  const __m128i back = _mm_shuffle_epi8(m.value[1], Load(kLanes.compact[hi]));
+  Store(out, _mm_or_si128(front, _mm_shuffle_epi8(back, Load(kLanes.up[nLo]))));
+  Store(out + n - 8, _mm_or_si128(_mm_shuffle_epi8(front, Load(kLanes.down[n - 8])),
+                                  _mm_shuffle_epi8(back, Load(kLanes.up[8 - nHi]))));
+  return n;
+}
+
+template <Form F, typename Unit, bool kShuffle>
+__attribute__((always_inline)) inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out,
+                                                        Unit *limit) {
+  while (end - p >= kBlock && limit - out >= kBlock) {
+    const __m128i v = Load(p);
+    const uint32_t nonAscii = static_cast<uint32_t>(_mm_movemask_epi8(v));
+    if (nonAscii == 0) {
+      Widen16(out, v);
+      p += kBlock, out += kBlock;
+      continue;
+    }
+    if constexpr (F != Form::kLatin1) {
+      if ((p[0] & 0xF0) == 0xE0 && ThreeByteBlock(v, out)) {
+        p += 12, out += 4;
+        continue;
+      }
+    }
+    Mixed m;
+    if (ReadMixed<F>(v, nonAscii, &m)) {
+      if constexpr (kShuffle) out += CompactShuffle(m, out);
+      else out += CompactSlots(m, out);
+      p += m.consumed;
+      continue;
+    }
+    const uint32_t k = static_cast<uint32_t>(std::countr_zero(nonAscii));
+    if (k) WidenPrefix(out, p, k);
+    p += k, out += k;
+    return;
+  }
+}
+
+__attribute__((target("ssse3"))) void EncodeBlocksShuffle(const uint8_t *&p, const uint8_t *end, uint16_t *&out,
+                                                          uint16_t *limit) {
+  EncodeBlocks<Form::kUCS2, uint16_t, true>(p, end, out, limit);
+}
+
+// Blocks with the shuffles where they serve (16-bit values on a processor
+// that has them), else without.
+template <Form F, typename Unit>
+inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, bool shuffle) {
+  if constexpr (F == Form::kUCS2) {
+    if (shuffle) return EncodeBlocksShuffle(p, end, out, limit);
+  }
+  EncodeBlocks<F, Unit, false>(p, end, out, limit);
+}
+
+// Decoders. Each general block stores 2 or 4 bytes for every element and
+// advances by its length, so up to 3 bytes past its output are scratch; it
+// runs only when at least 3 more elements of the same run follow, whose
+// output (at least a byte each) covers them. Before every element 8 bytes are
+// free, so the stores stay inside the capacity.
+
+// Eight units: 1-3 bytes each.
+inline uint8_t *Ucs2Block(__m128i u, uint8_t *out) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i ascii = _mm_cmpeq_epi16(_mm_and_si128(u, Words(0xFF80)), zero);
+  const __m128i small = _mm_cmpeq_epi16(_mm_and_si128(u, Words(0xF800)), zero);
+  const __m128i last = _mm_or_si128(_mm_and_si128(u, Words(0x3F)), Words(0x80));
+  const __m128i middle = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(u, 6), Words(0x3F)), Words(0x80));
+  const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi16(u, 6), Words(0xC0)), _mm_slli_epi16(last, 8));
+  const __m128i three = _mm_or_si128(_mm_or_si128(_mm_srli_epi16(u, 12), Words(0xE0)), _mm_slli_epi16(middle, 8));
+  const __m128i low = Select(ascii, u, Select(small, two, three));
+  const __m128i high = _mm_andnot_si128(small, last);
+  const __m128i first = _mm_unpacklo_epi16(low, high);
+  const __m128i second = _mm_unpackhi_epi16(low, high);
+  const uint64_t words[4] = {Low64(first), High64(first), Low64(second), High64(second)};
+  // 3 + (-1 if below 0x800) + (-1 if ASCII), one byte per unit.
+  const __m128i lengths = _mm_add_epi16(_mm_add_epi16(Words(3), small), ascii);
+  const uint64_t packed = Low64(_mm_packus_epi16(lengths, lengths));
+#pragma GCC unroll 8
+  for (int j = 0; j < 8; ++j) {
+    Put32(out, static_cast<uint32_t>(words[j / 2] >> (32 * (j % 2))));
+    out += packed >> (8 * j) & 0xFF;
+  }
+  return out;
+}
+
+// Four code points below 0x200000: 1-4 bytes each.
+inline uint8_t *Ucs4Block(__m128i v, uint8_t *out) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i below80 = _mm_cmpeq_epi32(_mm_and_si128(v, Dwords(0xFFFFFF80)), zero);
+  const __m128i below800 = _mm_cmpeq_epi32(_mm_and_si128(v, Dwords(0xFFFFF800)), zero);
+  const __m128i below10000 = _mm_cmpeq_epi32(_mm_and_si128(v, Dwords(0xFFFF0000)), zero);
+  const __m128i b0 = _mm_or_si128(_mm_and_si128(v, Dwords(0x3F)), Dwords(0x80));
+  const __m128i b6 = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(v, 6), Dwords(0x3F)), Dwords(0x80));
+  const __m128i b12 = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(v, 12), Dwords(0x3F)), Dwords(0x80));
+  const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 6), Dwords(0xC0)), _mm_slli_epi32(b0, 8));
+  const __m128i three = _mm_or_si128(_mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 12), Dwords(0xE0)), _mm_slli_epi32(b6, 8)),
+                                     _mm_slli_epi32(b0, 16));
+  const __m128i four = _mm_or_si128(
+      _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 18), Dwords(0xF0)), _mm_slli_epi32(b12, 8)),
+      _mm_or_si128(_mm_slli_epi32(b6, 16), _mm_slli_epi32(b0, 24)));
+  const __m128i bytes = Select(below80, v, Select(below800, two, Select(below10000, three, four)));
+  const uint64_t words[2] = {Low64(bytes), High64(bytes)};
+  const __m128i lengths = _mm_add_epi32(_mm_add_epi32(_mm_add_epi32(Dwords(4), below80), below800), below10000);
+  const __m128i narrow = _mm_packs_epi32(lengths, lengths);
+  const uint64_t packed = Low64(_mm_packus_epi16(narrow, narrow));
+#pragma GCC unroll 4
+  for (int j = 0; j < 4; ++j) {
+    Put32(out, static_cast<uint32_t>(words[j / 2] >> (32 * (j % 2))));
+    out += packed >> (8 * j) & 0xFF;
+  }
+  return out;
+}
+
+// Sixteen ISO-8859-1 bytes: 1-2 bytes each.
+inline uint8_t *Latin1Block(__m128i v, uint8_t *out) {
+  const __m128i zero = _mm_setzero_si128();
+  uint64_t words[4];
+  for (int half = 0; half < 2; ++half) {
+    const __m128i b = half ? _mm_unpackhi_epi8(v, zero) : _mm_unpacklo_epi8(v, zero);
+    const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi16(b, 6), Words(0xC0)),
+                                     _mm_slli_epi16(_mm_or_si128(_mm_and_si128(b, Words(0x3F)), Words(0x80)), 8));
+    const __m128i both = Select(_mm_cmplt_epi16(b, Words(0x80)), b, two);
+    words[2 * half] = Low64(both);
+    words[2 * half + 1] = High64(both);
+  }
+  const uint32_t high = static_cast<uint32_t>(_mm_movemask_epi8(v));
+#pragma GCC unroll 16
+  for (int j = 0; j < 16; ++j) {
+    Put16(out, static_cast<uint16_t>(words[j / 4] >> (16 * (j % 4))));
+    out += 1 + (high >> j & 1);
+  }
+  return out;
+}
+
+// Converts blocks of 8 elements below 0x800 from in[i] on while 16 elements
+// remain: the 16-byte store leaves up to 8 bytes of scratch, which the
+// elements behind the block (8 bytes at least) overwrite. Returns at the first
+// block with a larger element.
+template <typename In>
+__attribute__((target("ssse3"))) void ShuffleRuns(const In *in, uint32_t &i, uint32_t stop, uint8_t *&out) {
+  const __m128i zero = _mm_setzero_si128();
+  while (stop - i >= 16) {
+    __m128i u;
+    if constexpr (sizeof(In) == 1) {
+      u = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(in + i)), zero);
+    } else {
+      u = Load(in + i);
+      if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(u, Words(0xF800)), zero)) != 0xFFFF) return;
+    }
+    const __m128i ascii = _mm_cmpeq_epi16(_mm_and_si128(u, Words(0xFF80)), zero);
+    const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi16(u, 6), Words(0xC0)),
+                                     _mm_slli_epi16(_mm_or_si128(_mm_and_si128(u, Words(0x3F)), Words(0x80)), 8));
+    const uint32_t mask = static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(ascii, zero)));
+    Store(out, _mm_shuffle_epi8(Select(ascii, u, two), Load(kShuffle.index[mask])));
+    out += kShuffle.length[mask];
+    i += 8;
+  }
+}
+
+// Converts in[i, stop).
+template <typename In>
+uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool shuffle) {
+  constexpr uint32_t kGeneral = sizeof(In) == 1 ? 16 : sizeof(In) == 2 ? 8 : 4;
+  const __m128i zero = _mm_setzero_si128();
+  while (i < stop) {
+    if (stop - i >= 16) {
+      // Sixteen ASCII elements: one 16-byte store.
+      __m128i ascii;
+      bool all;
+      if constexpr (sizeof(In) == 1) {
+        ascii = Load(in + i);
+        all = _mm_movemask_epi8(ascii) == 0;
+      } else if constexpr (sizeof(In) == 2) {
+        const __m128i a = Load(in + i);
+        const __m128i b = Load(in + i + 8);
+        all = _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(_mm_or_si128(a, b), Words(0xFF80)), zero)) == 0xFFFF;
+        ascii = _mm_packus_epi16(a, b);
+      } else {
+        const __m128i a = Load(in + i), b = Load(in + i + 4), c = Load(in + i + 8), d = Load(in + i + 12);
+        const __m128i any = _mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d));
+        all = _mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(any, Dwords(0xFFFFFF80)), zero)) == 0xFFFF;
+        ascii = _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d));
+      }
+      if (all) {
+        Store(out, ascii);
+        i += 16, out += 16;
+        continue;
+      }
+    }
+    if constexpr (sizeof(In) <= 2) {
+      if (shuffle && stop - i >= 16 &&
+          (sizeof(In) == 1 ||
+           _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(Load(in + i), Words(0xF800)), zero)) == 0xFFFF)) {
+        ShuffleRuns(in, i, stop, out);
+        continue;
+      }
+    }
+    if (stop - i >= kGeneral + 3) {
+      if constexpr (sizeof(In) == 1) {
+        out = Latin1Block(Load(in + i), out);
+        i += kGeneral;
+        continue;
+      } else if constexpr (sizeof(In) == 2) {
+        out = Ucs2Block(Load(in + i), out);
+        i += kGeneral;
+        continue;
+      } else {
+        // Every value of the block and the 3 behind it must produce bytes.
+        // Eight values below 0x10000 go through the 16-bit block.
+        const __m128i a = Load(in + i);
+        if (stop - i >= 8 + 3 && (in[i + 8] | in[i + 9] | in[i + 10]) < 0x200000) {
+          const __m128i b = Load(in + i + 4);
+          if (_mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(_mm_or_si128(a, b), Dwords(0xFFFF0000)), zero)) ==
+              0xFFFF) {
+            const __m128i biased = _mm_packs_epi32(_mm_sub_epi32(a, Dwords(0x8000)), _mm_sub_epi32(b, Dwords(0x8000)));
+            out = Ucs2Block(_mm_xor_si128(biased, Words(0x8000)), out);
+            i += 8;
+            continue;
+          }
+        }
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(a, Dwords(0xFFE00000)), zero)) == 0xFFFF &&
+            (in[i + 4] | in[i + 5] | in[i + 6]) < 0x200000) {
+          out = Ucs4Block(a, out);
+          i += kGeneral;
+          continue;
+        }
+      }
+    }
+    out = PutUtf8(out, in[i]);
+    ++i;
+  }
+  return out;
+}
+
+#else  // word at a time
+
+constexpr uint32_t kBlock = 8;
+
+inline bool HasShuffle() { return false; }
+
+inline uint64_t Load64(const uint8_t *p) {
+  uint64_t w;
+  std::memcpy(&w, p, 8);
+  if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap64(w);
+  return w;
+}
+
+template <Form F, typename Unit>
+inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, bool) {
+  while (end - p >= kBlock && limit - out >= kBlock) {
+    const uint64_t high = Load64(p) & 0x8080808080808080ull;
+    const uint32_t k = high ? static_cast<uint32_t>(std::countr_zero(high)) / 8 : kBlock;
+    WidenScalar(out, p, k);
+    p += k, out += k;
+    if (high) return;
+  }
+}
+
+template <typename In>
+inline uint32_t AsciiPrefix(const In *in) {
+  if constexpr (sizeof(In) == 1) {
+    const uint64_t high = Load64(in) & 0x8080808080808080ull;
+    return high ? static_cast<uint32_t>(std::countr_zero(high)) / 8 : kBlock;
+  } else {
+    for (uint32_t j = 0; j < kBlock; ++j)
+      if (in[j] >= 0x80) return j;
+    return kBlock;
+  }
+}
+
+// Converts in[i, stop).
+template <typename In>
+uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool) {
+  while (i < stop) {
+    if (stop - i >= kBlock) {
+      const uint32_t k = AsciiPrefix(in + i);
+      for (uint32_t j = 0; j < k; ++j) out[j] = static_cast<uint8_t>(in[i + j]);
+      i += k, out += k;
+      if (k == kBlock) continue;
+    }
+    // A non-ASCII run, or the last elements.
+    do {
+      out = PutUtf8(out, in[i]);
+      ++i;
+    } while (i < stop && (in[i] >= 0x80 || stop - i < kBlock));
+  }
+  return out;
+}
+
+#endif
+
+// ---- encoders: UTF-8 to 16-bit units, code points, ISO-8859-1 --------------------
+
+template <Form F>
+struct EncodeTraits;
+template <>
+struct EncodeTraits<Form::kUCS2> {
+  using Record = UShortArray;
+  static constexpr bool kFourByte = false;
+  static constexpr uint32_t kMaxValue = 0xFFFF;
+};
+template <>
+struct EncodeTraits<Form::kUCS4> {
+  using Record = UIntArray;
+  static constexpr bool kFourByte = true;
+  static constexpr uint32_t kMaxValue = 0x3FFFFF;
+};
+template <>
+struct EncodeTraits<Form::kLatin1> {
+  using Record = UByteArray;
+  static constexpr bool kFourByte = false;
+  static constexpr uint32_t kMaxValue = 0xFF;
+};
+
+template <Form F>
+int Encode(typename EncodeTraits<F>::Record *array, const char *text, uint32_t byteCount) {
+  using Traits = EncodeTraits<F>;
+  using Unit = std::remove_pointer_t<decltype(Traits::Record::elements)>;
+  if (!text) return 0;
+  const uint8_t *p = reinterpret_cast<const uint8_t *>(text);
+  const uint8_t *const end = p + byteCount;
+  Unit *base = array->elements;
+  Unit *out = base + array->count;
+  Unit *limit = base + array->capacity;
+  Read status = Read::kOk;
+  bool failed = false;
+  const bool shuffle = HasShuffle();
+  for (;;) {
+    EncodeBlocks<F>(p, end, out, limit, shuffle);
+    // One sequence at a time: the one the blocks did not take, then back to
+    // the blocks as long as they have room; near the end of the input or of
+    // the array, all the rest.
+    bool toBlocks = false;
+    for (bool first = true; end - p >= 4 && out != limit; first = false) {
+      if (!first && end - p >= kBlock && limit - out >= kBlock) {
+        toBlocks = true;
+        break;
+      }
+      const uint32_t w = Load32(p);
+      if (!(w & 0x80)) {
+        *out++ = static_cast<Unit>(w & 0x7F);
+        ++p;
+        continue;
+      }
+      if constexpr (F == Form::kLatin1) {
+        // C2 or C3 with a continuation byte: 0x80-0xFF.
+        if ((w & 0xC0FE) != 0x80C2) break;
+        *out++ = static_cast<Unit>((w & 0x1F) << 6 | (w >> 8 & 0x3F));
+        p += 2;
+      } else {
+        if ((w & 0xC0E0) == 0x80C0 && (w & 0x1E)) {  // C2-DF, continuation
+          *out++ = static_cast<Unit>((w & 0x1F) << 6 | (w >> 8 & 0x3F));
+          p += 2;
+        } else if ((w & 0xC0C0F0) == 0x8080E0) {  // E0-EF, two continuations
+          const uint32_t v = (w & 0x0F) << 12 | (w >> 2 & 0xFC0) | (w >> 16 & 0x3F);
+          if (v < 0x800) break;
+          *out++ = static_cast<Unit>(v);
+          p += 3;
+        } else if (F == Form::kUCS4 && (w & 0xC0C0C0F0) == 0x808080F0) {  // F0-FF, three continuations
+          const uint32_t v = (w & 0x0F) << 18 | (w << 4 & 0x3F000) | (w >> 10 & 0xFC0) | (w >> 24 & 0x3F);
+          if (v < 0x10000) break;
+          *out++ = static_cast<Unit>(v);
+          p += 4;
+        } else {
+          break;
+        }
+      }
+    }
+    if (toBlocks) continue;
+    // One value the careful way: near the end of the input, at a full array,
+    // or at a sequence the masks did not accept.
+    if (p == end) break;
+    uint32_t value;
+    status = ReadSequence<Traits::kFourByte>(p, end, value);
+    // A value above 0xFF is not representable in ISO-8859-1: a failure
+    // without an error.
+    if (status != Read::kOk || value > Traits::kMaxValue) {
+      failed = true;
+      break;
+    }
+    if (out == limit) {
+      const uint32_t count = static_cast<uint32_t>(out - base);
+      array->count = count;
+      ArrayGrow_(array, sizeof(Unit), kSource, kEncodeGrowLine);
+      base = array->elements, out = base + count, limit = base + array->capacity;
+    }
+    *out++ = static_cast<Unit>(value);
+  }
+  array->count = static_cast<uint32_t>(out - base);
+  if (failed) {
+    const char *function = Traits::kFourByte ? "ReadUTF8_32" : "ReadUTF8Inline";
+    const uint32_t line = Traits::kFourByte ? kReadUTF8_32Line : kReadUTF8Line;
+    if (status == Read::kInvalid) KZ_THROW_AT(kSource, line, function, KZ_ERR_PROTOCOL, "Invalid UTF-8 sequence");
+    if (status == Read::kTooLarge)
+      KZ_THROW_AT(kSource, line, function, KZ_ERR_PROTOCOL, "Unicode character larger than FFFF");
+    return 0;
+  }
+  Terminate(array, kEncodeGrowLine);
+  return 1;
+}
+
+// ---- decoders: 16-bit units, code points, ISO-8859-1 to UTF-8 --------------------
+
+// Most bytes one input element can produce.
+template <typename In>
+constexpr uint32_t kMaxBytes = sizeof(In) == 1 ? 2 : sizeof(In) == 2 ? 3 : 4;
+
+template <typename In>
+int Decode(UByteArray *array, const In *in, uint32_t count) {
+  if (!in) return 0;
+  const bool shuffle = HasShuffle();
+  uint32_t i = 0;
+  while (i < count) {
+    const uint64_t used = array->count;
+    if (array->capacity < used + 8) {
+      ReserveExact(array, used + 8, kDecodeGrowLine);
+      continue;
+    }
+    // Elements 0..n-1 from here all find 8 free bytes: each writes at most
+    // kMaxBytes, so before element j at most j * kMaxBytes are used.
+    const uint64_t n = (array->capacity - used - 8) / kMaxBytes<In> + 1;
+    const uint32_t stop = count - i <= n ? count : i + static_cast<uint32_t>(n);
+    uint8_t *out = DecodeRun(in, i, stop, array->elements + used, shuffle);
+    array->count = static_cast<uint32_t>(out - array->elements);
+    i = stop;
+  }
+  Terminate(array, kDecodeGrowLine);
+  return 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+KZ_API int UCS2Encode(UShortArray *array, const char *utf8, uint32_t byteCount) {
+  return Encode<Form::kUCS2>(array, utf8, byteCount);
+}
+
+KZ_API int UCS2Decode(UByteArray *array, const uint16_t *units, uint32_t unitCount) {
+  return Decode(array, units, unitCount);
+}
+
+KZ_API int UCS4Encode(UIntArray *array, const char *utf8, uint32_t byteCount) {
+  return Encode<Form::kUCS4>(array, utf8, byteCount);
+}
+
+KZ_API int UCS4Decode(UByteArray *array, const uint32_t *codePoints, uint32_t count) {
+  return Decode(array, codePoints, count);
+}
+
+KZ_API int ISO88591Encode(UByteArray *array, const char *utf8, uint32_t byteCount) {
+  return Encode<Form::kLatin1>(array, utf8, byteCount);
+}
+
+KZ_API int ISO88591Decode(UByteArray *array, const char *latin1, uint32_t byteCount) {
+  return Decode(array, reinterpret_cast<const uint8_t *>(latin1), byteCount);
+}
+
+}  // extern "C"
