@@ -132,6 +132,30 @@ int main(void) {
     URLFree(&url);
   }
 
+  /* unicode */
+  {
+    UShortArray units = {0, 0, 0};
+    UIntArray points = {0, 0, 0};
+    UByteArray bytes = {0, 0, 0};
+    CHECK(UCS2Encode(&units, "A\xC3\xA9", 3) == 1);
+    CHECK(units.count == 2 && units.elements[0] == 0x41 && units.elements[1] == 0xE9 && units.elements[2] == 0);
+    CHECK(UCS2Decode(&bytes, units.elements, units.count) == 1);
+    CHECK(bytes.count == 3 && strcmp((const char *)bytes.elements, "A\xC3\xA9") == 0);
+    CHECK(UCS4Encode(&points, "\xF0\x9F\x98\x80", 4) == 1 && points.count == 1 && points.elements[0] == 0x1F600);
+    bytes.count = 0;
+    CHECK(UCS4Decode(&bytes, points.elements, points.count) == 1 && bytes.count == 4);
+    bytes.count = 0;
+    CHECK(ISO88591Encode(&bytes, "\xC3\xBF", 2) == 1 && bytes.count == 1 && bytes.elements[0] == 0xFF);
+    CHECK(ISO88591Decode(&bytes, "\xE9", 1) == 1 && bytes.count == 3);
+    units.count = 0;
+    CHECK(UCS2Encode(&units, "\x80", 1) == 0 && KZErrorCode() == KZ_ERR_PROTOCOL);
+    CHECK(strcmp(KZErrorMessage(), "Invalid UTF-8 sequence") == 0);
+    KZErrorClear();
+    ArrayFree(units);
+    ArrayFree(points);
+    ArrayFree(bytes);
+  }
+
   /* random */
   {
     KZRand rng;

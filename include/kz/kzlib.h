@@ -8,6 +8,7 @@
 #include "kz/error.h"
 #include "kz/message.h"
 #include "kz/format.h"
+#include "kz/unicode.h"
 #include "kz/sort.h"
 #include "kz/init.h"
 #include "kz/thread.h"
