@@ -257,9 +257,10 @@ inline unsigned char *StorePair(unsigned char *to, uint32_t twelveBits) {
   return to + 2;
 }
 
-// Encodes `groups` whole groups of three bytes into 4 x groups characters.
-// `inEnd` is the end of the whole input: eight-byte loads are used while at
-// least eight bytes remain in it.
+// Encodes `groups` whole groups of three bytes into 4 x groups characters:
+// vector steps of four groups first (where available), then two groups per
+// eight-byte load while eight bytes remain before `inEnd` (the end of the whole
+// input), then one group at a time.
 inline unsigned char *EncodeGroups(const unsigned char *in, const unsigned char *inEnd, size_t groups,
                                    unsigned char *to, bool vector) {
 #if KZ_CODEC_X86

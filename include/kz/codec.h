@@ -29,8 +29,7 @@ KZ_BEGIN_DECLS
 
 /* Append the Base64 encoding of length bytes (alphabet A-Z a-z 0-9 + /, "="
  * padding). With breakLines non-zero, a CR LF follows every 76 characters and
- * ends the output unless it is empty, so no line is longer than 76 characters;
- * the padded last group always stays on the line it starts. */
+ * ends the output unless it is empty, so no line is longer than 76 characters. */
 KZ_API void Base64Encode(UByteArray *out, const void *bytes, uint32_t length, int32_t breakLines);
 
 /* Append the bytes of a Base64 text. Every byte outside the 64-character
