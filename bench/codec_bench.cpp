@@ -8,6 +8,8 @@
 //                   OpenSSL block decoder refuses line breaks) on 76-character
 //                   lines ended by CR LF
 //   QPEncode / QPDecode  throughput alone
+//   BM_Base64*Scalar   kzlib's scalar code alone (what processors without the
+//                      vector kernels run), throughput only
 //
 // 64 KiB of random bytes (their encoding for the decoders). kzlib appends to
 // an array whose count is reset before each call, so its storage is reused
@@ -34,6 +36,8 @@
 #ifdef KZ_BENCH_HAVE_GLIB
 #include <glib.h>
 #endif
+
+#include "internal/codec_kernels.h"
 
 namespace {
 
@@ -259,6 +263,32 @@ BENCHMARK(BM_OpenSSLDecodeBlock)->UseManualTime();
 BENCHMARK(BM_GLibDecode)->ArgName("lines")->Arg(0)->Arg(1)->UseManualTime();
 BENCHMARK(BM_GLibDecodeStep)->ArgName("lines")->Arg(0)->Arg(1)->UseManualTime();
 #endif
+
+// ---- the scalar code ---------------------------------------------------------------
+
+void BM_Base64EncodeScalar(benchmark::State &state) {
+  const Inputs &in = Data();
+  Kz kz;
+  kz::CodecUseVectorKernels(false);
+  for (auto _ : state) kz.Encode(in.bytes);
+  kz::CodecUseVectorKernels(true);
+  Expect(kz.str() == in.text, "scalar encode");
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
+}
+
+void BM_Base64DecodeScalar(benchmark::State &state) {
+  const Inputs &in = Data();
+  const std::string &text = state.range(0) ? in.lines : in.text;
+  Kz kz;
+  kz::CodecUseVectorKernels(false);
+  for (auto _ : state) kz.Decode(text);
+  kz::CodecUseVectorKernels(true);
+  Expect(kz.str() == in.bytes, "scalar decode");
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+}
+
+BENCHMARK(BM_Base64EncodeScalar);
+BENCHMARK(BM_Base64DecodeScalar)->ArgName("lines")->Arg(0)->Arg(1);
 
 // ---- quoted-printable ------------------------------------------------------------
 

@@ -150,6 +150,17 @@ TEST(Compress, InflatesZlibStreams) {
       ASSERT_EQ(out.str(), data) << zlibLevel << " " << size;
     }
   }
+  // zlib's plain compress(), into an array that already holds data.
+  const std::string data = Data(100000, true, 5);
+  std::string packed(compressBound(data.size()), '\0');
+  uLongf n = packed.size();
+  ASSERT_EQ(compress(reinterpret_cast<Bytef *>(packed.data()), &n, reinterpret_cast<const Bytef *>(data.data()),
+                     data.size()),
+            Z_OK);
+  packed.resize(n);
+  Out out("held");
+  ASSERT_EQ(s.Inflate(packed, out), 0);
+  EXPECT_EQ(out.str(), "held" + data);
 }
 
 TEST(Compress, EmptyInputIsACompleteEmptyStream) {
