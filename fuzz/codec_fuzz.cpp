@@ -1,0 +1,136 @@
+// Base64 and quoted-printable on any input.
+//
+// Input: the first byte holds the options, the rest is the data.
+//   bit 0  line breaks for the encoders
+//   bit 1  scalar code only (otherwise the vector kernels, where available)
+//   bit 2  the output array starts with a prefix and spare room
+// Checked:
+//   Base64Decode(Base64Encode(x)) == x, with and without line breaks; with
+//     them, the text is the unbroken encoding cut into 76-character lines
+//     each ended by CR LF;
+//   QPDecode(QPEncode(x)) == x without line breaks, == x + CR LF with them
+//     (the CR LF that ends the last line); lines of at most 76 characters;
+//   Base64Decode and QPDecode of the data as a text: never crash, keep the
+//     prefix, count <= capacity, the capacity that appending byte by byte
+//     reaches; Base64Decode equals a character-at-a-time model of the rule,
+//     and the scalar code and the vector kernels agree.
+
+#include "kz/array.h"
+#include "kz/codec.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "internal/codec_kernels.h"
+
+namespace {
+
+constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+void Require(bool condition, const char *what) {
+  if (!condition) {
+    std::fprintf(stderr, "property failed: %s\n", what);
+    std::abort();
+  }
+}
+
+using Coder = void (*)(UByteArray *, const std::string &, int32_t);
+
+void B64Encode(UByteArray *a, const std::string &s, int32_t lines) {
+  Base64Encode(a, s.data(), static_cast<uint32_t>(s.size()), lines);
+}
+void B64Decode(UByteArray *a, const std::string &s, int32_t) {
+  Base64Decode(a, s.data(), static_cast<uint32_t>(s.size()));
+}
+void QPEnc(UByteArray *a, const std::string &s, int32_t lines) {
+  QPEncode(a, s.data(), static_cast<uint32_t>(s.size()), lines);
+}
+void QPDec(UByteArray *a, const std::string &s, int32_t) { QPDecode(a, s.data(), static_cast<uint32_t>(s.size())); }
+
+// Runs the coder on an array that is empty or holds a prefix with spare room,
+// checks the array afterwards and returns what was appended.
+std::string Apply(Coder coder, const std::string &input, int32_t lines, bool prefixed) {
+  constexpr uint32_t kPrefix = 5, kRoom = 37;
+  UByteArray a{};
+  if (prefixed) {
+    a.elements = static_cast<unsigned char *>(std::malloc(kRoom));
+    std::memcpy(a.elements, "head:", kPrefix);
+    a.count = kPrefix;
+    a.capacity = kRoom;
+  }
+  const uint32_t start = a.capacity;
+  coder(&a, input, lines);
+  Require(a.count <= a.capacity, "count <= capacity");
+  Require((a.elements == nullptr) == (a.capacity == 0), "storage exactly when there is capacity");
+  uint64_t expected = start;
+  while (expected < a.count) expected = ArrayNextSize(expected, expected + 1, 4294967295u);
+  Require(a.capacity == expected, "capacity of byte-by-byte appending");
+  const uint32_t skip = prefixed ? kPrefix : 0;
+  Require(!prefixed || std::memcmp(a.elements, "head:", kPrefix) == 0, "prefix kept");
+  std::string appended(reinterpret_cast<const char *>(a.elements) + skip, a.count - skip);
+  std::free(a.elements);
+  return appended;
+}
+
+std::string ModelBase64Decode(const std::string &text) {
+  std::string out;
+  uint32_t value = 0;
+  int pending = 0;
+  for (char c : text) {
+    const size_t v = kAlphabet.find(c);
+    if (v == std::string_view::npos) continue;
+    value = value << 6 | static_cast<uint32_t>(v);
+    if (++pending == 4) {
+      out += static_cast<char>(value >> 16), out += static_cast<char>(value >> 8), out += static_cast<char>(value);
+      value = 0, pending = 0;
+    }
+  }
+  if (pending == 2) out += static_cast<char>(value >> 4);
+  if (pending == 3) out += static_cast<char>(value >> 10), out += static_cast<char>(value >> 2);
+  return out;
+}
+
+bool LinesAtMost76(const std::string &text) {
+  size_t start = 0;
+  for (size_t at; (at = text.find("\r\n", start)) != std::string::npos; start = at + 2)
+    if (at - start > 76) return false;
+  return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  if (size == 0) return 0;
+  const int32_t lines = data[0] & 1;
+  const bool scalar = (data[0] & 2) != 0;
+  const bool prefixed = (data[0] & 4) != 0;
+  const std::string x(reinterpret_cast<const char *>(data + 1), size - 1);
+  kz::CodecUseVectorKernels(!scalar);
+
+  const std::string b64 = Apply(B64Encode, x, lines, prefixed);
+  Require(Apply(B64Decode, b64, 0, prefixed) == x, "Base64 round trip");
+  if (lines) {
+    const std::string flat = Apply(B64Encode, x, 0, false);
+    std::string cut;
+    for (size_t at = 0; at < flat.size(); at += 76) cut += flat.substr(at, 76) + "\r\n";
+    Require(b64 == cut, "Base64 lines of 76 characters");
+  }
+
+  const std::string qp = Apply(QPEnc, x, lines, prefixed);
+  Require(Apply(QPDec, qp, 0, prefixed) == (lines ? x + "\r\n" : x), "quoted-printable round trip");
+  Require(lines ? LinesAtMost76(qp) : qp.find_first_of("\r\n") == std::string::npos, "quoted-printable lines");
+
+  const std::string decoded = Apply(B64Decode, x, 0, prefixed);
+  Require(decoded == ModelBase64Decode(x), "Base64Decode follows the rule");
+  if (!scalar && kz::CodecUseVectorKernels(false)) {
+    Require(Apply(B64Decode, x, 0, prefixed) == decoded, "scalar and vector decoding agree");
+    Require(Apply(B64Encode, x, lines, prefixed) == b64, "scalar and vector encoding agree");
+  }
+  Require(Apply(QPDec, x, 0, prefixed).size() <= x.size(), "QPDecode never grows the text");
+  kz::CodecUseVectorKernels(true);
+  return 0;
+}

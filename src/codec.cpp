@@ -1,0 +1,530 @@
+// Base64 and quoted-printable encoders and lenient decoders, appending to byte
+// arrays.
+//
+// Output growth is that of appending one byte at a time: whenever the array is
+// full it grows by one step of the growth rule. Base64Encode knows its output
+// length and reserves it at once, which lands on the same capacity; the other
+// three write through a Sink that grows one step when it reaches the end.
+#include "kz/codec.h"
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#include "internal/codec_kernels.h"
+#include "kz/array.h"
+#include "kz/memory.h"
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define KZ_CODEC_X86 1
+#include <immintrin.h>
+#endif
+
+namespace {
+
+constexpr const char *kFile = "kzlib/codec";
+constexpr uint64_t kMaxSize = 4294967295u;           // limit of the 32-bit family
+constexpr uint64_t kLargestCapacity = kMaxSize - 1;  // the most the rule hands out
+
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+// ---- output growth ----------------------------------------------------------
+
+// Makes room for `required` bytes. The capacity reached is the one that
+// appending byte by byte reaches (the rule's steps from the current capacity
+// until they cover `required`). A request beyond the largest capacity fails
+// the rule's assertion exactly as the byte-by-byte growth would on its last
+// step, without allocating the 4 GiB in between.
+void Reserve(UByteArray *out, uint64_t required, uint32_t line) {
+  if (required <= out->capacity) return;
+  uint64_t next;
+  if (required > kLargestCapacity) {
+    const uint64_t last = out->capacity > kLargestCapacity ? out->capacity : kLargestCapacity;
+    next = ArrayNextSize(last, last + 1, kMaxSize);  // does not return
+  } else {
+    next = ArrayNextSize(out->capacity, required, kMaxSize);
+  }
+  out->elements = static_cast<unsigned char *>(Allocate_(static_cast<size_t>(next), out->elements, kFile, line));
+  out->capacity = static_cast<uint32_t>(next);
+}
+
+// Writes into the array's spare capacity; Put grows by one step of the rule
+// when the storage is full. Finish stores the count.
+class Sink {
+ public:
+  Sink(UByteArray *out, uint32_t line)
+      : out_(out), p_(out->elements + out->count), end_(out->elements + out->capacity), line_(line) {}
+
+  size_t Room() const { return static_cast<size_t>(end_ - p_); }
+  unsigned char *At() const { return p_; }
+  void Advance(size_t n) { p_ += n; }
+
+  void Put(unsigned char byte) {
+    if (p_ == end_) Grow();
+    *p_++ = byte;
+  }
+
+  void Finish() { out_->count = static_cast<uint32_t>(p_ - out_->elements); }
+
+ private:
+  [[gnu::noinline]] void Grow() {
+    const uint64_t count = static_cast<uint64_t>(p_ - out_->elements);
+    Reserve(out_, count + 1, line_);
+    p_ = out_->elements + count;
+    end_ = out_->elements + out_->capacity;
+  }
+
+  UByteArray *out_;
+  unsigned char *p_;
+  unsigned char *end_;
+  uint32_t line_;
+};
+
+// 8 bytes in memory order from a value whose most significant byte comes first.
+inline void StoreBigEndian64(unsigned char *to, uint64_t value) {
+  if constexpr (std::endian::native == std::endian::little) value = __builtin_bswap64(value);
+  std::memcpy(to, &value, 8);
+}
+
+inline void StoreBigEndian32(unsigned char *to, uint32_t value) {
+  if constexpr (std::endian::native == std::endian::little) value = __builtin_bswap32(value);
+  std::memcpy(to, &value, 4);
+}
+
+inline uint64_t LoadBigEndian64(const unsigned char *from) {
+  uint64_t value;
+  std::memcpy(&value, from, 8);
+  if constexpr (std::endian::native == std::endian::little) value = __builtin_bswap64(value);
+  return value;
+}
+
+// ---- Base64 tables ----------------------------------------------------------
+
+// Two output characters for every 12-bit value, first character in the low
+// byte on little-endian machines (in memory order, that is).
+constexpr std::array<uint16_t, 4096> MakePairs() {
+  std::array<uint16_t, 4096> pairs{};
+  for (unsigned v = 0; v < 4096; ++v) {
+    const auto first = static_cast<uint16_t>(static_cast<unsigned char>(kAlphabet[v >> 6]));
+    const auto second = static_cast<uint16_t>(static_cast<unsigned char>(kAlphabet[v & 63]));
+    pairs[v] = std::endian::native == std::endian::little ? static_cast<uint16_t>(first | second << 8)
+                                                          : static_cast<uint16_t>(first << 8 | second);
+  }
+  return pairs;
+}
+constexpr std::array<uint16_t, 4096> kPairs = MakePairs();
+
+// The value of a character shifted into its place in a group of four
+// (position 0 = bits 23-18 ... position 3 = bits 5-0); kBad for every byte
+// outside the alphabet, above all 24 value bits so one test covers a group.
+constexpr uint32_t kBad = 0x01000000u;
+struct DecodeTables {
+  uint32_t shifted[4][256];
+};
+constexpr DecodeTables MakeDecodeTables() {
+  DecodeTables t{};
+  for (int position = 0; position < 4; ++position)
+    for (int c = 0; c < 256; ++c) t.shifted[position][c] = kBad;
+  for (uint32_t v = 0; v < 64; ++v) {
+    const auto c = static_cast<unsigned char>(kAlphabet[v]);
+    for (int position = 0; position < 4; ++position) t.shifted[position][c] = v << (18 - 6 * position);
+  }
+  return t;
+}
+constexpr DecodeTables kDecode = MakeDecodeTables();
+constexpr const uint32_t *kValue = kDecode.shifted[3];  // the plain 6-bit value or kBad
+
+// The 24-bit value of four characters, with kBad set if any of them is outside
+// the alphabet.
+inline uint32_t Group(const unsigned char *in) {
+  return kDecode.shifted[0][in[0]] | kDecode.shifted[1][in[1]] | kDecode.shifted[2][in[2]] |
+         kDecode.shifted[3][in[3]];
+}
+
+// ---- vector kernels ---------------------------------------------------------------
+//
+// On x86-64 processors with SSSE3 (checked at run time) whole blocks go
+// through 16-byte vector steps; the scalar code does everything else and is
+// the whole implementation elsewhere. Both give the same bytes.
+
+#if KZ_CODEC_X86
+
+// Static initialisation may run before the compiler's own CPU detection.
+bool HaveSsse3() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("ssse3") != 0;
+}
+
+std::atomic<bool> g_vectorKernels{HaveSsse3()};
+
+// 12 bytes -> 16 characters per step: the bytes of each group spread over a
+// 32-bit lane, the four 6-bit indices cut out with two multiplies, then
+// turned into characters by adding an offset chosen by index range
+// (A-Z +65, a-z +71, 0-9 -4, "+" -19, "/" -16). Returns the groups done.
+__attribute__((target("ssse3"))) size_t EncodeBlocksVector(const unsigned char *in, const unsigned char *inEnd,
+                                                           size_t groups, unsigned char *to) {
+  const __m128i spread = _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
+  const __m128i offsets = _mm_setr_epi8(71, -4, -4, -4, -4, -4, -4, -4, -4, -4, -4, -19, -16, 65, 0, 0);
+  size_t done = 0;
+  while (groups - done >= 4 && inEnd - in >= 16) {
+    const __m128i v = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in)), spread);
+    const __m128i ac = _mm_mulhi_epu16(_mm_and_si128(v, _mm_set1_epi32(0x0FC0FC00)), _mm_set1_epi32(0x04000040));
+    const __m128i bd = _mm_mullo_epi16(_mm_and_si128(v, _mm_set1_epi32(0x003F03F0)), _mm_set1_epi32(0x01000010));
+    const __m128i index = _mm_or_si128(ac, bd);
+    // 0 for a-z, 1-10 for 0-9, 11 "+", 12 "/", 13 for A-Z.
+    __m128i range = _mm_subs_epu8(index, _mm_set1_epi8(51));
+    range = _mm_or_si128(range, _mm_and_si128(_mm_cmpgt_epi8(_mm_set1_epi8(26), index), _mm_set1_epi8(13)));
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(to), _mm_add_epi8(index, _mm_shuffle_epi8(offsets, range)));
+    in += 12, to += 16, done += 4;
+  }
+  return done;
+}
+
+struct Decoded {
+  size_t chars;  // characters used: whole groups and the bytes skipped between them
+  size_t bytes;  // bytes written
+};
+
+// 16 characters -> 12 bytes per step while `room` allows. In a block holding a
+// byte outside the alphabet, the whole groups in front of that byte are
+// written; if they end at the bad byte, bytes outside the alphabet are skipped
+// and the run goes on, otherwise it ends there.
+//
+// Validity: the high nibble of a character picks a class bit (0x01 for 2x,
+// 0x02 for 3x, 0x04 for 4x and 6x, 0x08 for 5x and 7x, 0x10 for every other
+// row, bytes 128-255 included); the low nibble picks the classes in which that
+// column is not in the alphabet. The value is the character plus an offset
+// chosen by the high nibble, "/" moved down one row to part it from "+".
+__attribute__((target("ssse3"))) Decoded DecodeBlocksVector(const unsigned char *in, size_t chars, unsigned char *to,
+                                                            size_t room) {
+  const __m128i invalidColumns = _mm_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13,
+                                               0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
+  const __m128i rowClass = _mm_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10,
+                                         0x10, 0x10, 0x10, 0x10);
+  const __m128i rowOffset = _mm_setr_epi8(0, 16, 19, 4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0);
+  const __m128i nibble = _mm_set1_epi8(0x0F);
+  const __m128i toBigEndian = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+  Decoded done{0, 0};
+  while (chars - done.chars >= 16 && room - done.bytes >= 12) {
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + done.chars));
+    const __m128i high = _mm_and_si128(_mm_srli_epi32(c, 4), nibble);
+    const __m128i bad = _mm_and_si128(_mm_shuffle_epi8(invalidColumns, _mm_and_si128(c, nibble)),
+                                      _mm_shuffle_epi8(rowClass, high));
+    const unsigned validMask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bad, _mm_setzero_si128())));
+    const __m128i slash = _mm_cmpeq_epi8(c, _mm_set1_epi8('/'));
+    const __m128i values = _mm_add_epi8(c, _mm_shuffle_epi8(rowOffset, _mm_add_epi8(high, slash)));
+    // a b c d (6 bits each) -> ab cd (12 bits) -> abcd (24 bits) per lane, then big-endian bytes.
+    const __m128i pairs = _mm_maddubs_epi16(values, _mm_set1_epi32(0x01400140));
+    const __m128i groups = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
+    const __m128i bytes = _mm_shuffle_epi8(groups, toBigEndian);
+    unsigned char *const at = to + done.bytes;
+    if (validMask == 0xFFFF) {
+      _mm_storel_epi64(reinterpret_cast<__m128i *>(at), bytes);
+      const uint32_t last = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(bytes, 8)));
+      std::memcpy(at + 8, &last, 4);
+      done.chars += 16, done.bytes += 12;
+      continue;
+    }
+    const unsigned good = static_cast<unsigned>(__builtin_ctz(~validMask));  // characters before the first bad byte
+    const unsigned whole = good / 4;
+    alignas(16) unsigned char block[16];
+    _mm_store_si128(reinterpret_cast<__m128i *>(block), bytes);
+    std::memcpy(at, block, 3 * whole);
+    done.chars += 4 * whole, done.bytes += 3 * whole;
+    if (good % 4 != 0) break;  // a group left open: the caller goes on one character at a time
+    // At a group boundary (a line break after whole groups, say): skip the
+    // bytes outside the alphabet and go on.
+    while (done.chars < chars && (kValue[in[done.chars]] & kBad)) ++done.chars;
+  }
+  return done;
+}
+
+inline bool UseVector() { return g_vectorKernels.load(std::memory_order_relaxed); }
+
+#else
+
+inline bool UseVector() { return false; }
+
+#endif
+
+// ---- Base64 encoding ----------------------------------------------------------
+
+inline unsigned char *StorePair(unsigned char *to, uint32_t twelveBits) {
+  std::memcpy(to, &kPairs[twelveBits], 2);
+  return to + 2;
+}
+
+// Encodes `groups` whole groups of three bytes into 4 x groups characters:
+// vector steps of four groups first (where available), then two groups per
+// eight-byte load while eight bytes remain before `inEnd` (the end of the whole
+// input), then one group at a time.
+inline unsigned char *EncodeGroups(const unsigned char *in, const unsigned char *inEnd, size_t groups,
+                                   unsigned char *to, bool vector) {
+#if KZ_CODEC_X86
+  if (vector) {
+    const size_t done = EncodeBlocksVector(in, inEnd, groups, to);
+    in += 3 * done, to += 4 * done, groups -= done;
+  }
+#else
+  (void)vector;
+#endif
+  while (groups >= 2 && inEnd - in >= 8) {  // 6 bytes -> 8 characters
+    const uint64_t v = LoadBigEndian64(in);
+    const uint64_t out = uint64_t{kPairs[(v >> 52) & 0xFFF]} | uint64_t{kPairs[(v >> 40) & 0xFFF]} << 16 |
+                         uint64_t{kPairs[(v >> 28) & 0xFFF]} << 32 | uint64_t{kPairs[(v >> 16) & 0xFFF]} << 48;
+    if constexpr (std::endian::native == std::endian::little) {
+      std::memcpy(to, &out, 8);
+    } else {
+      const uint16_t pieces[4] = {static_cast<uint16_t>(out), static_cast<uint16_t>(out >> 16),
+                                  static_cast<uint16_t>(out >> 32), static_cast<uint16_t>(out >> 48)};
+      std::memcpy(to, pieces, 8);
+    }
+    in += 6, to += 8, groups -= 2;
+  }
+  for (; groups > 0; --groups, in += 3) {
+    const uint32_t v = uint32_t{in[0]} << 16 | uint32_t{in[1]} << 8 | in[2];
+    to = StorePair(StorePair(to, v >> 12), v & 0xFFF);
+  }
+  return to;
+}
+
+// The last one or two bytes: three or two characters and "=" padding.
+inline unsigned char *EncodeTail(const unsigned char *in, size_t left, unsigned char *to) {
+  const uint32_t v = uint32_t{in[0]} << 16 | (left == 2 ? uint32_t{in[1]} << 8 : 0);
+  to[0] = static_cast<unsigned char>(kAlphabet[v >> 18]);
+  to[1] = static_cast<unsigned char>(kAlphabet[(v >> 12) & 63]);
+  to[2] = left == 2 ? static_cast<unsigned char>(kAlphabet[(v >> 6) & 63]) : '=';
+  to[3] = '=';
+  return to + 4;
+}
+
+constexpr size_t kGroupsPerLine = 19;  // 19 x 4 = 76 characters
+
+}  // namespace
+
+extern "C" {
+
+KZ_API void Base64Encode(UByteArray *out, const void *bytes, uint32_t length, int32_t breakLines) {
+  const auto *in = static_cast<const unsigned char *>(bytes);
+  const unsigned char *const inEnd = in + length;
+  const size_t groups = length / 3;
+  const size_t left = length % 3;
+  uint64_t total = 4 * (uint64_t{groups} + (left ? 1 : 0));
+  if (breakLines) {
+    // A break after every 19 whole groups; the padded group joins the last
+    // line without a check; a final break ends a non-empty last line.
+    const bool lastLineOpen = groups % kGroupsPerLine != 0 || left != 0;
+    total += 2 * (groups / kGroupsPerLine + (lastLineOpen ? 1 : 0));
+  }
+  if (total == 0) return;
+  Reserve(out, uint64_t{out->count} + total, 188);
+  const bool vector = UseVector();
+  unsigned char *to = out->elements + out->count;
+  if (!breakLines) {
+    to = EncodeGroups(in, inEnd, groups, to, vector);
+    in += 3 * groups;
+    if (left) to = EncodeTail(in, left, to);
+  } else {
+    size_t lineGroups = 0;
+    for (size_t remaining = groups; remaining > 0;) {
+      const size_t n = remaining < kGroupsPerLine ? remaining : kGroupsPerLine;
+      to = EncodeGroups(in, inEnd, n, to, vector);
+      in += 3 * n, remaining -= n;
+      lineGroups = n;
+      if (n == kGroupsPerLine) {
+        *to++ = '\r', *to++ = '\n';
+        lineGroups = 0;
+      }
+    }
+    if (left) to = EncodeTail(in, left, to), ++lineGroups;
+    if (lineGroups) *to++ = '\r', *to++ = '\n';
+  }
+  out->count = static_cast<uint32_t>(to - out->elements);
+}
+
+KZ_API void Base64Decode(UByteArray *out, const char *text, uint32_t length) {
+  const auto *in = reinterpret_cast<const unsigned char *>(text);
+  const unsigned char *const end = in + length;
+  Sink sink(out, 241);
+  const bool vector = UseVector();
+  uint32_t value = 0;  // the characters of the current group, 6 bits each
+  unsigned pending = 0;
+  while (in < end) {
+    if (pending == 0) {
+      // Runs of alphabet characters: sixteen characters to twelve bytes, then
+      // four to three; the first byte outside the alphabet ends the run.
+#if KZ_CODEC_X86
+      if (vector) {
+        const Decoded done = DecodeBlocksVector(in, static_cast<size_t>(end - in), sink.At(), sink.Room());
+        in += done.chars;
+        sink.Advance(done.bytes);
+      }
+#endif
+      while (!vector && end - in >= 16 && sink.Room() >= 12) {
+        const uint32_t a = Group(in), b = Group(in + 4), c = Group(in + 8), d = Group(in + 12);
+        if ((a | b | c | d) & kBad) break;
+        StoreBigEndian64(sink.At(), uint64_t{a} << 40 | uint64_t{b} << 16 | c >> 8);
+        StoreBigEndian32(sink.At() + 8, (c & 0xFF) << 24 | d);
+        sink.Advance(12);
+        in += 16;
+      }
+      while (end - in >= 4 && sink.Room() >= 3) {
+        const uint32_t a = Group(in);
+        if (a & kBad) break;
+        unsigned char *to = sink.At();
+        to[0] = static_cast<unsigned char>(a >> 16), to[1] = static_cast<unsigned char>(a >> 8);
+        to[2] = static_cast<unsigned char>(a);
+        sink.Advance(3);
+        in += 4;
+      }
+      if (in == end) break;
+    }
+    // One character at a time: skipped bytes (a run of them at once, such as
+    // a line break), the end of the storage, the tail.
+    const uint32_t v = kValue[*in++];
+    if (v & kBad) {
+      while (in < end && (kValue[*in] & kBad)) ++in;
+      continue;
+    }
+    value = value << 6 | v;
+    if (++pending == 4) {
+      sink.Put(static_cast<unsigned char>(value >> 16));
+      sink.Put(static_cast<unsigned char>(value >> 8));
+      sink.Put(static_cast<unsigned char>(value));
+      value = 0, pending = 0;
+    }
+  }
+  if (pending == 2) {
+    sink.Put(static_cast<unsigned char>(value >> 4));
+  } else if (pending == 3) {
+    sink.Put(static_cast<unsigned char>(value >> 10));
+    sink.Put(static_cast<unsigned char>(value >> 2));
+  }
+  sink.Finish();
+}
+
+}  // extern "C"
+
+// ---- quoted-printable ----------------------------------------------------------
+
+namespace {
+
+// Bytes written as they are by the encoder: 33-60, 62-126 and the blank.
+constexpr bool IsQPLiteral(unsigned c) { return (c >= 33 && c <= 126 && c != '=') || c == ' '; }
+
+constexpr std::array<uint8_t, 256> MakeHexValues() {
+  std::array<uint8_t, 256> values{};
+  for (auto &v : values) v = 0xFF;
+  for (unsigned c = 0; c < 10; ++c) values['0' + c] = static_cast<uint8_t>(c);
+  for (unsigned c = 0; c < 6; ++c) {
+    values['A' + c] = static_cast<uint8_t>(10 + c);
+    values['a' + c] = static_cast<uint8_t>(10 + c);
+  }
+  return values;
+}
+constexpr std::array<uint8_t, 256> kHexValue = MakeHexValues();
+
+// What the decoder does with each byte.
+enum QPClass : uint8_t { kCopy, kEquals, kLineEnd, kDrop };
+constexpr std::array<uint8_t, 256> MakeQPClasses() {
+  std::array<uint8_t, 256> classes{};
+  for (unsigned c = 0; c < 256; ++c)
+    classes[c] = IsQPLiteral(c) || c == '\t' ? kCopy : c == '=' ? kEquals : c == '\r' || c == '\n' ? kLineEnd : kDrop;
+  return classes;
+}
+constexpr std::array<uint8_t, 256> kQPClass = MakeQPClasses();
+
+inline void SoftBreak(Sink &sink) {
+  sink.Put('=');
+  sink.Put('\r');
+  sink.Put('\n');
+}
+
+}  // namespace
+
+extern "C" {
+
+KZ_API void QPEncode(UByteArray *out, const void *bytes, uint32_t length, int32_t breakLines) {
+  const auto *in = static_cast<const unsigned char *>(bytes);
+  Sink sink(out, 312);
+  uint32_t n = 0;  // characters on the current line
+  for (uint32_t i = 0; i < length; ++i) {
+    const unsigned char c = in[i];
+    if (IsQPLiteral(c)) {
+      if (breakLines && n >= 75) SoftBreak(sink), n = 0;
+      sink.Put(c);
+      n += 1;
+      continue;
+    }
+    if (breakLines && n >= 73) SoftBreak(sink), n = 0;
+    sink.Put('=');
+    sink.Put(static_cast<unsigned char>(kHexDigits[c >> 4]));
+    sink.Put(static_cast<unsigned char>(kHexDigits[c & 15]));
+    n += 3;
+    if (breakLines && c == '\n') SoftBreak(sink), n = 0;
+  }
+  if (breakLines) {
+    sink.Put('\r');
+    sink.Put('\n');
+  }
+  sink.Finish();
+}
+
+KZ_API void QPDecode(UByteArray *out, const char *text, uint32_t length) {
+  const auto *in = reinterpret_cast<const unsigned char *>(text);
+  Sink sink(out, 377);
+  bool softBreak = false;
+  for (uint32_t i = 0; i < length; ++i) {
+    const unsigned char c = in[i];
+    switch (kQPClass[c]) {
+      case kCopy:
+        sink.Put(c);
+        softBreak = false;
+        break;
+      case kEquals:
+        if (length - i > 2 && in[i + 1] > 32) {
+          const uint8_t high = kHexValue[in[i + 1]], low = kHexValue[in[i + 2]];
+          if (high < 16 && low < 16) sink.Put(static_cast<unsigned char>(high << 4 | low));
+          i += 2;  // the three bytes are used up, decoded or dropped
+        } else {
+          softBreak = true;
+        }
+        break;
+      case kLineEnd:
+        if (!softBreak) sink.Put(c);
+        else if (c == '\n') softBreak = false;
+        break;
+      default:
+        break;
+    }
+  }
+  sink.Finish();
+}
+
+}  // extern "C"
+
+namespace kz {
+
+bool CodecVectorKernelsAvailable() {
+#if KZ_CODEC_X86
+  return HaveSsse3();
+#else
+  return false;
+#endif
+}
+
+bool CodecUseVectorKernels(bool on) {
+#if KZ_CODEC_X86
+  const bool use = on && CodecVectorKernelsAvailable();
+  g_vectorKernels.store(use, std::memory_order_relaxed);
+  return use;
+#else
+  (void)on;
+  return false;
+#endif
+}
+
+}  // namespace kz
