@@ -156,6 +156,37 @@ int main(void) {
     ArrayFree(bytes);
   }
 
+  /* codec */
+  {
+    UByteArray text = {0, 0, 0}, bytes = {0, 0, 0};
+    Base64Encode(&text, "abc", 3, 0);
+    CHECK(text.count == 4 && memcmp(text.elements, "YWJj", 4) == 0);
+    Base64Decode(&bytes, "YW Jj\r\n", 7);
+    CHECK(bytes.count == 3 && memcmp(bytes.elements, "abc", 3) == 0);
+    text.count = 0;
+    QPEncode(&text, "a=b", 3, 0);
+    CHECK(text.count == 5 && memcmp(text.elements, "a=3Db", 5) == 0);
+    bytes.count = 0;
+    QPDecode(&bytes, "a=\r\nb", 5);
+    CHECK(bytes.count == 2 && memcmp(bytes.elements, "ab", 2) == 0);
+    ArrayFree(text);
+    ArrayFree(bytes);
+  }
+
+  /* compress */
+  {
+    static const char data[] = "compress me, compress me, compress me";
+    UByteArray packed = {0, 0, 0}, unpacked = {0, 0, 0};
+    KZCompress *stream = CompressNew(1, 1);
+    CHECK(CompressDeflate(stream, data, (uint32_t)strlen(data), &packed) == 1);
+    CHECK(CompressInflate(stream, packed.elements, packed.count, &unpacked) == 0);
+    CHECK(unpacked.count == strlen(data) && memcmp(unpacked.elements, data, unpacked.count) == 0);
+    CHECK(CompressInflate(stream, packed.elements, packed.count / 2, &unpacked) == -1);
+    CompressDelete(stream);
+    ArrayFree(packed);
+    ArrayFree(unpacked);
+  }
+
   /* random */
   {
     KZRand rng;

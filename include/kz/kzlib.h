@@ -9,6 +9,8 @@
 #include "kz/message.h"
 #include "kz/format.h"
 #include "kz/unicode.h"
+#include "kz/codec.h"
+#include "kz/compress.h"
 #include "kz/sort.h"
 #include "kz/init.h"
 #include "kz/thread.h"

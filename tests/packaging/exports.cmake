@@ -26,7 +26,8 @@ set(required_symbols Allocate_ ArrayNextSize KZErrorThrow_ KZErrorCode KZErrorMe
     KZErrorClear KZSetMessageContext2_ KZMessage_ KZLibInit QSort ThreadCreate_ MutexLock
     ConditionBroadcast ParseDouble UByteArrayPrintf kzlib_major IPAddrSetIP URLParse3
     URLNormalize2 URLFingerprint Fingerprint FingerprintInit URLAcquire KZRandUInt KZRandZipf
-    UCS2Encode UCS2Decode UCS4Encode ISO88591Decode)
+    UCS2Encode UCS2Decode UCS4Encode ISO88591Decode Base64Encode QPDecode CompressNew
+    CompressInflate)
 
 execute_process(COMMAND "${NM}" -D --defined-only "${KZ_LIBRARY}"
                 OUTPUT_VARIABLE nm_output ERROR_VARIABLE nm_error RESULT_VARIABLE nm_result)
