@@ -49,11 +49,17 @@ enum : uint8_t {
   kHex = 4,
 };
 
+// Where each part of a URL text ends: the scheme name at ":", "/", "?", "#";
+// the authority at "/", "?", "#"; the path at "?", "#"; the query at "#";
+// the fragment at the end of the text (every part also ends there).
+enum : uint8_t { kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16 };
+
 struct ByteClasses {
   uint8_t bits[256] = {};
   uint8_t hexValue[256] = {};
   uint8_t latin1Lower[256] = {};
   uint8_t identity[256] = {};
+  uint8_t ends[256] = {};  // which components a byte ends (kEnd*)
   constexpr ByteClasses() {
     for (int c = 'a'; c <= 'z'; ++c) bits[c] |= kAllowed | kUnreserved;
     for (int c = 'A'; c <= 'Z'; ++c) bits[c] |= kAllowed | kUnreserved;
@@ -75,12 +81,22 @@ struct ByteClasses {
       latin1Lower[c] = static_cast<uint8_t>(upper ? c + 0x20 : c);
       identity[c] = static_cast<uint8_t>(c);
     }
+    ends[0] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndText;
+    ends[':'] = kEndScheme;
+    ends['/'] = kEndScheme | kEndAuthority;
+    ends['?'] = kEndScheme | kEndAuthority | kEndPath;
+    ends['#'] = kEndScheme | kEndAuthority | kEndPath | kEndQuery;
   }
 };
 constexpr ByteClasses kBytes;
 constexpr char kLowerHex[] = "0123456789abcdef";
 
 inline bool Allowed(uint8_t c) { return kBytes.bits[c] & kAllowed; }
+
+inline const unsigned char *ScanTo(const unsigned char *p, uint8_t end) {
+  while (!(kBytes.ends[*p] & end)) ++p;
+  return p;
+}
 inline bool IsHex(uint8_t c) { return kBytes.bits[c] & kHex; }
 
 using Bytes = kz::ArrayView<UByteArray>;
@@ -104,37 +120,71 @@ inline unsigned char *PutEscape(unsigned char *out, uint8_t c) {
   return out + 3;
 }
 
+// Appends the encoded form of one byte to w, or returns null for a byte no
+// component may hold. An escape consumes its two digits (p moves past them).
+inline unsigned char *EncodeByte(unsigned char *w, const unsigned char *&p, const unsigned char *end) {
+  uint8_t c = *p;
+  if (Allowed(c)) {
+    *w++ = c;
+  } else if (c == ' ' || c >= 128) {
+    w = PutEscape(w, c);
+  } else if (c == '%') {
+    // Two hexadecimal digits inside the component. The bytes that end a
+    // component are never digits, so reading past its end cannot accept one.
+    if (end - p < 3 || !IsHex(p[1]) || !IsHex(p[2])) return nullptr;
+    uint8_t decoded = static_cast<uint8_t>(kBytes.hexValue[p[1]] << 4 | kBytes.hexValue[p[2]]);
+    if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved)) *w++ = decoded;
+    else w = PutEscape(w, decoded);
+    p += 2;
+  } else {
+    return nullptr;
+  }
+  return w;
+}
+
 // Appends the encoded form of [begin, end) to out (no NUL): allowed bytes as
 // they are, blanks and bytes of 128 and above escaped, escapes checked and
 // decoded back to the byte when it is unreserved (else kept, digits in lower
 // case). Any other byte fails the component; out then holds a prefix.
 bool EncodeComponent(UByteArray &out, const unsigned char *begin, const unsigned char *end) {
-  Bytes view = View(out);
-  view.Reserve(uint64_t(out.count) + 3 * uint64_t(end - begin) + 1);
+  View(out).Reserve(uint64_t(out.count) + 3 * uint64_t(end - begin) + 1);
   unsigned char *w = out.elements + out.count;
-  bool ok = true;
   for (const unsigned char *p = begin; p < end; ++p) {
-    uint8_t c = *p;
-    if (Allowed(c)) {
-      *w++ = c;
-    } else if (c == ' ' || c >= 128) {
-      w = PutEscape(w, c);
-    } else if (c == '%') {
-      if (end - p < 3 || !IsHex(p[1]) || !IsHex(p[2])) {
-        ok = false;
-        break;
-      }
-      uint8_t decoded = static_cast<uint8_t>(kBytes.hexValue[p[1]] << 4 | kBytes.hexValue[p[2]]);
-      if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved)) *w++ = decoded;
-      else w = PutEscape(w, decoded);
-      p += 2;
-    } else {
-      ok = false;
-      break;
+    unsigned char *next = EncodeByte(w, p, end);
+    if (!next) {
+      out.count = static_cast<uint32_t>(w - out.elements);
+      return false;
     }
+    w = next;
   }
   out.count = static_cast<uint32_t>(w - out.elements);
-  return ok;
+  return true;
+}
+
+// EncodeComponent over the bytes from p up to the first byte that ends the
+// component (a kEnd* class), found while encoding. Returns that end, or null
+// when the component fails.
+const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_t endClass) {
+  constexpr uint32_t kChunk = 256;
+  unsigned char *w = out.elements + out.count;
+  unsigned char *limit = w;
+  for (; !(kBytes.ends[*p] & endClass); ++p) {
+    if (limit - w < 3) {
+      out.count = static_cast<uint32_t>(w - out.elements);
+      View(out).Reserve(uint64_t(out.count) + kChunk);
+      w = out.elements + out.count;
+      limit = out.elements + out.capacity;
+    }
+    // An escape reads two bytes ahead at most, and a NUL stops it first.
+    unsigned char *next = EncodeByte(w, p, p + 3);
+    if (!next) {
+      out.count = static_cast<uint32_t>(w - out.elements);
+      return nullptr;
+    }
+    w = next;
+  }
+  out.count = static_cast<uint32_t>(w - out.elements);
+  return p;
 }
 
 void AppendBytes(UByteArray &out, const void *bytes, size_t n) {
@@ -190,13 +240,17 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
       ++p;
       break;
     }
-    if (c == ':') {
-      if (bracket == kNoBracket) {
-        portFollows = true;
-        ++p;
-        break;
+    // Letters and digits first: they make up nearly every host.
+    if (IsLetter(c)) {
+      c |= 0x20;
+      if (bracket == kInside && c > 'f') return false;
+      mayBeIPv4 = false;
+    } else if (IsDigit(c)) {
+      if (mayBeIPv4) {
+        uint32_t &octet = octets[dots];
+        octet = octet * 10 + (c - '0');
+        if (octet >= 256) mayBeIPv4 = false;
       }
-      if (colonBudget-- == 0) return false;
     } else if (c == '.') {
       if (label == 0 || label >= 256) return false;
       url.u_host.elements[url.u_host.count++] = c;
@@ -208,6 +262,13 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
     } else if (c == '-' || c == '_') {
       if (bracket == kInside || label == 0) return false;
       mayBeIPv4 = false;
+    } else if (c == ':') {
+      if (bracket == kNoBracket) {
+        portFollows = true;
+        ++p;
+        break;
+      }
+      if (colonBudget-- == 0) return false;
     } else if (c == '[') {
       if (p != hostStart) return false;
       bracket = kInside;
@@ -215,16 +276,6 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
     } else if (c == ']') {
       if (bracket != kInside || p - hostStart < 2) return false;
       bracket = kClosed;
-      mayBeIPv4 = false;
-    } else if (IsDigit(c)) {
-      if (mayBeIPv4) {
-        uint32_t &octet = octets[dots];
-        octet = octet * 10 + (c - '0');
-        if (octet >= 256) mayBeIPv4 = false;
-      }
-    } else if (IsLetter(c)) {
-      c |= 0x20;
-      if (bracket == kInside && c > 'f') return false;
       mayBeIPv4 = false;
     } else if (c < 128) {
       return false;
@@ -275,17 +326,19 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
 
 // ---- paths --------------------------------------------------------------------------
 
-// An empty path is "/"; anything else must start with "/".
-bool ParseAbsolutePath(UByteArray &path, const unsigned char *begin, const unsigned char *end) {
+// The path of a text with a scheme or an authority, or one starting with "/":
+// from p to the first "?", "#" or the end. An empty path is "/"; anything else
+// must start with "/". Returns the path's end, or null when it is invalid.
+const unsigned char *ParseAbsolutePath(UByteArray &path, const unsigned char *p) {
   path.count = 0;
-  if (begin == end) {
+  if (kBytes.ends[*p] & kEndPath) {
     AppendBytes(path, "/", 2);
-    return true;
+    return p;
   }
-  if (*begin != '/') return false;
-  if (!EncodeComponent(path, begin, end)) return false;
-  View(path).Append('\0');
-  return true;
+  if (*p != '/') return nullptr;
+  const unsigned char *end = EncodeUntil(path, p, kEndPath);
+  if (end) View(path).Append('\0');
+  return end;
 }
 
 // Start offsets of the output's segments during a merge. Paths rarely have
@@ -449,7 +502,7 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   SetEmptyText(url.u_fragment);
 
   // Scheme.
-  size_t n = std::strcspn(reinterpret_cast<const char *>(text), ":/?#");
+  size_t n = ScanTo(text, kEndScheme) - text;
   const unsigned char *p = text;
   bool hasScheme = false;
   if (text[n] == ':') {
@@ -475,7 +528,7 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   // Authority.
   bool hasAuthority = false;
   if (p[0] == '/' && p[1] == '/') {
-    const unsigned char *end = p + 2 + std::strcspn(reinterpret_cast<const char *>(p + 2), "/?#");
+    const unsigned char *end = ScanTo(p + 2, kEndAuthority);
     if (!ParseAuthority(url, p, end, eightBitHost)) return Fail(786, "invalid authority");
     hasAuthority = true;
     p = end;
@@ -488,11 +541,13 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   }
 
   // Path.
-  const unsigned char *pathEnd = p + std::strcspn(reinterpret_cast<const char *>(p), "?#");
-  bool emptyPath = pathEnd == p;
+  bool emptyPath = kBytes.ends[*p] & kEndPath;
+  const unsigned char *pathEnd = p;
   if (hasScheme || hasAuthority || *p == '/') {
-    if (!ParseAbsolutePath(url.u_path, p, pathEnd)) return Fail(805, "invalid absolute path");
+    pathEnd = ParseAbsolutePath(url.u_path, p);
+    if (!pathEnd) return Fail(805, "invalid absolute path");
   } else if (!emptyPath) {
+    pathEnd = ScanTo(p, kEndPath);
     CheckPath(base->u_path);
     const unsigned char *basePath = base->u_path.elements;
     if (!MergePath(url.u_path, p, pathEnd, basePath, basePath + base->u_path.count - 1, strict))
@@ -511,20 +566,18 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
       SetEmptyText(url.u_query);
     }
   } else {
-    const unsigned char *queryEnd = p + std::strcspn(reinterpret_cast<const char *>(p), "#");
     if (!acceptQuery) return Fail(827, "invalid query");
     url.u_query.count = 0;
-    if (!EncodeComponent(url.u_query, p, queryEnd)) return Fail(829, "invalid query");
+    p = EncodeUntil(url.u_query, p, kEndQuery);
+    if (!p) return Fail(829, "invalid query");
     View(url.u_query).Append('\0');
-    p = queryEnd;
   }
 
   // Fragment, never taken from the base.
   if (*p == '#') {
-    const unsigned char *end = p + std::strlen(reinterpret_cast<const char *>(p));
     url.u_fragment.count = 0;
     View(url.u_fragment).Append('#');
-    if (!EncodeComponent(url.u_fragment, p + 1, end)) return Fail(839, "invalid fragment");
+    if (!EncodeUntil(url.u_fragment, p + 1, kEndText)) return Fail(839, "invalid fragment");
     View(url.u_fragment).Append('\0');
   }
   return true;
@@ -751,10 +804,9 @@ KZ_API int URLParse(const char *text, URL *url, const URL *base, int acceptQuery
 }
 
 KZ_API int URLParseAbsolutePath(const char *text, URL *url) {
-  size_t n = std::strcspn(text, "?#");
-  if (text[n] != '\0') return 0;
-  auto *begin = reinterpret_cast<const unsigned char *>(text);
-  return ParseAbsolutePath(url->u_path, begin, begin + n) ? 1 : 0;
+  auto *p = reinterpret_cast<const unsigned char *>(text);
+  if (*ScanTo(p, kEndPath) != '\0') return 0;  // a "?" or "#": not a path alone
+  return ParseAbsolutePath(url->u_path, p) ? 1 : 0;
 }
 
 KZ_API int URLIsValid(const URL *url) {
@@ -865,16 +917,22 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
   for (; s < end; ++s) {
     uint8_t c = *s;
     switch (state) {
-      case kSegment:
+      case kSegment: {
         // Most bytes are inside a segment: copy up to the next "/" in one go.
-        while (c != '/') {
-          put(c);
-          if (++s == end) goto done;
-          c = *s;
+        auto *slash = static_cast<const unsigned char *>(std::memchr(s, '/', end - s));
+        const unsigned char *stop = slash ? slash : end;
+        if (full) {
+          for (; s < stop; ++s) out[n++] = kBytes.latin1Lower[*s];
+        } else {
+          std::memcpy(out + n, s, stop - s);
+          n += static_cast<uint32_t>(stop - s);
         }
-        put(c);
+        if (!slash) goto done;
+        s = slash;
+        out[n++] = '/';
         state = kSlash;
         break;
+      }
       case kSlash:
         if (c == '/') {
           if (!full) put(c);
