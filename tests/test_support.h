@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "kz/array.h"
 #include "kz/message.h"
 
 // Out-of-memory paths are exercised with impossible sizes; the sanitizers'
@@ -18,6 +19,22 @@ extern "C" const char *__asan_default_options() { return "allocator_may_return_n
 extern "C" const char *__tsan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace kztest {
+
+// An array record (UByteArray, UShortArray, ...) that frees its storage at the
+// end of the scope. It converts to a pointer to the record, so `&out` passes
+// straight to the library.
+template <typename Record>
+struct Scoped : Record {
+  Scoped() : Record{} {}
+  ~Scoped() { ArrayFree_(static_cast<Record *>(this)); }
+  Scoped(const Scoped &) = delete;
+  Scoped &operator=(const Scoped &) = delete;
+};
+
+// The bytes of a byte array as a string.
+inline std::string Bytes(const UByteArray &a) {
+  return std::string(reinterpret_cast<const char *>(a.elements), a.count);
+}
 
 // A real FILE installed as one of the library's message streams; the text
 // written to it is read back with Text(). Restores the default on exit.
