@@ -52,7 +52,10 @@ enum : uint8_t {
 // Where each part of a URL text ends: the scheme name at ":", "/", "?", "#";
 // the authority at "/", "?", "#"; the path at "?", "#"; the query at "#";
 // the fragment at the end of the text (every part also ends there).
-enum : uint8_t { kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16 };
+// A path segment of a relative reference ends at the next "/" or the path's end.
+enum : uint8_t {
+  kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16, kEndSegment = 32
+};
 
 struct ByteClasses {
   uint8_t bits[256] = {};
@@ -81,11 +84,11 @@ struct ByteClasses {
       latin1Lower[c] = static_cast<uint8_t>(upper ? c + 0x20 : c);
       identity[c] = static_cast<uint8_t>(c);
     }
-    ends[0] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndText;
+    ends[0] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndText | kEndSegment;
     ends[':'] = kEndScheme;
-    ends['/'] = kEndScheme | kEndAuthority;
-    ends['?'] = kEndScheme | kEndAuthority | kEndPath;
-    ends['#'] = kEndScheme | kEndAuthority | kEndPath | kEndQuery;
+    ends['/'] = kEndScheme | kEndAuthority | kEndSegment;
+    ends['?'] = kEndScheme | kEndAuthority | kEndPath | kEndSegment;
+    ends['#'] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndSegment;
   }
 };
 constexpr ByteClasses kBytes;
@@ -121,17 +124,17 @@ inline unsigned char *PutEscape(unsigned char *out, uint8_t c) {
 }
 
 // Appends the encoded form of one byte to w, or returns null for a byte no
-// component may hold. An escape consumes its two digits (p moves past them).
-inline unsigned char *EncodeByte(unsigned char *w, const unsigned char *&p, const unsigned char *end) {
+// component may hold. An escape consumes its two digits (p moves past them);
+// a NUL or a byte ending the component is never a digit, so the check stops
+// there before reading further.
+inline unsigned char *EncodeByte(unsigned char *w, const unsigned char *&p) {
   uint8_t c = *p;
   if (Allowed(c)) {
     *w++ = c;
   } else if (c == ' ' || c >= 128) {
     w = PutEscape(w, c);
   } else if (c == '%') {
-    // Two hexadecimal digits inside the component. The bytes that end a
-    // component are never digits, so reading past its end cannot accept one.
-    if (end - p < 3 || !IsHex(p[1]) || !IsHex(p[2])) return nullptr;
+    if (!IsHex(p[1]) || !IsHex(p[2])) return nullptr;
     uint8_t decoded = static_cast<uint8_t>(kBytes.hexValue[p[1]] << 4 | kBytes.hexValue[p[2]]);
     if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved)) *w++ = decoded;
     else w = PutEscape(w, decoded);
@@ -142,32 +145,16 @@ inline unsigned char *EncodeByte(unsigned char *w, const unsigned char *&p, cons
   return w;
 }
 
-// Appends the encoded form of [begin, end) to out (no NUL): allowed bytes as
-// they are, blanks and bytes of 128 and above escaped, escapes checked and
-// decoded back to the byte when it is unreserved (else kept, digits in lower
-// case). Any other byte fails the component; out then holds a prefix.
-bool EncodeComponent(UByteArray &out, const unsigned char *begin, const unsigned char *end) {
-  View(out).Reserve(uint64_t(out.count) + 3 * uint64_t(end - begin) + 1);
-  unsigned char *w = out.elements + out.count;
-  for (const unsigned char *p = begin; p < end; ++p) {
-    unsigned char *next = EncodeByte(w, p, end);
-    if (!next) {
-      out.count = static_cast<uint32_t>(w - out.elements);
-      return false;
-    }
-    w = next;
-  }
-  out.count = static_cast<uint32_t>(w - out.elements);
-  return true;
-}
-
-// EncodeComponent over the bytes from p up to the first byte that ends the
-// component (a kEnd* class), found while encoding. Returns that end, or null
-// when the component fails.
+// Appends the encoded form of the bytes from p up to the first byte that ends
+// the component (a kEnd* class) to out, without a NUL: allowed bytes as they
+// are, blanks and bytes of 128 and above escaped, escapes checked and decoded
+// back to the byte when it is unreserved (else kept, digits in lower case).
+// Returns the component's end, or null when a byte fails it (out then holds
+// a prefix).
 const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_t endClass) {
   constexpr uint32_t kChunk = 256;
   unsigned char *w = out.elements + out.count;
-  unsigned char *limit = w;
+  unsigned char *limit = out.elements + out.capacity;
   for (; !(kBytes.ends[*p] & endClass); ++p) {
     if (limit - w < 3) {
       out.count = static_cast<uint32_t>(w - out.elements);
@@ -175,8 +162,7 @@ const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_
       w = out.elements + out.count;
       limit = out.elements + out.capacity;
     }
-    // An escape reads two bytes ahead at most, and a NUL stops it first.
-    unsigned char *next = EncodeByte(w, p, p + 3);
+    unsigned char *next = EncodeByte(w, p);
     if (!next) {
       out.count = static_cast<uint32_t>(w - out.elements);
       return nullptr;
@@ -442,7 +428,7 @@ bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *r
       stack.clear();
     }
     if (more) out.count = stack.empty() ? 0 : stack.pop();
-  } else if (!EncodeComponent(out, s, e)) {
+  } else if (!EncodeUntil(out, s, kEndSegment)) {
     return false;
   }
 
@@ -461,7 +447,8 @@ bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *r
       continue;
     }
     stack.push(out.count);
-    if (!EncodeComponent(out, s, e)) return false;
+    View(out).Append('/');
+    if (!EncodeUntil(out, s + 1, kEndSegment)) return false;
   }
 
   if (stack.empty()) View(out).Append('/');
