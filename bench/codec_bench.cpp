@@ -14,15 +14,17 @@
 // 64 KiB of random bytes (their encoding for the decoders). kzlib appends to
 // an array whose count is reset before each call, so its storage is reused
 // like the other side's buffer. Each comparison runs the other implementation
-// and kzlib in alternation, one call each per iteration, and reports the
-// other's time (manual time, thread CPU clock) plus the counter "time_vs_kz":
-// the other's total time divided by kzlib's (above 1: kzlib is faster).
+// and kzlib in alternation, one call each per iteration (kzbench::Versus in
+// bench_support.h), and reports the other's time (manual time, thread CPU
+// clock) plus the counter "time_vs_kz": the other's total time divided by
+// kzlib's (above 1: kzlib is faster).
 
 #include "kz/codec.h"
 
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -31,42 +33,17 @@
 #include <string>
 #include <vector>
 
-#include <time.h>
-
 #ifdef KZ_BENCH_HAVE_GLIB
 #include <glib.h>
 #endif
 
+#include "bench_support.h"
 #include "internal/codec_kernels.h"
 
 namespace {
 
-double ThreadSeconds() {
-  timespec t;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-// One call of `other` and one of `kz` per iteration, in alternating order.
-template <typename Kz, typename Other>
-void Versus(benchmark::State &state, Kz kz, Other other) {
-  double kzTotal = 0, otherTotal = 0;
-  bool otherFirst = true;
-  for (auto _ : state) {
-    double otherTime = 0;
-    for (int pass = 0; pass < 2; ++pass) {
-      const bool runOther = (pass == 0) == otherFirst;
-      const double start = ThreadSeconds();
-      if (runOther) other(); else kz();
-      const double elapsed = ThreadSeconds() - start;
-      if (runOther) otherTime = elapsed, otherTotal += elapsed;
-      else kzTotal += elapsed;
-    }
-    otherFirst = !otherFirst;
-    state.SetIterationTime(otherTime);
-  }
-  if (kzTotal > 0) state.counters["time_vs_kz"] = otherTotal / kzTotal;
-}
+using kzbench::Expect;
+using kzbench::Versus;
 
 constexpr size_t kSize = 64 * 1024;
 
@@ -91,25 +68,15 @@ const Inputs &Data() {
   static const Inputs inputs = [] {
     Inputs in;
     std::mt19937_64 rng(64);
-    in.bytes.resize(kSize);
-    for (char &c : in.bytes) c = static_cast<char>(rng());
+    in.bytes = kzbench::RandomValues<std::string>(kSize, rng);
     in.text = Encoded(in.bytes, 0);
     in.lines = Encoded(in.bytes, 1);
-    const char *words[] = {"Gr\xC3\xBC\xC3\x9F" "e ", "plain ", "text ", "a=b ", "line\r\n", "caf\xC3\xA9 "};
-    while (in.qpText.size() < kSize) in.qpText += words[rng() % 6];
-    in.qpText.resize(kSize);
+    const char *const words[] = {"Gr\xC3\xBC\xC3\x9F" "e ", "plain ", "text ", "a=b ", "line\r\n", "caf\xC3\xA9 "};
+    in.qpText = kzbench::WordText(kSize, words, rng);
     in.qp = Encoded(in.qpText, 1, true);
     return in;
   }();
   return inputs;
-}
-
-// Fails loudly when an implementation does not give the expected bytes.
-void Expect(bool ok, const char *what) {
-  if (!ok) {
-    std::fprintf(stderr, "benchmark self-check failed: %s\n", what);
-    std::abort();
-  }
 }
 
 // kzlib into a reused array.
@@ -138,19 +105,29 @@ void BM_Base64Encode(benchmark::State &state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 
-void BM_OpenSSLEncodeBlock(benchmark::State &state) {
-  const Inputs &in = Data();
+// OpenSSL's block coder (EVP_EncodeBlock or EVP_DecodeBlock: one signature)
+// into a reused buffer, against kzlib's Encode or Decode of the same input.
+using BlockCoder = int (*)(unsigned char *, const unsigned char *, int);
+
+template <BlockCoder Block, void (Kz::*KzCode)(const std::string &)>
+void OpenSSLBlock(benchmark::State &state, const std::string &input, const std::string &expected, const char *what) {
   Kz kz;
-  std::vector<unsigned char> buffer(in.text.size() + 1);
+  // Room for the encoder's closing NUL and for the decoder, which writes three
+  // bytes for every group of four characters, padding included.
+  std::vector<unsigned char> buffer(std::max(expected.size() + 1, input.size()));
   auto openssl = [&] {
-    const int n = EVP_EncodeBlock(buffer.data(), reinterpret_cast<const unsigned char *>(in.bytes.data()),
-                                  static_cast<int>(in.bytes.size()));
+    const int n = Block(buffer.data(), reinterpret_cast<const unsigned char *>(input.data()),
+                        static_cast<int>(input.size()));
     benchmark::DoNotOptimize(n);
   };
-  openssl(), kz.Encode(in.bytes);
-  Expect(std::memcmp(buffer.data(), in.text.data(), in.text.size()) == 0 && kz.str() == in.text, "encode");
-  Versus(state, [&] { kz.Encode(in.bytes); }, openssl);
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
+  openssl(), (kz.*KzCode)(input);
+  Expect(std::memcmp(buffer.data(), expected.data(), expected.size()) == 0 && kz.str() == expected, what);
+  Versus(state, [&] { (kz.*KzCode)(input); }, openssl);
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(input.size()));
+}
+
+void BM_OpenSSLEncodeBlock(benchmark::State &state) {
+  OpenSSLBlock<EVP_EncodeBlock, &Kz::Encode>(state, Data().bytes, Data().text, "encode");
 }
 
 #ifdef KZ_BENCH_HAVE_GLIB
@@ -198,18 +175,7 @@ void BM_Base64Decode(benchmark::State &state) {
 }
 
 void BM_OpenSSLDecodeBlock(benchmark::State &state) {
-  const Inputs &in = Data();
-  Kz kz;
-  std::vector<unsigned char> buffer(in.text.size());
-  auto openssl = [&] {
-    const int n = EVP_DecodeBlock(buffer.data(), reinterpret_cast<const unsigned char *>(in.text.data()),
-                                  static_cast<int>(in.text.size()));
-    benchmark::DoNotOptimize(n);
-  };
-  openssl(), kz.Decode(in.text);
-  Expect(std::memcmp(buffer.data(), in.bytes.data(), in.bytes.size()) == 0 && kz.str() == in.bytes, "decode");
-  Versus(state, [&] { kz.Decode(in.text); }, openssl);
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(in.text.size()));
+  OpenSSLBlock<EVP_DecodeBlock, &Kz::Decode>(state, Data().text, Data().bytes, "decode");
 }
 
 #ifdef KZ_BENCH_HAVE_GLIB

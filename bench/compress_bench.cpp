@@ -10,9 +10,9 @@
 // whose count is reset before each call). Inputs: text-like data of 1 KiB and
 // 64 KiB, at the library's levels 0 (zlib's default) and 1 (zlib level 1).
 // Each comparison runs zlib and kzlib in alternation, one call each per
-// iteration, and reports zlib's time (manual time, thread CPU clock) plus the
-// counter "time_vs_kz": zlib's total time divided by kzlib's. 1.0 means no
-// overhead; 0.97 would be 3 % overhead.
+// iteration (kzbench::Versus in bench_support.h), and reports zlib's time
+// (manual time, thread CPU clock) plus the counter "time_vs_kz": zlib's total
+// time divided by kzlib's. 1.0 means no overhead; 0.97 would be 3 % overhead.
 
 #include "kz/compress.h"
 
@@ -27,52 +27,17 @@
 #include <string>
 #include <vector>
 
-#include <time.h>
+#include "bench_support.h"
 
 namespace {
 
-double ThreadSeconds() {
-  timespec t;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-// One call of `other` and one of `kz` per iteration, in alternating order.
-template <typename Kz, typename Other>
-void Versus(benchmark::State &state, Kz kz, Other other) {
-  double kzTotal = 0, otherTotal = 0;
-  bool otherFirst = true;
-  for (auto _ : state) {
-    double otherTime = 0;
-    for (int pass = 0; pass < 2; ++pass) {
-      const bool runOther = (pass == 0) == otherFirst;
-      const double start = ThreadSeconds();
-      if (runOther) other(); else kz();
-      const double elapsed = ThreadSeconds() - start;
-      if (runOther) otherTime = elapsed, otherTotal += elapsed;
-      else kzTotal += elapsed;
-    }
-    otherFirst = !otherFirst;
-    state.SetIterationTime(otherTime);
-  }
-  if (kzTotal > 0) state.counters["time_vs_kz"] = otherTotal / kzTotal;
-}
-
-void Expect(bool ok, const char *what) {
-  if (!ok) {
-    std::fprintf(stderr, "benchmark self-check failed: %s\n", what);
-    std::abort();
-  }
-}
+using kzbench::Expect;
+using kzbench::Versus;
 
 std::string Text(size_t n) {
-  std::mt19937_64 rng(n);
-  const char *words[] = {"the ", "stream ", "of ", "bytes ", "compresses ", "well\n", "zlib ", "0123456789 ",
-                         "request ", "header: value\r\n"};
-  std::string s;
-  while (s.size() < n) s += words[rng() % 10];
-  s.resize(n);
-  return s;
+  const char *const words[] = {"the ", "stream ", "of ", "bytes ", "compresses ", "well\n", "zlib ", "0123456789 ",
+                               "request ", "header: value\r\n"};
+  return kzbench::WordText(n, words, std::mt19937_64(n));
 }
 
 const int kZlibLevel[] = {Z_DEFAULT_COMPRESSION, 1, 1, 9};

@@ -17,8 +17,10 @@
 //                                            a different checksum shown only
 //                                            for scale
 //
-// Times come from the thread's CPU clock; alternating keeps the ratio steady
-// when other work on the machine slows both methods down.
+// Times come from the thread's CPU clock (the harness is kzbench::Versus in
+// bench_support.h, with the carry-less method as the side under study);
+// alternating keeps the ratio steady when other work on the machine slows both
+// methods down.
 
 #include "internal/fingerprint.h"
 
@@ -29,95 +31,74 @@
 #include <random>
 #include <vector>
 
-#include <time.h>
+#include "bench_support.h"
 
 namespace {
 
 namespace fp = kz::fingerprint;
 
-double ThreadSeconds() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
 // Random bytes starting 8-byte aligned, as a caller's heap buffer would be.
 const std::vector<unsigned char> &Data() {
     static const std::vector<unsigned char> data = [] {
         fp::InitTables();
-        std::mt19937_64 rng(11);
-        std::vector<unsigned char> bytes(1 << 16);
-        for (auto &b : bytes) b = static_cast<unsigned char>(rng());
-        return bytes;
+        return kzbench::RandomValues(1 << 16, std::mt19937_64(11));
     }();
     return data;
 }
 
-void Tables(benchmark::State &state) {
+// One kernel's throughput, each call continuing the previous value.
+template <uint64_t (*Extend)(uint64_t, const unsigned char *, size_t)>
+void Throughput(benchmark::State &state) {
     const auto &data = Data();
     const size_t n = static_cast<size_t>(state.range(0));
     uint64_t value = fp::kSeed;
     for (auto _ : state) {
-        value = fp::ExtendTables(value, data.data(), n);
+        value = Extend(value, data.data(), n);
         benchmark::DoNotOptimize(value);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(n));
 }
 
-void Clmul(benchmark::State &state) {
 #if defined(KZ_FINGERPRINT_HAVE_CLMUL)
-    if (!fp::HaveClmul()) {
-        state.SkipWithError("no carry-less multiplication on this CPU");
-        return;
-    }
-    const auto &data = Data();
-    const size_t n = static_cast<size_t>(state.range(0));
+// A pass of 64 KiB / n calls of one kernel over the first n bytes, continuing
+// one value, so that the clock reads do not swamp short lengths.
+template <uint64_t (*Extend)(uint64_t, const unsigned char *, size_t)>
+void Pass(const std::vector<unsigned char> &data, size_t n) {
     uint64_t value = fp::kSeed;
-    for (auto _ : state) {
-        value = fp::ExtendClmul(value, data.data(), n);
-        benchmark::DoNotOptimize(value);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(n));
+    for (size_t call = data.size() / n; call > 0; --call) value = Extend(value, data.data(), n);
+    benchmark::DoNotOptimize(value);
+}
+#endif
+
+// False (and the benchmark skipped) where the carry-less kernel cannot run.
+bool HaveClmul(benchmark::State &state) {
+#if defined(KZ_FINGERPRINT_HAVE_CLMUL)
+    if (fp::HaveClmul()) return true;
+    state.SkipWithError("no carry-less multiplication on this CPU");
 #else
     state.SkipWithError("no carry-less multiplication kernel on this architecture");
+#endif
+    return false;
+}
+
+void Tables(benchmark::State &state) { Throughput<fp::ExtendTables>(state); }
+
+void Clmul(benchmark::State &state) {
+    if (!HaveClmul(state)) return;
+#if defined(KZ_FINGERPRINT_HAVE_CLMUL)
+    Throughput<fp::ExtendClmul>(state);
 #endif
 }
 
 void ClmulVsTables(benchmark::State &state) {
+    if (!HaveClmul(state)) return;
 #if defined(KZ_FINGERPRINT_HAVE_CLMUL)
-    if (!fp::HaveClmul()) {
-        state.SkipWithError("no carry-less multiplication on this CPU");
-        return;
-    }
     const auto &data = Data();
     const size_t n = static_cast<size_t>(state.range(0));
-    const size_t calls = data.size() / n;  // each timed pass covers 64 KiB
-    double clmulTotal = 0, tablesTotal = 0;
-    bool tablesFirst = true;
-    for (auto _ : state) {
-        double clmulTime = 0;
-        for (int pass = 0; pass < 2; ++pass) {
-            const bool runTables = (pass == 0) == tablesFirst;
-            const double start = ThreadSeconds();
-            uint64_t value = fp::kSeed;
-            for (size_t call = 0; call < calls; ++call)
-                value = runTables ? fp::ExtendTables(value, data.data(), n) : fp::ExtendClmul(value, data.data(), n);
-            benchmark::DoNotOptimize(value);
-            const double elapsed = ThreadSeconds() - start;
-            if (runTables) {
-                tablesTotal += elapsed;
-            } else {
-                clmulTime = elapsed;
-                clmulTotal += elapsed;
-            }
-        }
-        tablesFirst = !tablesFirst;
-        state.SetIterationTime(clmulTime);
-    }
-    if (clmulTotal > 0) state.counters["tables_vs_clmul"] = tablesTotal / clmulTotal;
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(calls * n));
-#else
-    state.SkipWithError("no carry-less multiplication kernel on this architecture");
+    kzbench::Versus(
+        state, [&] { Pass<fp::ExtendClmul>(data, n); }, [&] { Pass<fp::ExtendTables>(data, n); }, "tables_vs_clmul",
+        kzbench::Report::kKz);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(data.size() / n * n));
 #endif
 }
 

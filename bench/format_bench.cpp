@@ -10,10 +10,10 @@
 //
 // The kzlib benchmarks time kzlib alone. Each comparison benchmark runs the
 // other implementation and kzlib's code on the same input in alternation, one
-// batch each per iteration, and reports the other's time (manual time, from
-// the thread's CPU clock) plus the counter "time_vs_kz": the other's total
-// time divided by kzlib's. Above 1 means kzlib was faster. Alternating keeps
-// the ratio steady when other work on the machine slows both down.
+// batch each per iteration (kzbench::Versus in bench_support.h), and reports
+// the other's time (manual time, from the thread's CPU clock) plus the counter
+// "time_vs_kz": the other's total time divided by kzlib's. Above 1 means kzlib
+// was faster.
 
 #include "kz/array.h"
 #include "kz/format.h"
@@ -32,43 +32,12 @@
 #include <vector>
 
 #include <sys/resource.h>
-#include <time.h>
+
+#include "bench_support.h"
 
 namespace {
 
-// ---- timing -------------------------------------------------------------------
-
-double ThreadSeconds() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-// One batch of `other` and one of `kz` per iteration, in alternating order.
-template <typename Kz, typename Other>
-void Versus(benchmark::State &state, Kz kz, Other other) {
-    double kzTotal = 0;
-    double otherTotal = 0;
-    bool otherFirst = true;
-    for (auto _ : state) {
-        double otherTime = 0;
-        for (int pass = 0; pass < 2; ++pass) {
-            const bool runOther = (pass == 0) == otherFirst;
-            const double start = ThreadSeconds();
-            if (runOther) other(); else kz();
-            const double elapsed = ThreadSeconds() - start;
-            if (runOther) {
-                otherTime = elapsed;
-                otherTotal += elapsed;
-            } else {
-                kzTotal += elapsed;
-            }
-        }
-        otherFirst = !otherFirst;
-        state.SetIterationTime(otherTime);
-    }
-    if (kzTotal > 0) state.counters["time_vs_kz"] = otherTotal / kzTotal;
-}
+using kzbench::Versus;
 
 // ---- parsing inputs ----------------------------------------------------------
 
@@ -365,12 +334,7 @@ BENCHMARK(BM_StringSnprintf_Accumulate)->UseManualTime();
 // ---- hashing ---------------------------------------------------------------------------
 
 const std::vector<unsigned char> &HashInput() {
-    static const std::vector<unsigned char> data = [] {
-        std::vector<unsigned char> v(1 << 16);
-        std::mt19937 rng(7);
-        for (auto &b : v) b = static_cast<unsigned char>(rng());
-        return v;
-    }();
+    static const std::vector<unsigned char> data = kzbench::RandomValues(1 << 16, std::mt19937(7));
     return data;
 }
 

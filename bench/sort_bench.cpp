@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
+
 namespace {
 
 constexpr size_t kCount = 100000;
@@ -32,12 +34,7 @@ struct Record {
 static_assert(sizeof(Record) == 24);
 
 const std::vector<int32_t> &RandomInts() {
-    static const std::vector<int32_t> v = [] {
-        std::mt19937 rng(1);
-        std::vector<int32_t> out(kCount);
-        for (auto &x : out) x = static_cast<int32_t>(rng());
-        return out;
-    }();
+    static const std::vector<int32_t> v = kzbench::RandomValues<std::vector<int32_t>>(kCount, std::mt19937(1));
     return v;
 }
 

@@ -21,20 +21,18 @@
 // free). Before timing, every benchmark checks that all implementations
 // produce the same output.
 //
-// As in format_bench, each comparison runs the other implementation and kzlib
-// in alternation, one text each per iteration, timed on the thread's CPU
-// clock; it reports the other's time and "time_vs_kz", the other's total time
-// divided by kzlib's (above 1: kzlib is faster). Throughput is in UTF-8 bytes.
+// Each comparison runs the other implementation and kzlib in alternation, one
+// text each per iteration (kzbench::Versus in bench_support.h), timed on the
+// thread's CPU clock; it reports the other's time and "time_vs_kz", the
+// other's total time divided by kzlib's (above 1: kzlib is faster). Throughput
+// is in UTF-8 bytes.
 
 #include "kz/unicode.h"
 
 #include <benchmark/benchmark.h>
 #include <iconv.h>
-#include <time.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -44,47 +42,14 @@
 #include <glib.h>
 #endif
 
+#include "bench_support.h"
 #include "kz/array.h"
 
 namespace {
 
-// ---- timing -------------------------------------------------------------------
-
-double ThreadSeconds() {
-  timespec t;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-template <typename Kz, typename Other>
-void Versus(benchmark::State &state, Kz kz, Other other) {
-  double kzTotal = 0;
-  double otherTotal = 0;
-  bool otherFirst = true;
-  for (auto _ : state) {
-    double otherTime = 0;
-    for (int pass = 0; pass < 2; ++pass) {
-      const bool runOther = (pass == 0) == otherFirst;
-      const double start = ThreadSeconds();
-      if (runOther) other(); else kz();
-      const double elapsed = ThreadSeconds() - start;
-      if (runOther) {
-        otherTime = elapsed;
-        otherTotal += elapsed;
-      } else {
-        kzTotal += elapsed;
-      }
-    }
-    otherFirst = !otherFirst;
-    state.SetIterationTime(otherTime);
-  }
-  if (kzTotal > 0) state.counters["time_vs_kz"] = otherTotal / kzTotal;
-}
-
-void Fail(const char *what) {
-  std::fprintf(stderr, "outputs differ: %s\n", what);
-  std::abort();
-}
+using kzbench::Expect;
+using kzbench::Fail;
+using kzbench::Versus;
 
 // ---- texts ----------------------------------------------------------------------
 
@@ -156,13 +121,22 @@ const std::vector<uint32_t> &Utf32(Script script) {
   return texts[script];
 }
 
-const std::string &Latin1() {
-  static const std::string text = [] {
-    std::string s;
-    for (uint32_t c : Utf32(kLatin1)) s += static_cast<char>(c);
-    return s;
-  }();
-  return text;
+std::string Narrow(Script script) {
+  std::string s;
+  for (uint32_t c : Utf32(script)) s += static_cast<char>(c);
+  return s;
+}
+
+// The text in ISO-8859-1 (the ASCII and Latin-1 texts only).
+const std::string &Latin1(Script script) {
+  if (script == kCjk) Fail("the CJK text has no ISO-8859-1 form");
+  static const std::string texts[] = {Narrow(kAscii), Narrow(kLatin1)};
+  return texts[script];
+}
+
+template <typename Units>
+size_t Bytes(const Units &units) {
+  return units.size() * sizeof(typename Units::value_type);
 }
 
 // ---- iconv into a buffer allocated once ------------------------------------------------
@@ -191,48 +165,95 @@ class Iconv {
   std::vector<char> out_;
 };
 
-// ---- the kzlib side -------------------------------------------------------------------------
+// ---- the conversions -------------------------------------------------------------------------
 
-template <typename Record>
-struct Reused {
-  Record array{};
-  ~Reused() { ArrayFree_(&array); }
-};
-
-// Each converts one text into its reused array.
-struct KzUCS2Encode {
-  Reused<UShortArray> out;
-  void operator()(const std::string &text) {
-    out.array.count = 0;
-    UCS2Encode(&out.array, text.data(), static_cast<uint32_t>(text.size()));
-    benchmark::DoNotOptimize(out.array.elements);
+// Each names kzlib's converter, the array it appends to, its input and
+// expected output for a script, iconv's names for the same conversion and,
+// where GLib has one, GLib's converter (which allocates its result).
+struct Utf8ToUtf16 {
+  using Record = UShortArray;
+  static constexpr auto Convert = UCS2Encode;
+  static const std::string &In(Script s) { return Utf8(s); }
+  static const std::vector<uint16_t> &Out(Script s) { return Utf16(s); }
+  static constexpr const char *kTo = "UTF-16LE", *kFrom = "UTF-8";
+#ifdef KZ_BENCH_HAVE_GLIB
+  static gunichar2 *GLib(const std::string &in, glong *written) {
+    return g_utf8_to_utf16(in.data(), static_cast<glong>(in.size()), nullptr, written, nullptr);
   }
+#endif
 };
 
-struct KzUCS2Decode {
-  Reused<UByteArray> out;
-  void operator()(const std::vector<uint16_t> &units) {
-    out.array.count = 0;
-    UCS2Decode(&out.array, units.data(), static_cast<uint32_t>(units.size()));
-    benchmark::DoNotOptimize(out.array.elements);
+struct Utf16ToUtf8 {
+  using Record = UByteArray;
+  static constexpr auto Convert = UCS2Decode;
+  static const std::vector<uint16_t> &In(Script s) { return Utf16(s); }
+  static const std::string &Out(Script s) { return Utf8(s); }
+  static constexpr const char *kTo = "UTF-8", *kFrom = "UTF-16LE";
+#ifdef KZ_BENCH_HAVE_GLIB
+  static gchar *GLib(const std::vector<uint16_t> &in, glong *written) {
+    return g_utf16_to_utf8(reinterpret_cast<const gunichar2 *>(in.data()), static_cast<glong>(in.size()), nullptr,
+                           written, nullptr);
   }
+#endif
 };
 
-struct KzUCS4Encode {
-  Reused<UIntArray> out;
-  void operator()(const std::string &text) {
-    out.array.count = 0;
-    UCS4Encode(&out.array, text.data(), static_cast<uint32_t>(text.size()));
-    benchmark::DoNotOptimize(out.array.elements);
+struct Utf8ToUtf32 {
+  using Record = UIntArray;
+  static constexpr auto Convert = UCS4Encode;
+  static const std::string &In(Script s) { return Utf8(s); }
+  static const std::vector<uint32_t> &Out(Script s) { return Utf32(s); }
+  static constexpr const char *kTo = "UTF-32LE", *kFrom = "UTF-8";
+#ifdef KZ_BENCH_HAVE_GLIB
+  static gunichar *GLib(const std::string &in, glong *written) {
+    return g_utf8_to_ucs4(in.data(), static_cast<glong>(in.size()), nullptr, written, nullptr);
   }
+#endif
 };
 
-struct KzUCS4Decode {
-  Reused<UByteArray> out;
-  void operator()(const std::vector<uint32_t> &points) {
-    out.array.count = 0;
-    UCS4Decode(&out.array, points.data(), static_cast<uint32_t>(points.size()));
-    benchmark::DoNotOptimize(out.array.elements);
+struct Utf32ToUtf8 {
+  using Record = UByteArray;
+  static constexpr auto Convert = UCS4Decode;
+  static const std::vector<uint32_t> &In(Script s) { return Utf32(s); }
+  static const std::string &Out(Script s) { return Utf8(s); }
+  static constexpr const char *kTo = "UTF-8", *kFrom = "UTF-32LE";
+#ifdef KZ_BENCH_HAVE_GLIB
+  static gchar *GLib(const std::vector<uint32_t> &in, glong *written) {
+    return g_ucs4_to_utf8(reinterpret_cast<const gunichar *>(in.data()), static_cast<glong>(in.size()), nullptr,
+                          written, nullptr);
+  }
+#endif
+};
+
+struct Utf8ToLatin1 {
+  using Record = UByteArray;
+  static constexpr auto Convert = ISO88591Encode;
+  static const std::string &In(Script s) { return Utf8(s); }
+  static const std::string &Out(Script s) { return Latin1(s); }
+  static constexpr const char *kTo = "ISO-8859-1", *kFrom = "UTF-8";
+};
+
+struct Latin1ToUtf8 {
+  using Record = UByteArray;
+  static constexpr auto Convert = ISO88591Decode;
+  static const std::string &In(Script s) { return Latin1(s); }
+  static const std::string &Out(Script s) { return Utf8(s); }
+  static constexpr const char *kTo = "UTF-8", *kFrom = "ISO-8859-1";
+};
+
+// kzlib converting one text into an array reused between texts.
+template <typename C>
+struct Kz {
+  typename C::Record array{};
+  ~Kz() { ArrayFree_(&array); }
+  template <typename Input>
+  void operator()(const Input &in) {
+    array.count = 0;
+    C::Convert(&array, in.data(), static_cast<uint32_t>(in.size()));
+    benchmark::DoNotOptimize(array.elements);
+  }
+  template <typename Output>
+  bool Holds(const Output &expected) const {
+    return array.count == expected.size() && std::memcmp(array.elements, expected.data(), Bytes(expected)) == 0;
   }
 };
 
@@ -240,305 +261,110 @@ void Processed(benchmark::State &state, Script script) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(Utf8(script).size()));
 }
 
-// ---- UTF-8 -> 16-bit units --------------------------------------------------------------------
+std::string Named(const char *what, const char *to, const char *from) {
+  return std::string(what) + " " + from + " -> " + to;
+}
 
-template <Script S>
-void BM_UCS2Encode(benchmark::State &state) {
-  KzUCS2Encode kz;
-  kz(Utf8(S));
-  if (kz.out.array.count != Utf16(S).size() ||
-      std::memcmp(kz.out.array.elements, Utf16(S).data(), Utf16(S).size() * 2) != 0)
-    Fail("UCS2Encode");
-  for (auto _ : state) kz(Utf8(S));
+// ---- kzlib alone, and against iconv -----------------------------------------------------------------
+
+template <typename C, Script S>
+void BM_Kz(benchmark::State &state) {
+  Kz<C> kz;
+  kz(C::In(S));
+  Expect(kz.Holds(C::Out(S)), Named("kzlib", C::kTo, C::kFrom).c_str());
+  for (auto _ : state) kz(C::In(S));
   Processed(state, S);
 }
 
-template <Script S>
-void BM_Iconv_Utf8ToUtf16(benchmark::State &state) {
-  KzUCS2Encode kz;
-  Iconv ic("UTF-16LE", "UTF-8", Utf8(S).size() * 2 + 64);
-  kz(Utf8(S));
-  if (ic.Run(Utf8(S).data(), Utf8(S).size()) != kz.out.array.count * 2 ||
-      std::memcmp(ic.data(), kz.out.array.elements, kz.out.array.count * 2) != 0)
-    Fail("iconv UTF-16LE");
-  Versus(state, [&] { kz(Utf8(S)); }, [&] { ic.Run(Utf8(S).data(), Utf8(S).size()); });
+template <typename C, Script S>
+void BM_Iconv(benchmark::State &state) {
+  const auto &in = C::In(S);
+  const auto &out = C::Out(S);
+  Kz<C> kz;
+  kz(in);
+  Iconv ic(C::kTo, C::kFrom, Bytes(out) + 64);
+  Expect(kz.Holds(out) && ic.Run(in.data(), Bytes(in)) == Bytes(out) && std::memcmp(ic.data(), out.data(), Bytes(out)) == 0,
+         Named("iconv", C::kTo, C::kFrom).c_str());
+  Versus(state, [&] { kz(in); }, [&] { ic.Run(in.data(), Bytes(in)); });
   Processed(state, S);
-}
-
-template <Script S>
-void BM_UCS2Decode(benchmark::State &state) {
-  KzUCS2Decode kz;
-  kz(Utf16(S));
-  if (kz.out.array.count != Utf8(S).size() || std::memcmp(kz.out.array.elements, Utf8(S).data(), Utf8(S).size()) != 0)
-    Fail("UCS2Decode");
-  for (auto _ : state) kz(Utf16(S));
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_Iconv_Utf16ToUtf8(benchmark::State &state) {
-  KzUCS2Decode kz;
-  Iconv ic("UTF-8", "UTF-16LE", Utf8(S).size() + 64);
-  if (ic.Run(Utf16(S).data(), Utf16(S).size() * 2) != Utf8(S).size() ||
-      std::memcmp(ic.data(), Utf8(S).data(), Utf8(S).size()) != 0)
-    Fail("iconv UTF-8");
-  Versus(state, [&] { kz(Utf16(S)); }, [&] { ic.Run(Utf16(S).data(), Utf16(S).size() * 2); });
-  Processed(state, S);
-}
-
-// ---- UTF-8 <-> 32-bit code points -----------------------------------------------------------------
-
-template <Script S>
-void BM_UCS4Encode(benchmark::State &state) {
-  KzUCS4Encode kz;
-  kz(Utf8(S));
-  if (kz.out.array.count != Utf32(S).size() ||
-      std::memcmp(kz.out.array.elements, Utf32(S).data(), Utf32(S).size() * 4) != 0)
-    Fail("UCS4Encode");
-  for (auto _ : state) kz(Utf8(S));
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_Iconv_Utf8ToUtf32(benchmark::State &state) {
-  KzUCS4Encode kz;
-  Iconv ic("UTF-32LE", "UTF-8", Utf8(S).size() * 4 + 64);
-  if (ic.Run(Utf8(S).data(), Utf8(S).size()) != Utf32(S).size() * 4 ||
-      std::memcmp(ic.data(), Utf32(S).data(), Utf32(S).size() * 4) != 0)
-    Fail("iconv UTF-32LE");
-  Versus(state, [&] { kz(Utf8(S)); }, [&] { ic.Run(Utf8(S).data(), Utf8(S).size()); });
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_UCS4Decode(benchmark::State &state) {
-  KzUCS4Decode kz;
-  kz(Utf32(S));
-  if (kz.out.array.count != Utf8(S).size() || std::memcmp(kz.out.array.elements, Utf8(S).data(), Utf8(S).size()) != 0)
-    Fail("UCS4Decode");
-  for (auto _ : state) kz(Utf32(S));
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_Iconv_Utf32ToUtf8(benchmark::State &state) {
-  KzUCS4Decode kz;
-  Iconv ic("UTF-8", "UTF-32LE", Utf8(S).size() + 64);
-  if (ic.Run(Utf32(S).data(), Utf32(S).size() * 4) != Utf8(S).size()) Fail("iconv UTF-8 from UTF-32LE");
-  Versus(state, [&] { kz(Utf32(S)); }, [&] { ic.Run(Utf32(S).data(), Utf32(S).size() * 4); });
-  Processed(state, S);
-}
-
-// ---- UTF-8 <-> ISO-8859-1 (the Latin-1 text) ------------------------------------------------------
-
-struct KzLatin1 {
-  Reused<UByteArray> out;
-  void Encode() {
-    out.array.count = 0;
-    ISO88591Encode(&out.array, Utf8(kLatin1).data(), static_cast<uint32_t>(Utf8(kLatin1).size()));
-    benchmark::DoNotOptimize(out.array.elements);
-  }
-  void Decode() {
-    out.array.count = 0;
-    ISO88591Decode(&out.array, Latin1().data(), static_cast<uint32_t>(Latin1().size()));
-    benchmark::DoNotOptimize(out.array.elements);
-  }
-  bool Holds(const std::string &expected) const {
-    return out.array.count == expected.size() && std::memcmp(out.array.elements, expected.data(), expected.size()) == 0;
-  }
-};
-
-void BM_ISO88591Encode(benchmark::State &state) {
-  KzLatin1 kz;
-  kz.Encode();
-  if (!kz.Holds(Latin1())) Fail("ISO88591Encode");
-  for (auto _ : state) kz.Encode();
-  Processed(state, kLatin1);
-}
-
-void BM_Iconv_Utf8ToLatin1(benchmark::State &state) {
-  KzLatin1 kz;
-  Iconv ic("ISO-8859-1", "UTF-8", Latin1().size() + 64);
-  if (ic.Run(Utf8(kLatin1).data(), Utf8(kLatin1).size()) != Latin1().size() ||
-      std::memcmp(ic.data(), Latin1().data(), Latin1().size()) != 0)
-    Fail("iconv ISO-8859-1");
-  Versus(state, [&] { kz.Encode(); }, [&] { ic.Run(Utf8(kLatin1).data(), Utf8(kLatin1).size()); });
-  Processed(state, kLatin1);
-}
-
-void BM_ISO88591Decode(benchmark::State &state) {
-  KzLatin1 kz;
-  kz.Decode();
-  if (!kz.Holds(Utf8(kLatin1))) Fail("ISO88591Decode");
-  for (auto _ : state) kz.Decode();
-  Processed(state, kLatin1);
-}
-
-void BM_Iconv_Latin1ToUtf8(benchmark::State &state) {
-  KzLatin1 kz;
-  Iconv ic("UTF-8", "ISO-8859-1", Utf8(kLatin1).size() + 64);
-  if (ic.Run(Latin1().data(), Latin1().size()) != Utf8(kLatin1).size() ||
-      std::memcmp(ic.data(), Utf8(kLatin1).data(), Utf8(kLatin1).size()) != 0)
-    Fail("iconv UTF-8 from ISO-8859-1");
-  Versus(state, [&] { kz.Decode(); }, [&] { ic.Run(Latin1().data(), Latin1().size()); });
-  Processed(state, kLatin1);
 }
 
 // ---- GLib (allocates its result on every call) --------------------------------------------------------
 
 #ifdef KZ_BENCH_HAVE_GLIB
 
-template <Script S>
-void BM_GLib_Utf8ToUtf16(benchmark::State &state) {
-  KzUCS2Encode kz;
-  auto glib = [] {
-    glong written = 0;
-    gunichar2 *units = g_utf8_to_utf16(Utf8(S).data(), static_cast<glong>(Utf8(S).size()), nullptr, &written, nullptr);
-    benchmark::DoNotOptimize(units);
-    g_free(units);
-  };
+template <typename C, Script S>
+void BM_GLib(benchmark::State &state) {
+  const auto &in = C::In(S);
+  const auto &out = C::Out(S);
+  Kz<C> kz;
   glong written = 0;
-  gunichar2 *units = g_utf8_to_utf16(Utf8(S).data(), static_cast<glong>(Utf8(S).size()), nullptr, &written, nullptr);
-  if (!units || static_cast<size_t>(written) != Utf16(S).size() || std::memcmp(units, Utf16(S).data(), written * 2) != 0)
-    Fail("g_utf8_to_utf16");
-  g_free(units);
-  Versus(state, [&] { kz(Utf8(S)); }, glib);
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_GLib_Utf16ToUtf8(benchmark::State &state) {
-  KzUCS2Decode kz;
-  auto run = [] {
-    glong written = 0;
-    gchar *text = g_utf16_to_utf8(reinterpret_cast<const gunichar2 *>(Utf16(S).data()),
-                                  static_cast<glong>(Utf16(S).size()), nullptr, &written, nullptr);
-    return std::make_pair(text, written);
-  };
-  auto [text, written] = run();
-  if (!text || static_cast<size_t>(written) != Utf8(S).size() || std::memcmp(text, Utf8(S).data(), written) != 0)
-    Fail("g_utf16_to_utf8");
-  g_free(text);
-  Versus(state, [&] { kz(Utf16(S)); },
+  auto *check = C::GLib(in, &written);
+  Expect(check && static_cast<size_t>(written) == out.size() && std::memcmp(check, out.data(), Bytes(out)) == 0,
+         Named("GLib", C::kTo, C::kFrom).c_str());
+  g_free(check);
+  Versus(state, [&] { kz(in); },
          [&] {
-           auto r = run();
-           benchmark::DoNotOptimize(r.first);
-           g_free(r.first);
-         });
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_GLib_Utf8ToUcs4(benchmark::State &state) {
-  KzUCS4Encode kz;
-  auto run = [] {
-    glong written = 0;
-    gunichar *points = g_utf8_to_ucs4(Utf8(S).data(), static_cast<glong>(Utf8(S).size()), nullptr, &written, nullptr);
-    return std::make_pair(points, written);
-  };
-  auto [points, written] = run();
-  if (!points || static_cast<size_t>(written) != Utf32(S).size() ||
-      std::memcmp(points, Utf32(S).data(), written * 4) != 0)
-    Fail("g_utf8_to_ucs4");
-  g_free(points);
-  Versus(state, [&] { kz(Utf8(S)); },
-         [&] {
-           auto r = run();
-           benchmark::DoNotOptimize(r.first);
-           g_free(r.first);
-         });
-  Processed(state, S);
-}
-
-template <Script S>
-void BM_GLib_Ucs4ToUtf8(benchmark::State &state) {
-  KzUCS4Decode kz;
-  auto run = [] {
-    glong written = 0;
-    gchar *text = g_ucs4_to_utf8(reinterpret_cast<const gunichar *>(Utf32(S).data()),
-                                 static_cast<glong>(Utf32(S).size()), nullptr, &written, nullptr);
-    return std::make_pair(text, written);
-  };
-  auto [text, written] = run();
-  if (!text || static_cast<size_t>(written) != Utf8(S).size() || std::memcmp(text, Utf8(S).data(), written) != 0)
-    Fail("g_ucs4_to_utf8");
-  g_free(text);
-  Versus(state, [&] { kz(Utf32(S)); },
-         [&] {
-           auto r = run();
-           benchmark::DoNotOptimize(r.first);
-           g_free(r.first);
+           glong n = 0;
+           auto *result = C::GLib(in, &n);
+           benchmark::DoNotOptimize(result);
+           g_free(result);
          });
   Processed(state, S);
 }
 
 // kzlib with a fresh array per text (allocation and every growth step
 // included, then freed), against GLib, which allocates its result once.
-template <Script S>
-void BM_GLib_Utf8ToUtf16_FreshKz(benchmark::State &state) {
-  auto kz = [] {
-    UShortArray a{};
-    UCS2Encode(&a, Utf8(S).data(), static_cast<uint32_t>(Utf8(S).size()));
-    benchmark::DoNotOptimize(a.elements);
-    ArrayFree_(&a);
-  };
-  auto glib = [] {
-    gunichar2 *units = g_utf8_to_utf16(Utf8(S).data(), static_cast<glong>(Utf8(S).size()), nullptr, nullptr, nullptr);
-    benchmark::DoNotOptimize(units);
-    g_free(units);
-  };
-  Versus(state, kz, glib);
+template <typename C, Script S>
+void BM_GLibFreshKz(benchmark::State &state) {
+  const auto &in = C::In(S);
+  Versus(state,
+         [&] {
+           typename C::Record a{};
+           C::Convert(&a, in.data(), static_cast<uint32_t>(in.size()));
+           benchmark::DoNotOptimize(a.elements);
+           ArrayFree_(&a);
+         },
+         [&] {
+           auto *result = C::GLib(in, nullptr);
+           benchmark::DoNotOptimize(result);
+           g_free(result);
+         });
   Processed(state, S);
 }
 
-template <Script S>
-void BM_GLib_Utf16ToUtf8_FreshKz(benchmark::State &state) {
-  auto kz = [] {
-    UByteArray a{};
-    UCS2Decode(&a, Utf16(S).data(), static_cast<uint32_t>(Utf16(S).size()));
-    benchmark::DoNotOptimize(a.elements);
-    ArrayFree_(&a);
-  };
-  auto glib = [] {
-    gchar *text = g_utf16_to_utf8(reinterpret_cast<const gunichar2 *>(Utf16(S).data()),
-                                  static_cast<glong>(Utf16(S).size()), nullptr, nullptr, nullptr);
-    benchmark::DoNotOptimize(text);
-    g_free(text);
-  };
-  Versus(state, kz, glib);
-  Processed(state, S);
-}
-
-#endif
-
-#define KZ_UNICODE_BENCHES(S)                                   \
-  BENCHMARK(BM_UCS2Encode<S>);                                  \
-  BENCHMARK(BM_Iconv_Utf8ToUtf16<S>)->UseManualTime();          \
-  KZ_GLIB_BENCH(BM_GLib_Utf8ToUtf16<S>);                        \
-  KZ_GLIB_BENCH(BM_GLib_Utf8ToUtf16_FreshKz<S>);                \
-  BENCHMARK(BM_UCS2Decode<S>);                                  \
-  BENCHMARK(BM_Iconv_Utf16ToUtf8<S>)->UseManualTime();          \
-  KZ_GLIB_BENCH(BM_GLib_Utf16ToUtf8<S>);                        \
-  KZ_GLIB_BENCH(BM_GLib_Utf16ToUtf8_FreshKz<S>);                \
-  BENCHMARK(BM_UCS4Encode<S>);                                  \
-  BENCHMARK(BM_Iconv_Utf8ToUtf32<S>)->UseManualTime();          \
-  KZ_GLIB_BENCH(BM_GLib_Utf8ToUcs4<S>);                         \
-  BENCHMARK(BM_UCS4Decode<S>);                                  \
-  BENCHMARK(BM_Iconv_Utf32ToUtf8<S>)->UseManualTime();          \
-  KZ_GLIB_BENCH(BM_GLib_Ucs4ToUtf8<S>)
-
-#ifdef KZ_BENCH_HAVE_GLIB
-#define KZ_GLIB_BENCH(name) BENCHMARK(name)->UseManualTime()
+#define KZ_GLIB_BENCH(bench, C, S, name) BENCHMARK(bench<C, S>)->Name(name)->UseManualTime()
 #else
-#define KZ_GLIB_BENCH(name) static_assert(true)
+#define KZ_GLIB_BENCH(bench, C, S, name) static_assert(true)
 #endif
+
+// ---- registration (the names the figures in the docs use) -----------------------------------------------
+
+#define KZ_KZ_BENCH(C, S, name) BENCHMARK(BM_Kz<C, S>)->Name(name)
+#define KZ_ICONV_BENCH(C, S, name) BENCHMARK(BM_Iconv<C, S>)->Name(name)->UseManualTime()
+
+#define KZ_UNICODE_BENCHES(S)                                                              \
+  KZ_KZ_BENCH(Utf8ToUtf16, S, "BM_UCS2Encode<" #S ">");                                    \
+  KZ_ICONV_BENCH(Utf8ToUtf16, S, "BM_Iconv_Utf8ToUtf16<" #S ">");                          \
+  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16<" #S ">");                   \
+  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16_FreshKz<" #S ">");    \
+  KZ_KZ_BENCH(Utf16ToUtf8, S, "BM_UCS2Decode<" #S ">");                                    \
+  KZ_ICONV_BENCH(Utf16ToUtf8, S, "BM_Iconv_Utf16ToUtf8<" #S ">");                          \
+  KZ_GLIB_BENCH(BM_GLib, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8<" #S ">");                   \
+  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8_FreshKz<" #S ">");    \
+  KZ_KZ_BENCH(Utf8ToUtf32, S, "BM_UCS4Encode<" #S ">");                                    \
+  KZ_ICONV_BENCH(Utf8ToUtf32, S, "BM_Iconv_Utf8ToUtf32<" #S ">");                          \
+  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf32, S, "BM_GLib_Utf8ToUcs4<" #S ">");                    \
+  KZ_KZ_BENCH(Utf32ToUtf8, S, "BM_UCS4Decode<" #S ">");                                    \
+  KZ_ICONV_BENCH(Utf32ToUtf8, S, "BM_Iconv_Utf32ToUtf8<" #S ">");                          \
+  KZ_GLIB_BENCH(BM_GLib, Utf32ToUtf8, S, "BM_GLib_Ucs4ToUtf8<" #S ">")
 
 KZ_UNICODE_BENCHES(kAscii);
 KZ_UNICODE_BENCHES(kLatin1);
 KZ_UNICODE_BENCHES(kCjk);
-BENCHMARK(BM_ISO88591Encode);
-BENCHMARK(BM_Iconv_Utf8ToLatin1)->UseManualTime();
-BENCHMARK(BM_ISO88591Decode);
-BENCHMARK(BM_Iconv_Latin1ToUtf8)->UseManualTime();
+KZ_KZ_BENCH(Utf8ToLatin1, kLatin1, "BM_ISO88591Encode");
+KZ_ICONV_BENCH(Utf8ToLatin1, kLatin1, "BM_Iconv_Utf8ToLatin1");
+KZ_KZ_BENCH(Latin1ToUtf8, kLatin1, "BM_ISO88591Decode");
+KZ_ICONV_BENCH(Latin1ToUtf8, kLatin1, "BM_Iconv_Latin1ToUtf8");
 
 }  // namespace

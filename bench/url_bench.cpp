@@ -22,9 +22,10 @@
 //                     the public function ("time_vs_kz")
 //
 // Comparison benchmarks run the other implementation and kzlib on the same
-// input in alternation, one batch each per iteration, and report the other's
-// time (manual time, from the thread's CPU clock) plus "time_vs_kz": the
-// other's total time divided by kzlib's. Above 1 means kzlib was faster.
+// input in alternation, one batch each per iteration (kzbench::Versus in
+// bench_support.h), and report the other's time (manual time, from the
+// thread's CPU clock) plus "time_vs_kz": the other's total time divided by
+// kzlib's. Above 1 means kzlib was faster.
 
 #include "kz/url.h"
 
@@ -38,8 +39,7 @@
 #include <string>
 #include <vector>
 
-#include <time.h>
-
+#include "bench_support.h"
 #include "internal/fingerprint.h"
 
 #ifdef KZ_BENCH_HAVE_CURL
@@ -51,39 +51,7 @@
 
 namespace {
 
-// ---- timing -------------------------------------------------------------------
-
-double ThreadSeconds() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-// One batch of `other` and one of `kz` per iteration, in alternating order.
-template <typename Kz, typename Other>
-void Versus(benchmark::State &state, Kz kz, Other other) {
-    double kzTotal = 0;
-    double otherTotal = 0;
-    bool otherFirst = true;
-    for (auto _ : state) {
-        double otherTime = 0;
-        for (int pass = 0; pass < 2; ++pass) {
-            const bool runOther = (pass == 0) == otherFirst;
-            const double start = ThreadSeconds();
-            if (runOther) other(); else kz();
-            const double elapsed = ThreadSeconds() - start;
-            if (runOther) {
-                otherTime = elapsed;
-                otherTotal += elapsed;
-            } else {
-                kzTotal += elapsed;
-            }
-        }
-        otherFirst = !otherFirst;
-        state.SetIterationTime(otherTime);
-    }
-    if (kzTotal > 0) state.counters["time_vs_kz"] = otherTotal / kzTotal;
-}
+using kzbench::Versus;
 
 // ---- the corpus -------------------------------------------------------------------
 
@@ -177,23 +145,15 @@ struct KzRecords {
     }
 };
 
-void KzFingerprints(const std::vector<std::string> &urls, KzRecords &r) {
+// Parse, normalise and fingerprint every URL; with Print, print the
+// normalised URL as well.
+template <bool Print>
+void KzLoop(const std::vector<std::string> &urls, KzRecords &r) {
     uint64_t sum = 0;
     for (const std::string &text : urls) {
         if (URLParse3(text.c_str(), r.url, nullptr, 1, 1, 0)) {
             URLNormalize(r.normal, r.url);
-            sum += URLFingerprint(r.normal, 0);
-        }
-    }
-    benchmark::DoNotOptimize(sum);
-}
-
-void KzPrints(const std::vector<std::string> &urls, KzRecords &r) {
-    uint64_t sum = 0;
-    for (const std::string &text : urls) {
-        if (URLParse3(text.c_str(), r.url, nullptr, 1, 1, 0)) {
-            URLNormalize(r.normal, r.url);
-            sum += static_cast<unsigned char>(URLPrint(&r.printed, r.normal)[0]);
+            if constexpr (Print) sum += static_cast<unsigned char>(URLPrint(&r.printed, r.normal)[0]);
             sum += URLFingerprint(r.normal, 0);
         }
     }
@@ -232,82 +192,55 @@ void GLibRoundTrips(const std::vector<std::string> &urls) {
 
 // ---- URL benchmarks ---------------------------------------------------------------------
 
-void BM_KzUrlFingerprint(benchmark::State &state) {
+// Print: kzlib prints the normalised URL as well (the "_VsPrint" and
+// "PrintAndFingerprint" rows).
+template <bool Print>
+void BM_KzUrl(benchmark::State &state) {
     if (!NeedCorpus(state)) return;
     const auto &urls = TheCorpus().urls;
     KzRecords r;
-    for (auto _ : state) KzFingerprints(urls, r);
+    for (auto _ : state) KzLoop<Print>(urls, r);
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
 }
 
-void BM_KzUrlPrintAndFingerprint(benchmark::State &state) {
-    if (!NeedCorpus(state)) return;
-    const auto &urls = TheCorpus().urls;
-    KzRecords r;
-    for (auto _ : state) KzPrints(urls, r);
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
-}
-
-BENCHMARK(BM_KzUrlFingerprint);
-BENCHMARK(BM_KzUrlPrintAndFingerprint);
+BENCHMARK(BM_KzUrl<false>)->Name("BM_KzUrlFingerprint");
+BENCHMARK(BM_KzUrl<true>)->Name("BM_KzUrlPrintAndFingerprint");
 
 #ifdef KZ_BENCH_HAVE_CURL
 // libcurl against kzlib's parse + normalise + fingerprint.
+template <bool Print>
 void BM_CurlUrl(benchmark::State &state) {
     if (!NeedCorpus(state)) return;
     const auto &urls = TheCorpus().urls;
     KzRecords r;
     CURLU *handle = curl_url();
-    Versus(state, [&] { KzFingerprints(urls, r); }, [&] { CurlRoundTrips(urls, handle); });
+    Versus(state, [&] { KzLoop<Print>(urls, r); }, [&] { CurlRoundTrips(urls, handle); });
     curl_url_cleanup(handle);
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
 }
 
-// The same, with kzlib printing the normalised URL as well.
-void BM_CurlUrl_VsPrint(benchmark::State &state) {
-    if (!NeedCorpus(state)) return;
-    const auto &urls = TheCorpus().urls;
-    KzRecords r;
-    CURLU *handle = curl_url();
-    Versus(state, [&] { KzPrints(urls, r); }, [&] { CurlRoundTrips(urls, handle); });
-    curl_url_cleanup(handle);
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
-}
-
-BENCHMARK(BM_CurlUrl)->UseManualTime();
-BENCHMARK(BM_CurlUrl_VsPrint)->UseManualTime();
+BENCHMARK(BM_CurlUrl<false>)->Name("BM_CurlUrl")->UseManualTime();
+BENCHMARK(BM_CurlUrl<true>)->Name("BM_CurlUrl_VsPrint")->UseManualTime();
 #endif
 
 #ifdef KZ_BENCH_HAVE_GLIB
+template <bool Print>
 void BM_GLibUri(benchmark::State &state) {
     if (!NeedCorpus(state)) return;
     const auto &urls = TheCorpus().urls;
     KzRecords r;
-    Versus(state, [&] { KzFingerprints(urls, r); }, [&] { GLibRoundTrips(urls); });
+    Versus(state, [&] { KzLoop<Print>(urls, r); }, [&] { GLibRoundTrips(urls); });
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
 }
 
-void BM_GLibUri_VsPrint(benchmark::State &state) {
-    if (!NeedCorpus(state)) return;
-    const auto &urls = TheCorpus().urls;
-    KzRecords r;
-    Versus(state, [&] { KzPrints(urls, r); }, [&] { GLibRoundTrips(urls); });
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
-}
-
-BENCHMARK(BM_GLibUri)->UseManualTime();
-BENCHMARK(BM_GLibUri_VsPrint)->UseManualTime();
+BENCHMARK(BM_GLibUri<false>)->Name("BM_GLibUri")->UseManualTime();
+BENCHMARK(BM_GLibUri<true>)->Name("BM_GLibUri_VsPrint")->UseManualTime();
 #endif
 
 // ---- fingerprint throughput -----------------------------------------------------------------
 
 const std::vector<unsigned char> &FingerprintInput() {
-    static const std::vector<unsigned char> data = [] {
-        std::vector<unsigned char> v(1 << 16);
-        std::mt19937 rng(11);
-        for (auto &b : v) b = static_cast<unsigned char>(rng());
-        return v;
-    }();
+    static const std::vector<unsigned char> data = kzbench::RandomValues(1 << 16, std::mt19937(11));
     return data;
 }
 

@@ -19,24 +19,17 @@
 #include "kz/codec.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <string_view>
 
+#include "fuzz_support.h"
 #include "internal/codec_kernels.h"
 
 namespace {
 
-constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+using kzfuzz::Require;
 
-void Require(bool condition, const char *what) {
-  if (!condition) {
-    std::fprintf(stderr, "property failed: %s\n", what);
-    std::abort();
-  }
-}
+constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 using Coder = void (*)(UByteArray *, const std::string &, int32_t);
 
@@ -54,26 +47,15 @@ void QPDec(UByteArray *a, const std::string &s, int32_t) { QPDecode(a, s.data(),
 // Runs the coder on an array that is empty or holds a prefix with spare room,
 // checks the array afterwards and returns what was appended.
 std::string Apply(Coder coder, const std::string &input, int32_t lines, bool prefixed) {
-  constexpr uint32_t kPrefix = 5, kRoom = 37;
-  UByteArray a{};
-  if (prefixed) {
-    a.elements = static_cast<unsigned char *>(std::malloc(kRoom));
-    std::memcpy(a.elements, "head:", kPrefix);
-    a.count = kPrefix;
-    a.capacity = kRoom;
-  }
+  kzfuzz::PrefixedArray out(prefixed, "head:", 37);
+  const UByteArray &a = out.array;
   const uint32_t start = a.capacity;
-  coder(&a, input, lines);
-  Require(a.count <= a.capacity, "count <= capacity");
+  coder(&out.array, input, lines);
   Require((a.elements == nullptr) == (a.capacity == 0), "storage exactly when there is capacity");
   uint64_t expected = start;
   while (expected < a.count) expected = ArrayNextSize(expected, expected + 1, 4294967295u);
   Require(a.capacity == expected, "capacity of byte-by-byte appending");
-  const uint32_t skip = prefixed ? kPrefix : 0;
-  Require(!prefixed || std::memcmp(a.elements, "head:", kPrefix) == 0, "prefix kept");
-  std::string appended(reinterpret_cast<const char *>(a.elements) + skip, a.count - skip);
-  std::free(a.elements);
-  return appended;
+  return out.Appended();
 }
 
 std::string ModelBase64Decode(const std::string &text) {
@@ -104,11 +86,12 @@ bool LinesAtMost76(const std::string &text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size == 0) return 0;
-  const int32_t lines = data[0] & 1;
-  const bool scalar = (data[0] & 2) != 0;
-  const bool prefixed = (data[0] & 4) != 0;
-  const std::string x(reinterpret_cast<const char *>(data + 1), size - 1);
+  const kzfuzz::OptionsInput in(data, size);
+  if (in.empty) return 0;
+  const int32_t lines = in.Bit(0);
+  const bool scalar = in.Bit(1);
+  const bool prefixed = in.Bit(2);
+  const std::string &x = in.data;
   kz::CodecUseVectorKernels(!scalar);
 
   const std::string b64 = Apply(B64Encode, x, lines, prefixed);

@@ -24,23 +24,17 @@
 #include <zlib.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
+
+#include "fuzz_support.h"
 
 namespace {
 
 constexpr char kDictionary[] = "GET /index.html HTTP/1.1\r\nHost: example.org\r\nAccept: text/html\r\n\r\n";
 constexpr uint32_t kDictionaryLength = sizeof kDictionary - 1;
 
-void Require(bool condition, const char *what) {
-  if (!condition) {
-    std::fprintf(stderr, "property failed: %s\n", what);
-    std::abort();
-  }
-}
+using kzfuzz::Require;
 
 // zlib's inflate over the whole stream: the library's result code and output.
 int32_t Reference(const std::string &stream, bool dictionary, std::string &out) {
@@ -70,34 +64,21 @@ int32_t Reference(const std::string &stream, bool dictionary, std::string &out) 
   return code;
 }
 
-struct Out {
-  UByteArray a{};
-  explicit Out(bool prefixed) {
-    if (prefixed) {
-      a.elements = static_cast<unsigned char *>(std::malloc(3));
-      std::memcpy(a.elements, "pre", 3);
-      a.count = a.capacity = 3;
-    }
-  }
-  ~Out() { std::free(a.elements); }
-  std::string Appended(bool prefixed) const {
-    Require(a.count <= a.capacity, "count <= capacity");
-    Require(!prefixed || std::memcmp(a.elements, "pre", 3) == 0, "prefix kept");
-    const uint32_t skip = prefixed ? 3 : 0;
-    return std::string(reinterpret_cast<const char *>(a.elements) + skip, a.count - skip);
-  }
-};
+// Output arrays are empty or hold this prefix with no spare room.
+constexpr char kPrefix[] = "pre";
+constexpr uint32_t kPrefixRoom = 3;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size == 0) return 0;
-  const uint32_t level = data[0] & 3;
-  const bool dictionary = (data[0] & 4) != 0;
-  const bool header = (data[0] & 8) != 0;
-  const int32_t compressFirst = (data[0] & 16) ? 1 : 0;
-  const bool prefixed = (data[0] & 32) != 0;
-  const std::string x(reinterpret_cast<const char *>(data + 1), size - 1);
+  const kzfuzz::OptionsInput in(data, size);
+  if (in.empty) return 0;
+  const uint32_t level = in.options & 3;
+  const bool dictionary = in.Bit(2);
+  const bool header = in.Bit(3);
+  const int32_t compressFirst = in.Bit(4) ? 1 : 0;
+  const bool prefixed = in.Bit(5);
+  const std::string &x = in.data;
 
   KZCompress *c = CompressNew(level, compressFirst);
   if (dictionary) CompressSetDictionary(c, kDictionary, kDictionaryLength);
@@ -114,21 +95,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string expected;
   const int32_t expectedResult = Reference(stream, dictionary, expected);
   {
-    Out out(prefixed);
-    const int32_t result = CompressInflate(c, stream.data(), static_cast<uint32_t>(stream.size()), &out.a);
+    kzfuzz::PrefixedArray out(prefixed, kPrefix, kPrefixRoom);
+    const int32_t result = CompressInflate(c, stream.data(), static_cast<uint32_t>(stream.size()), &out.array);
     Require(result == 0 || result == -1 || result == -4, "inflate result is 0, -1 or -4");
     Require(result == expectedResult, "inflate result is zlib's");
-    Require(out.Appended(prefixed) == expected, "inflate output is zlib's");
+    Require(out.Appended() == expected, "inflate output is zlib's");
   }
 
   // Round trip of the data.
   {
-    Out packed(prefixed), back(prefixed);
-    Require(CompressDeflate(c, x.data(), static_cast<uint32_t>(x.size()), &packed.a) == 1, "deflate returns 1");
-    const std::string stream2 = packed.Appended(prefixed);
-    Require(CompressInflate(c, stream2.data(), static_cast<uint32_t>(stream2.size()), &back.a) == 0,
+    kzfuzz::PrefixedArray packed(prefixed, kPrefix, kPrefixRoom), back(prefixed, kPrefix, kPrefixRoom);
+    Require(CompressDeflate(c, x.data(), static_cast<uint32_t>(x.size()), &packed.array) == 1, "deflate returns 1");
+    const std::string stream2 = packed.Appended();
+    Require(CompressInflate(c, stream2.data(), static_cast<uint32_t>(stream2.size()), &back.array) == 0,
             "inflating a deflated stream returns 0");
-    Require(back.Appended(prefixed) == x, "round trip");
+    Require(back.Appended() == x, "round trip");
   }
   CompressDelete(c);
   return 0;

@@ -9,21 +9,16 @@
 #include "internal/fingerprint.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
+
+#include "fuzz_support.h"
 
 namespace {
 
 namespace fp = kz::fingerprint;
 
-void Require(bool condition, const char *what) {
-    if (!condition) {
-        std::fprintf(stderr, "property failed: %s\n", what);
-        std::abort();
-    }
-}
+using kzfuzz::Require;
 
 uint64_t Reference(uint64_t value, const unsigned char *p, size_t n) {
     for (size_t i = 0; i < n; ++i)

@@ -78,6 +78,27 @@ class Deadline {
   uint64_t end_;
 };
 
+// The blocking acquisitions both reader-writer locks share (writers
+// preferred), run with the lock's own mutex held. A reader waits while a
+// writer holds the lock or waits for it. A writer waits until nobody holds
+// it, counted among the waiting writers meanwhile so that new readers stay
+// out.
+template <typename Lock>
+__attribute__((always_inline)) inline void WaitThenRead(Lock *lock) {
+  while (lock->state < 0 || lock->waitingWriters >= 1) ConditionWait(&lock->readersCondition, &lock->lock);
+  lock->state++;
+}
+
+template <typename Lock>
+__attribute__((always_inline)) inline void WaitThenWrite(Lock *lock) {
+  while (lock->state != 0) {
+    lock->waitingWriters++;
+    ConditionWait(&lock->writersCondition, &lock->lock);
+    lock->waitingWriters--;
+  }
+  lock->state = -1;
+}
+
 }  // namespace
 
 extern "C" {
@@ -224,8 +245,7 @@ KZ_API void RWLockDestroy(KZRWLock *lock) {
 
 KZ_API void RWLockAcquireRead_(KZRWLock *lock, const char *file, uint32_t line) {
   kz::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
-  while (lock->state < 0 || lock->waitingWriters >= 1) ConditionWait(&lock->readersCondition, &lock->lock);
-  lock->state++;
+  WaitThenRead(lock);
   MutexUnlock(&lock->lock);
 }
 
@@ -245,12 +265,7 @@ KZ_API int RWLockAcquireReadTimeout(KZRWLock *lock, uint32_t timeout) {
 
 KZ_API void RWLockAcquireWrite_(KZRWLock *lock, const char *file, uint32_t line) {
   kz::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
-  while (lock->state != 0) {
-    lock->waitingWriters++;
-    ConditionWait(&lock->writersCondition, &lock->lock);
-    lock->waitingWriters--;
-  }
-  lock->state = -1;
+  WaitThenWrite(lock);
   MutexUnlock(&lock->lock);
 }
 
@@ -312,19 +327,13 @@ KZ_API void RWULockDestroy(KZRWULock *lock) {
 
 KZ_API void RWULockAcquireRead(KZRWULock *lock) {
   MutexLock(&lock->lock);
-  while (lock->state < 0 || lock->waitingWriters >= 1) ConditionWait(&lock->readersCondition, &lock->lock);
-  lock->state++;
+  WaitThenRead(lock);
   MutexUnlock(&lock->lock);
 }
 
 KZ_API void RWULockAcquireWrite(KZRWULock *lock) {
   MutexLock(&lock->lock);
-  while (lock->state != 0) {
-    lock->waitingWriters++;
-    ConditionWait(&lock->writersCondition, &lock->lock);
-    lock->waitingWriters--;
-  }
-  lock->state = -1;
+  WaitThenWrite(lock);
   MutexUnlock(&lock->lock);
 }
 

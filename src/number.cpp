@@ -71,29 +71,59 @@ inline uint64_t Load8(const char *p) {
   return x;  // first character in the low byte
 }
 
-// True when all eight bytes are '0'-'9'. A byte is accepted when its high
-// nibble is 3 and stays 3 after adding 6 (0x30-0x39 only); a carry out of a
-// byte can only come from a byte of 0xFA or more, which fails on its own.
-inline bool EightDigits(uint64_t x) {
-  return ((x & 0xF0F0F0F0F0F0F0F0ull) | (((x + 0x0606060606060606ull) & 0xF0F0F0F0F0F0F0F0ull) >> 4)) ==
-         0x3333333333333333ull;
+// A word with `byte` in every byte.
+template <typename Word>
+constexpr Word EveryByte(uint8_t byte) {
+  return static_cast<Word>(~Word{0} / 0xFF * byte);
 }
 
-// The value of eight decimal digits, first one in the low byte. Three
-// multiply-shift rounds combine neighbouring groups: digits into pairs
+// True when all bytes of x are '0'-'9'. A byte is accepted when its high
+// nibble is 3 and stays 3 after adding 6 (0x30-0x39 only); a carry out of a
+// byte can only come from a byte of 0xFA or more, which fails on its own.
+template <typename Word>
+inline bool AllDigits(Word x) {
+  constexpr Word kHigh = EveryByte<Word>(0xF0);
+  return ((x & kHigh) | (((x + EveryByte<Word>(0x06)) & kHigh) >> 4)) == EveryByte<Word>(0x33);
+}
+
+// The value of four or eight decimal digits, first one in the low byte.
+// Multiply-shift rounds combine neighbouring groups: digits into pairs
 // (x * 10 + y; the 0x0F mask drops the '0' offset), pairs into groups of
-// four, groups of four into the eight-digit value.
-inline uint64_t EightDigitValue(uint64_t x) {
-  x = ((x & 0x0F0F0F0F0F0F0F0Full) * 2561) >> 8;
-  x = ((x & 0x00FF00FF00FF00FFull) * 6553601) >> 16;
-  return ((x & 0x0000FFFF0000FFFFull) * 42949672960001ull) >> 32;
+// four and, in 64 bits, groups of four into the eight-digit value.
+template <typename Word>
+inline Word DigitsValue(Word x) {
+  x = ((x & EveryByte<Word>(0x0F)) * 2561) >> 8;
+  x = ((x & static_cast<Word>(~Word{0} / 0xFFFF * 0xFF)) * 6553601) >> 16;
+  if constexpr (sizeof(Word) == 8) x = ((x & 0x0000FFFF0000FFFFull) * 42949672960001ull) >> 32;
+  return x;
+}
+
+// n bytes, sizeof(Half) <= n <= 2 * sizeof(Half), as two overlapping loads,
+// first byte lowest; the overlap holds equal bytes.
+template <typename Half, typename Word>
+inline Word LoadOverlapping(const char *p, size_t n) {
+  Half head;
+  Half tail;
+  std::memcpy(&head, p, sizeof head);
+  std::memcpy(&tail, p + n - sizeof tail, sizeof tail);
+  return head | (Word{tail} << (8 * (n - sizeof tail)));
+}
+
+// 1 to sizeof(Word) characters in the low n bytes of x, first one lowest:
+// moved to the top with '0' in the bytes before them, then tested and valued
+// as a full word of digits.
+template <typename Word>
+inline bool ParseGathered(Word x, size_t n, uint64_t *value) {
+  x = (x << (8 * (sizeof(Word) - n))) | ((EveryByte<Word>(0x30) >> (8 * n - 1)) >> 1);
+  if (!AllDigits(x)) return false;
+  *value = DigitsValue(x);
+  return true;
 }
 
 // One to eight decimal digits without a loop. The digits are gathered into
-// the top bytes of a word (two overlapping four-byte loads from 4 digits on,
-// first, middle and last byte below that), the bytes in front are filled with
-// '0', and the eight-digit test and value do the rest. Nothing outside the
-// n bytes is read.
+// a word (two overlapping four-byte loads from 4 digits on, first, middle and
+// last byte below that) and parsed as above. Nothing outside the n bytes is
+// read.
 inline bool ParseUpToEight(const char *p, size_t n, uint64_t *value) {
   if constexpr (std::endian::native != std::endian::little) {
     uint64_t v = 0;
@@ -107,43 +137,26 @@ inline bool ParseUpToEight(const char *p, size_t n, uint64_t *value) {
   }
   uint64_t x;
   if (n >= 4) {
-    uint32_t head;
-    uint32_t tail;
-    std::memcpy(&head, p, 4);
-    std::memcpy(&tail, p + n - 4, 4);
-    x = head | (uint64_t{tail} << (8 * (n - 4)));  // the overlap holds equal bytes
+    x = LoadOverlapping<uint32_t, uint64_t>(p, n);
   } else {
     x = uint64_t{static_cast<unsigned char>(p[0])} |
         (uint64_t{static_cast<unsigned char>(p[n / 2])} << (8 * (n / 2))) |
         (uint64_t{static_cast<unsigned char>(p[n - 1])} << (8 * (n - 1)));
   }
-  // Move the n digits to the top, '0' in the 8 - n bytes before them.
-  x = (x << (8 * (8 - n))) | ((0x3030303030303030ull >> (8 * n - 1)) >> 1);
-  if (!EightDigits(x)) return false;
-  *value = EightDigitValue(x);
-  return true;
+  return ParseGathered(x, n, value);
 }
 
 // One to four decimal digits, the same way in 32 bits: two overlapping
-// two-byte loads from 2 digits on, the bytes in front filled with '0'.
+// two-byte loads from 2 digits on.
 inline bool ParseUpToFour(const char *p, size_t n, uint64_t *value) {
   if constexpr (std::endian::native != std::endian::little) return ParseUpToEight(p, n, value);
   uint32_t x;
   if (n >= 2) {
-    uint16_t head;
-    uint16_t tail;
-    std::memcpy(&head, p, 2);
-    std::memcpy(&tail, p + n - 2, 2);
-    x = head | (uint32_t{tail} << (8 * (n - 2)));
+    x = LoadOverlapping<uint16_t, uint32_t>(p, n);
   } else {
     x = static_cast<unsigned char>(p[0]);
   }
-  x = (x << (8 * (4 - n))) | ((0x30303030u >> (8 * n - 1)) >> 1);
-  if (((x & 0xF0F0F0F0u) | (((x + 0x06060606u) & 0xF0F0F0F0u) >> 4)) != 0x33333333u) return false;
-  x = ((x & 0x0F0F0F0Fu) * 2561u) >> 8;
-  x = ((x & 0x00FF00FFu) * 6553601u) >> 16;
-  *value = x;
-  return true;
+  return ParseGathered(x, n, value);
 }
 
 // Up to eight digits, by size.
@@ -166,11 +179,11 @@ inline uint64_t ParseDecimal64(const char *p, size_t n, int32_t *error) {
   size_t i = 0;
   for (; fast - i >= 8; i += 8) {
     uint64_t chunk = Load8(p + i);
-    if (!EightDigits(chunk)) {
+    if (!AllDigits(chunk)) {
       *error = 1;
       return 0;
     }
-    value = value * 100000000u + EightDigitValue(chunk);
+    value = value * 100000000u + DigitsValue(chunk);
   }
   if (const size_t rest = fast - i; rest != 0) {
     uint64_t part;

@@ -100,6 +100,18 @@ KZRand *SharedState() {
   return &g_state;
 }
 
+// Seeds the caller's state or, given none, the process-wide one under its
+// lock, recording how that one got its state.
+inline void Seed(KZRand *state, const unsigned char bytes[6], Seeded how) {
+  if (state) {
+    SetState(state, bytes);
+    return;
+  }
+  kz::LazyLockGuard hold(&g_lock);
+  g_seeded.store(how, std::memory_order_relaxed);
+  SetState(&g_state, bytes);
+}
+
 // A child process made by fork() starts with its parent's state: one seeded
 // from entropy is gathered afresh in the child, so parent and child do not
 // draw the same sequence. A caller's explicit seed is kept.
@@ -125,26 +137,14 @@ KZ_API int KZRandInit(KZRand *state, uint64_t seed) {
       static_cast<unsigned char>(seed >> 40), static_cast<unsigned char>(seed >> 32),
       static_cast<unsigned char>(seed >> 24), static_cast<unsigned char>(seed >> 16),
   };
-  if (state) {
-    SetState(state, bytes);
-  } else {
-    kz::LazyLockGuard hold(&g_lock);
-    g_seeded.store(kByCaller, std::memory_order_relaxed);
-    SetState(&g_state, bytes);
-  }
+  Seed(state, bytes, kByCaller);
   return 11;
 }
 
 KZ_API void KZRandInitRand(KZRand *state) {
   unsigned char bytes[6];
   EntropySeedBytes(bytes);
-  if (state) {
-    SetState(state, bytes);
-  } else {
-    kz::LazyLockGuard hold(&g_lock);
-    g_seeded.store(kFromEntropy, std::memory_order_relaxed);
-    SetState(&g_state, bytes);
-  }
+  Seed(state, bytes, kFromEntropy);
 }
 
 KZ_API uint32_t KZRandUInt(KZRand *state) {

@@ -503,6 +503,20 @@ inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit
 // output (at least a byte each) covers them. Before every element 8 bytes are
 // free, so the stores stay inside the capacity.
 
+// Writes N elements one after another: element j's bytes are 32-bit lane j
+// of `words` (two lanes to a word, the low one first), stored whole, and its
+// length is byte j of `lengths`, by which the output advances.
+template <int N>
+__attribute__((always_inline)) inline uint8_t *PutPacked(const uint64_t (&words)[N / 2], uint64_t lengths,
+                                                         uint8_t *out) {
+#pragma GCC unroll 8
+  for (int j = 0; j < N; ++j) {
+    Put32(out, static_cast<uint32_t>(words[j / 2] >> (32 * (j % 2))));
+    out += lengths >> (8 * j) & 0xFF;
+  }
+  return out;
+}
+
 // Eight units: 1-3 bytes each.
 inline uint8_t *Ucs2Block(__m128i u, uint8_t *out) {
   const __m128i zero = _mm_setzero_si128();
@@ -519,13 +533,7 @@ inline uint8_t *Ucs2Block(__m128i u, uint8_t *out) {
   const uint64_t words[4] = {Low64(first), High64(first), Low64(second), High64(second)};
   // 3 + (-1 if below 0x800) + (-1 if ASCII), one byte per unit.
   const __m128i lengths = _mm_add_epi16(_mm_add_epi16(Words(3), small), ascii);
-  const uint64_t packed = Low64(_mm_packus_epi16(lengths, lengths));
-#pragma GCC unroll 8
-  for (int j = 0; j < 8; ++j) {
-    Put32(out, static_cast<uint32_t>(words[j / 2] >> (32 * (j % 2))));
-    out += packed >> (8 * j) & 0xFF;
-  }
-  return out;
+  return PutPacked<8>(words, Low64(_mm_packus_epi16(lengths, lengths)), out);
 }
 
 // Four code points below 0x200000: 1-4 bytes each.
@@ -547,13 +555,7 @@ inline uint8_t *Ucs4Block(__m128i v, uint8_t *out) {
   const uint64_t words[2] = {Low64(bytes), High64(bytes)};
   const __m128i lengths = _mm_add_epi32(_mm_add_epi32(_mm_add_epi32(Dwords(4), below80), below800), below10000);
   const __m128i narrow = _mm_packs_epi32(lengths, lengths);
-  const uint64_t packed = Low64(_mm_packus_epi16(narrow, narrow));
-#pragma GCC unroll 4
-  for (int j = 0; j < 4; ++j) {
-    Put32(out, static_cast<uint32_t>(words[j / 2] >> (32 * (j % 2))));
-    out += packed >> (8 * j) & 0xFF;
-  }
-  return out;
+  return PutPacked<4>(words, Low64(_mm_packus_epi16(narrow, narrow)), out);
 }
 
 // Sixteen ISO-8859-1 bytes: 1-2 bytes each.
