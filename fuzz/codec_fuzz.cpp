@@ -24,12 +24,13 @@
 
 #include "fuzz_support.h"
 #include "internal/codec_kernels.h"
+#include "reference_codec.h"
 
 namespace {
 
 using kzfuzz::Require;
+using namespace kzref;
 
-constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 using Coder = void (*)(UByteArray *, const std::string &, int32_t);
 
@@ -52,18 +53,18 @@ std::string Apply(Coder coder, const std::string &input, int32_t lines, bool pre
   const uint32_t start = a.capacity;
   coder(&out.array, input, lines);
   Require((a.elements == nullptr) == (a.capacity == 0), "storage exactly when there is capacity");
-  uint64_t expected = start;
-  while (expected < a.count) expected = ArrayNextSize(expected, expected + 1, 4294967295u);
-  Require(a.capacity == expected, "capacity of byte-by-byte appending");
+  Require(a.capacity == ByteByByteCapacity(start, a.count), "capacity of byte-by-byte appending");
   return out.Appended();
 }
 
-std::string ModelBase64Decode(const std::string &text) {
+// Base64 decoding one character at a time: every character outside the
+// alphabet skipped; two leftover characters give one byte, three give two.
+std::string ModelBase64Decode(std::string_view text) {
   std::string out;
   uint32_t value = 0;
   int pending = 0;
   for (char c : text) {
-    const size_t v = kAlphabet.find(c);
+    const size_t v = kBase64Alphabet.find(c);
     if (v == std::string_view::npos) continue;
     value = value << 6 | static_cast<uint32_t>(v);
     if (++pending == 4) {
@@ -74,13 +75,6 @@ std::string ModelBase64Decode(const std::string &text) {
   if (pending == 2) out += static_cast<char>(value >> 4);
   if (pending == 3) out += static_cast<char>(value >> 10), out += static_cast<char>(value >> 2);
   return out;
-}
-
-bool LinesAtMost76(const std::string &text) {
-  size_t start = 0;
-  for (size_t at; (at = text.find("\r\n", start)) != std::string::npos; start = at + 2)
-    if (at - start > 76) return false;
-  return true;
 }
 
 }  // namespace
@@ -96,16 +90,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   const std::string b64 = Apply(B64Encode, x, lines, prefixed);
   Require(Apply(B64Decode, b64, 0, prefixed) == x, "Base64 round trip");
-  if (lines) {
-    const std::string flat = Apply(B64Encode, x, 0, false);
-    std::string cut;
-    for (size_t at = 0; at < flat.size(); at += 76) cut += flat.substr(at, 76) + "\r\n";
-    Require(b64 == cut, "Base64 lines of 76 characters");
-  }
+  if (lines) Require(b64 == CutIntoLines(Apply(B64Encode, x, 0, false), 76), "Base64 lines of 76 characters");
 
   const std::string qp = Apply(QPEnc, x, lines, prefixed);
   Require(Apply(QPDec, qp, 0, prefixed) == (lines ? x + "\r\n" : x), "quoted-printable round trip");
-  Require(lines ? LinesAtMost76(qp) : qp.find_first_of("\r\n") == std::string::npos, "quoted-printable lines");
+  Require(lines ? InLinesOfAtMost(qp, 76) : qp.find_first_of("\r\n") == std::string::npos, "quoted-printable lines");
 
   const std::string decoded = Apply(B64Decode, x, 0, prefixed);
   Require(decoded == ModelBase64Decode(x), "Base64Decode follows the rule");

@@ -44,70 +44,39 @@ void Require(bool condition, const char *what, size_t size) {
   }
 }
 
-template <typename Unit>
-constexpr Unit kMark = static_cast<Unit>(0x5AA55AA5u);
-
-// An array of `count` known elements and `capacity` room, the rest marked.
-template <typename Record>
-Record MakeArray(uint32_t count, uint32_t capacity) {
-  using Unit = std::remove_pointer_t<decltype(Record::elements)>;
-  Record a{};
-  if (capacity) ArrayGrowExact_(&a, capacity, sizeof(Unit), __FILE__, __LINE__);
-  for (uint32_t i = 0; i < capacity; ++i) a.elements[i] = i < count ? static_cast<Unit>(i + 1) : kMark<Unit>;
-  a.count = count;
-  return a;
-}
-
-// The whole record against what the reference appends.
-template <typename Record>
-void Check(const Record &a, uint32_t count0, uint32_t capacity0, const std::vector<uint32_t> &appended, bool terminated,
-           uint64_t capacity, const char *what, size_t size) {
-  using Unit = std::remove_pointer_t<decltype(Record::elements)>;
-  Require(a.count == count0 + appended.size(), what, size);
-  Require(a.count <= a.capacity && a.capacity == capacity, what, size);
-  for (uint32_t i = 0; i < count0; ++i) Require(a.elements[i] == static_cast<Unit>(i + 1), what, size);
-  for (size_t i = 0; i < appended.size(); ++i) Require(a.elements[count0 + i] == appended[i], what, size);
-  if (terminated) Require(a.elements[a.count] == 0, what, size);
-  const uint32_t spare = a.count + (terminated ? 1 : 0);
-  for (uint32_t i = spare; i < capacity0 && i < a.capacity; ++i) Require(a.elements[i] == kMark<Unit>, what, size);
-}
-
 template <typename Record>
 void CheckEncoder(Form form, int (*convert)(Record *, const char *, uint32_t), std::string_view text, uint32_t count0,
                   uint32_t capacity0, const char *what) {
   const Reference ref = RefRead(text, form);
-  Record a = MakeArray<Record>(count0, capacity0);
-  KZErrorClear();
-  const int result = convert(&a, text.data(), static_cast<uint32_t>(text.size()));
   const bool ok = ref.outcome == Outcome::kOk;
-  Require(result == (ok ? 1 : 0), what, text.size());
-  Check(a, count0, capacity0, ref.values, ok, ModelEncode(count0, capacity0, ref.values.size(), ok), what, text.size());
+  int error = 0;
+  KZErrorClear();
+  auto encode = [&](Record *a) {
+    const int result = convert(a, text.data(), static_cast<uint32_t>(text.size()));
+    error = errno;
+    return result;
+  };
+  Require(Converts<Record>(encode, ok, count0, capacity0, ref.values, ok,
+                           ModelEncode(count0, capacity0, ref.values.size(), ok)).empty(),
+          what, text.size());
   if (ref.outcome == Outcome::kInvalid || ref.outcome == Outcome::kTooLarge) {
     const char *message = ref.outcome == Outcome::kInvalid ? "Invalid UTF-8 sequence" : "Unicode character larger than FFFF";
     Require(KZErrorCode() == 0x200000003ull && std::strcmp(KZErrorMessage(), message) == 0, what, text.size());
     uint32_t line = 0;
     Require(std::strcmp(KZErrorLocation(&line), "kzlib/unicode/unicode") == 0, what, text.size());
   } else {
-    Require(errno == 0 && KZErrorCode() == 0, what, text.size());
+    Require(error == 0 && KZErrorCode() == 0, what, text.size());
   }
-  ArrayFree_(&a);
 }
 
 template <typename In>
 void CheckDecoder(int (*convert)(UByteArray *, const In *, uint32_t), const std::vector<In> &in, uint32_t count0,
                   uint32_t capacity0, const char *what, size_t size) {
-  std::vector<uint32_t> expected;
-  std::vector<size_t> lengths;
-  for (In v : in) {
-    const std::string bytes = RefWrite(v);
-    lengths.push_back(bytes.size());
-    for (char c : bytes) expected.push_back(static_cast<uint8_t>(c));
-  }
+  uint64_t capacity = capacity0;
+  const std::vector<uint32_t> expected = RefDecode(in, count0, &capacity);
   const In none = 0;
-  UByteArray a = MakeArray<UByteArray>(count0, capacity0);
-  Require(convert(&a, in.empty() ? &none : in.data(), static_cast<uint32_t>(in.size())) == 1, what, size);
-  Check(a, count0, capacity0, expected, true, ModelDecode(count0, capacity0, lengths), what, size);
-  ArrayFree_(&a);
+  auto decode = [&](UByteArray *a) { return convert(a, in.empty() ? &none : in.data(), static_cast<uint32_t>(in.size())); };
+  Require(Converts<UByteArray>(decode, 1, count0, capacity0, expected, true, capacity).empty(), what, size);
 }
 
 int Latin1Decode(UByteArray *a, const uint8_t *in, uint32_t n) {

@@ -85,10 +85,10 @@ struct ByteClasses {
       identity[c] = static_cast<uint8_t>(c);
     }
     ends[0] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndText | kEndSegment;
-    ends[':'] = kEndScheme;
-    ends['/'] = kEndScheme | kEndAuthority | kEndSegment;
-    ends['?'] = kEndScheme | kEndAuthority | kEndPath | kEndSegment;
-    ends['#'] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndSegment;
+    ends[uint8_t(':')] = kEndScheme;
+    ends[uint8_t('/')] = kEndScheme | kEndAuthority | kEndSegment;
+    ends[uint8_t('?')] = kEndScheme | kEndAuthority | kEndPath | kEndSegment;
+    ends[uint8_t('#')] = kEndScheme | kEndAuthority | kEndPath | kEndQuery | kEndSegment;
   }
 };
 constexpr ByteClasses kBytes;
