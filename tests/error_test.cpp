@@ -3,24 +3,22 @@
 #include <errno.h>
 #include <string.h>
 
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "kz/error.h"
-#include "kz/format.h"
 #include "test_support.h"
 
 namespace {
 
-struct Level { std::string text, module, function, file; uint32_t line; };
-
-std::vector<Level> Stack() {
-  std::vector<Level> levels;
-  auto add = [](void *to, const char *text, const char *module, const char *function, const char *file,
-                uint32_t line) { static_cast<std::vector<Level> *>(to)->push_back({text, module, function, file, line}); };
-  KZErrorEnumerateStack(add, &levels);
-  return levels;
+// The stack levels, innermost first, each as "text|module|function|file:line".
+std::vector<std::string> Stack() {
+  std::vector<std::string> levels;
+  auto add = [](void *to, const char *text, const char *module, const char *function, const char *file, uint32_t line) {
+    static_cast<std::vector<std::string> *>(to)->push_back(std::string(text) + "|" + module + "|" + function + "|" +
+                                                           file + ":" + std::to_string(line));
+  };
+  return KZErrorEnumerateStack(add, &levels), levels;
 }
 
 struct ErrorRecord : testing::Test {
@@ -28,48 +26,36 @@ struct ErrorRecord : testing::Test {
 };
 
 TEST_F(ErrorRecord, ClearSystemAndRuntimeErrors) {
-  KZErrorThrow(KZ_ERR_GENERAL, "something");
-  KZErrorClear();
-  EXPECT_EQ(errno + KZErrorCode(), 0u);
-  EXPECT_TRUE(Stack().empty());
-  KZSetLastError(ENOENT);
-  errno = -1;
+  KZErrorThrow(KZ_ERR_GENERAL, "something"), KZErrorClear();
+  EXPECT_TRUE(errno == 0 && KZErrorCode() == 0 && Stack().empty());
+  KZSetLastError(ENOENT), errno = -1;  // the system's error, kept when its text is read
   EXPECT_EQ(KZErrorCode(), 0x100000002ull);
   EXPECT_STREQ(KZErrorMessage(), "No such file or directory");
   EXPECT_EQ(KZErrorCode(), 0x100000002ull);
   errno = EINVAL;
-  EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(0, EINVAL));
-  EXPECT_STREQ(KZErrorMessage(), "Invalid argument");
+  EXPECT_TRUE(KZErrorCode() == KZ_ERROR_CODE(0, EINVAL) && strcmp(KZErrorMessage(), "Invalid argument") == 0);
 }
 
 TEST_F(ErrorRecord, RethrowsNestOutermostFirstAndEnumerateInnermostFirst) {
-  int lineA = __LINE__ + 1;
+  auto at = [](int line) { return "|errtest|TestBody|" __FILE__ ":" + std::to_string(line); };
+  const int line = __LINE__ + 1;
   KZErrorThrow(KZ_ERR_PROTOCOL, "a");
   KZErrorRethrow("b");
   KZErrorRethrow("c%d", 3);
   EXPECT_STREQ(KZErrorMessage(), "c3: b: a");
   EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(2, 3));
-  std::vector<Level> levels = Stack();
-  ASSERT_EQ(levels.size(), 3u);
-  EXPECT_EQ(levels[0].text + levels[1].text + levels[2].text, "abc3");
-  EXPECT_EQ(levels[0].line, static_cast<uint32_t>(lineA));
-  EXPECT_EQ(levels[2].line, static_cast<uint32_t>(lineA + 2));
-  EXPECT_EQ(levels[0].module, "errtest");
-  EXPECT_EQ(levels[0].function, "TestBody");
-  EXPECT_NE(levels[0].file.find("error_test.cpp"), std::string::npos);
+  EXPECT_EQ(Stack(), (std::vector<std::string>{"a" + at(line), "b" + at(line + 1), "c3" + at(line + 2)}));
   EXPECT_STREQ(KZErrorMessage(), "c3: b: a");  // enumeration changed nothing
 }
 
 TEST_F(ErrorRecord, FortyRethrowsKeepThirtyTwoLevelsAndCutTheMessage) {
   KZErrorThrow(KZ_ERR_GENERAL, "r");
-  for (int i = 0; i < 40; i++) KZErrorRethrow("%d", i);
-  std::vector<Level> levels = Stack();
+  std::string expected = "r";
+  for (int i = 0; i < 40; i++) KZErrorRethrow("%d", i), expected = std::to_string(i) + ": " + expected;
+  std::vector<std::string> levels = Stack();
   ASSERT_EQ(levels.size(), 32u);
-  EXPECT_EQ(levels[0].text, "r");
-  EXPECT_EQ(levels[31].text, "30");
-  std::string expected = "39";
-  for (int i = 38; i >= 0; i--) expected += ": " + std::to_string(i);
-  EXPECT_EQ(KZErrorMessage(), expected + ": r");
+  EXPECT_TRUE(levels[0].rfind("r|", 0) == 0 && levels[31].rfind("30|", 0) == 0) << levels[0] << levels[31];
+  EXPECT_EQ(KZErrorMessage(), expected);
   KZErrorThrow(KZ_ERR_GENERAL, "root");
   for (int i = 0; i < 40; i++) KZErrorRethrow("level %02d with some padding text to make it long", i);
   EXPECT_EQ(strlen(KZErrorMessage()), 1023u);
@@ -77,15 +63,12 @@ TEST_F(ErrorRecord, FortyRethrowsKeepThirtyTwoLevelsAndCutTheMessage) {
 }
 
 TEST_F(ErrorRecord, SaveThrowRestoreReusesTheFreedRecord) {
-  KZErrorThrow(KZ_ERR_INVALID, "first");
-  KZErrorSave();
+  KZErrorThrow(KZ_ERR_INVALID, "first"), KZErrorSave();
   KZErrorThrow(KZ_ERR_TIMEOUT, "second");
   const char *secondStorage = KZErrorMessage();
   KZErrorRestore();
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_INVALID);
-  EXPECT_STREQ(KZErrorMessage(), "first");
-  KZErrorSave();
-  KZErrorThrow(KZ_ERR_EOF, "third");
+  EXPECT_TRUE(KZErrorCode() == KZ_ERR_INVALID && strcmp(KZErrorMessage(), "first") == 0);
+  KZErrorSave(), KZErrorThrow(KZ_ERR_EOF, "third");
   EXPECT_EQ(KZErrorMessage(), secondStorage);
   KZErrorRestore();
   EXPECT_STREQ(KZErrorMessage(), "first");
@@ -96,24 +79,16 @@ TEST(ErrorRecordDeathTest, RestoreWithoutSaveAsserts) {
 }
 
 TEST_F(ErrorRecord, InputErrors) {
-  struct {
-    int status, errnoBefore;
-    uint64_t code;
-    const char *text;
-  } cases[] = {{-1, 0, KZ_ERR_EOF, "read eof"},
-               {-3, 0, KZ_ERR_TIMEOUT, "read timeout"},
-               {-4, 0, KZ_ERR_PROTOCOL, "read protocol error"},
-               {-5, 0, KZ_ERR_GENERAL, "read truncated"},
-               {-9, 0, KZ_ERR_GENERAL, "unknown i/o error"},
-               {-2, 0, KZ_ERR_GENERAL, "read error"},
-               {-2, ENOENT, KZ_ERROR_CODE(0, ENOENT), "read error: No such file or directory"},
-               {5, -2, 0, nullptr}};
+  const struct { int status, errnoBefore; uint64_t code; const char *text; } cases[] = {
+      {-1, 0, KZ_ERR_EOF, "read eof"}, {-3, 0, KZ_ERR_TIMEOUT, "read timeout"},
+      {-4, 0, KZ_ERR_PROTOCOL, "read protocol error"}, {-5, 0, KZ_ERR_GENERAL, "read truncated"},
+      {-9, 0, KZ_ERR_GENERAL, "unknown i/o error"}, {-2, 0, KZ_ERR_GENERAL, "read error"},
+      {-2, ENOENT, KZ_ERROR_CODE(0, ENOENT), "read error: No such file or directory"}, {5, -2, 0, nullptr}};
   for (const auto &c : cases) {
     errno = c.errnoBefore;
     KZErrorThrowInputError("config.txt", 12, c.status);
     EXPECT_EQ(KZErrorCode(), c.code) << c.status;
-    if (c.text) EXPECT_STREQ(KZErrorMessage(), c.text);
-    else EXPECT_EQ(errno, 0);
+    EXPECT_TRUE(c.text ? strcmp(KZErrorMessage(), c.text) == 0 : errno == 0) << c.status;  // 5: errno cleared
   }
 }
 
@@ -121,15 +96,11 @@ TEST_F(ErrorRecord, PathShorteningModulesAndPrintStack) {
   kztest::CapturedStream errors(1);
   KZSetMessageContext2_("/home/dev/svn/trunk/kz/src/net.c", 10, "", nullptr, 4, 0);
   KZErrorThrow_(KZ_ERR_GENERAL, "inner");
-  KZSetMessageContext2_("C:\\work\\svn\\proj\\a.c", 20, "m", "f", 4, 0);
-  KZErrorRethrow_("outer");
-  KZSetMessageContext2_("y.c", 2, nullptr, "g", 4, 0);
-  KZErrorRethrow_("top");
-  std::vector<Level> levels = Stack();
-  ASSERT_EQ(levels.size(), 3u);
-  EXPECT_EQ(levels[0].file, "trunk/kz/src/net.c");
-  EXPECT_EQ(levels[0].module, "kzlib");  // empty module: the program name
-  EXPECT_EQ(levels[1].file, "proj\\a.c");
+  KZSetMessageContext2_("C:\\work\\svn\\proj\\a.c", 20, "m", "f", 4, 0), KZErrorRethrow_("outer");
+  KZSetMessageContext2_("y.c", 2, nullptr, "g", 4, 0), KZErrorRethrow_("top");
+  // An empty module is the program's name, a null one empty; the path after "svn" is kept.
+  EXPECT_EQ(Stack(), (std::vector<std::string>{"inner|kzlib||trunk/kz/src/net.c:10", "outer|m|f|proj\\a.c:20",
+                                               "top||g|y.c:2"}));
   KZErrorPrintStack();
   EXPECT_EQ(errors.Text(),
             "\tThrown at kzlib.(trunk/kz/src/net.c:10): inner\n\tat m.f(proj\\a.c:20): outer\n\tat g(y.c:2): top\n");

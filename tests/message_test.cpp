@@ -1,46 +1,34 @@
 // Message lines, levels, hooks, assertions and the whole-line lock.
 #include <errno.h>
-#include <signal.h>
 
 #include <regex>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "kz/error.h"
-#include "kz/format.h"
 #include "kz/message.h"
 #include "test_support.h"
 
 namespace {
-using namespace std::string_literals;
 
 const std::string kStamp = "\\[[0-9]{4}/[0-9]{2}/[0-9]{2}-[0-9]{2}:[0-9]{2}:[0-9]{2}\\] ";
 const auto kAbort = testing::KilledBySignal(SIGABRT);
 
 TEST(MessageLines, LevelsStampsLocationsAndErrorSuffix) {
   kztest::CapturedStream output(0), errors(1);
-  KZMessage(0, "zero %d", 0);
-  KZMessage(1, ":colon kept at level %d", 1);
-  KZMessage(2, "stamped");
+  KZMessage(0, "zero %d", 0), KZMessage(1, ":colon kept at level %d", 1), KZMessage(2, "stamped");
   std::regex want0("zero 0\r\n:colon kept at level 1\r\n" + kStamp + "stamped\r\n");
   EXPECT_TRUE(std::regex_match(output.Text(), want0) && errors.Text().empty()) << output.Text();
   int line = __LINE__ + 1;
-  KZMessage(3, "went wrong: %I64u", static_cast<unsigned long long>(18446744073709551615ull));
-  KZMessage(3, ":no location here");
-  KZSetMessageContext_("C:\\src\\win\\file.c", 7, 3, 0);
-  KZMessage_("a");
-  KZSetMessageContext_("/usr/src/unix.c", 8, 3, 0);
-  KZMessage_("b");
-  KZSetLastError(ENOENT);
-  errno = -1;
-  KZMessageWithError(3, "open failed");
-  std::string want;
-  for (std::string body : {"\"message_test.cpp:" + std::to_string(line) + "\": went wrong: 18446744073709551615",
-                           "no location here"s, "\"file.c:7\": a"s, "\"unix.c:8\": b"s,
-                           "\"message_test.cpp:[0-9]+\": open failed: No such file or directory"s})
-    want += kStamp + "kzlib: " + body + "\r\n";
+  KZMessage(3, "went wrong: %I64u", static_cast<unsigned long long>(UINT64_MAX)), KZMessage(3, ":no location here");
+  KZSetMessageContext_("C:\\src\\win\\file.c", 7, 3, 0), KZMessage_("a");
+  KZSetMessageContext_("/usr/src/unix.c", 8, 3, 0), KZMessage_("b");
+  KZSetLastError(ENOENT), errno = -1, KZMessageWithError(3, "open failed");
+  const std::string start = kStamp + "kzlib: ", here = start + "\"message_test.cpp:";  // line starts
+  const std::string want = here + std::to_string(line) + "\": went wrong: 18446744073709551615\r\n" + start +
+                           "no location here\r\n" + start + "\"file.c:7\": a\r\n" + start + "\"unix.c:8\": b\r\n" +
+                           here + "[0-9]+\": open failed: No such file or directory\r\n";
   EXPECT_TRUE(std::regex_match(errors.Text(), std::regex(want))) << errors.Text();
   KZErrorClear();
 }
@@ -51,35 +39,24 @@ TEST(MessageLines, ProcessIdFollowsTheLocation) {
               "kzlib: \"message_test.cpp:[0-9]+\": \\[[0-9]+\\] with pid\r\n");
 }
 
-struct Seen {
-  std::string file, text;
-  uint32_t line, withError;
-  int level;
-  bool operator==(const Seen &) const = default;
-} g_seen;
-
-void RecordingHandler(const char *file, uint32_t line, int level, uint32_t withError, const char *format,
-                      va_list args) {
+std::string g_seen;  // "file:line level withError text"
+void RecordingHandler(const char *file, uint32_t line, int level, uint32_t error, const char *format, va_list args) {
   char text[256];
   vsnprintf(text, sizeof text, format, args);
-  g_seen = Seen{file, text, line, withError, level};
+  g_seen = std::string(file) + ":" + std::to_string(line) + " " + std::to_string(level) + " " + std::to_string(error) +
+           " " + text;
 }
 
 TEST(MessageHandlers, CustomHandlerAndStreamDefaults) {
   KZMessageHandler original = KZGetMessageHandler();
   EXPECT_EQ(KZSetMessageHandler(RecordingHandler), RecordingHandler);
-  KZSetMessageContext_("where.c", 99, 2, 1);
-  KZMessage_("value %d", 5);
-  EXPECT_EQ(g_seen, (Seen{"where.c", "value 5", 99, 1, 2}));
+  KZSetMessageContext_("where.c", 99, 2, 1), KZMessage_("value %d", 5);
+  EXPECT_EQ(g_seen, "where.c:99 2 1 value 5");
   EXPECT_EQ(KZSetMessageHandler(nullptr), original);
-  FILE *file = tmpfile();
   for (auto [which, standard] : {std::pair<int, FILE *>{0, stdout}, {1, stderr}}) {
-    KZSetMessageStream(which, file);
-    EXPECT_EQ(KZGetMessageStream(which), file);
-    KZSetMessageStream(which, nullptr);
-    EXPECT_EQ(KZGetMessageStream(which), standard);
+    { kztest::CapturedStream captured(which); EXPECT_EQ(KZGetMessageStream(which), captured.file()); }
+    EXPECT_EQ(KZGetMessageStream(which), standard);  // null restored it
   }
-  fclose(file);
 }
 
 TEST(FatalLevelsDeathTest, LevelsFourAndFiveEndTheProcessEvenWhenTheHandlerReturns) {
@@ -100,30 +77,25 @@ TEST(AssertionsDeathTest, WrittenRawThenAbortAtAnyVerbosity) {
   EXPECT_EXIT((KZSetAbort(kztest::AbortHookToStderr), kzassert_("x == 1", "f.c", 3)), kAbort,
               "'x == 1' failed at f.c:3\nhook<x == 1\\|");
   EXPECT_EXIT((KZAssertSetVerbosity(0), kzassert_("quiet?", "f", 1)), kAbort, "'quiet\\?' failed at f:1\n");
-  KZAssertSetVerbosity(0);
-  EXPECT_EQ(KZAssertGetVerbosity(), 0);
-  KZAssertSetVerbosity(7);
-  EXPECT_EQ(KZAssertGetVerbosity(), 1);
+  const int quiet = (KZAssertSetVerbosity(0), KZAssertGetVerbosity());
+  EXPECT_TRUE(quiet == 0 && (KZAssertSetVerbosity(7), KZAssertGetVerbosity()) == 1) << quiet;
 }
 
 TEST(ProcessState, TitleNameStateAndExit) {
   uint32_t line = 0;
   EXPECT_EQ(KZSetProcessTitle("x"), 0);
-  EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(2, 6));
-  EXPECT_STREQ(KZErrorMessage(), "not supported");
-  EXPECT_STREQ(KZErrorLocation(&line), "kzlib/kzlib");
-  EXPECT_EQ(line, 2263u);
-  EXPECT_EQ(KZSetProcessName("worker"), 0);
-  EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(2, 6));
+  EXPECT_TRUE(KZErrorCode() == KZ_ERROR_CODE(2, 6) && strcmp(KZErrorMessage(), "not supported") == 0 &&
+              strcmp(KZErrorLocation(&line), "kzlib/kzlib") == 0 && line == 2263u) << KZErrorMessage() << line;
+  KZErrorClear();
+  EXPECT_TRUE(KZSetProcessName("worker") == 0 && KZErrorCode() == KZ_ERROR_CODE(2, 6));
   KZErrorClear();
   EXPECT_EQ(KZState_("serving %s", "client"), 1);
   EXPECT_STREQ(reinterpret_cast<const char *>(KZState_(nullptr)), "");  // formatted, then cleared
   EXPECT_EQ(KZGetState(), nullptr);
   static std::vector<intptr_t> exitArgs;
   KZSetExit([](int status, intptr_t a, intptr_t b, intptr_t c) { exitArgs = {status, a, b, c}; });
-  KZExit(3, 10, 20, 30);
+  KZExit(3, 10, 20, 30), KZSetExit(nullptr);
   EXPECT_EQ(exitArgs, (std::vector<intptr_t>{3, 10, 20, 30}));
-  KZSetExit(nullptr);
   EXPECT_EXIT(KZExit(7, 0, 0, 0), testing::ExitedWithCode(7), "");
 }
 
