@@ -117,74 +117,27 @@ int main(void) {
     CHECK(URLParse("../c", &url, &base, 1) == 1);
     CHECK(strcmp(URLPrint(&printed, &url), "http://example.com/c") == 0);
     CHECK(URLFingerprint(&url, 1) == Fingerprint("example.com/c", 13));
-    {
-      URL normalised;
-      URLInit(&normalised);
-      URLNormalize(&normalised, &url);
-      CHECK(URLFingerprint(&normalised, 0) == URLFingerprint(&url, 1));
-      CHECK(URLHostFingerprint(&normalised) == URLHostFingerprint(&url));
-      CHECK((URLTopDomainHash(&normalised) >> 32) == 0);
-      URLFree(&normalised);
-    }
     CHECK(URLParse("mailto:x", &url, NULL, 1) == 0 && strcmp(KZErrorMessage(), "invalid scheme") == 0);
     ArrayFree(printed);
     URLFree(&base);
     URLFree(&url);
   }
 
-  /* unicode */
+  /* unicode, codec, compress */
   {
     UShortArray units = {0, 0, 0};
-    UIntArray points = {0, 0, 0};
-    UByteArray bytes = {0, 0, 0};
-    CHECK(UCS2Encode(&units, "A\xC3\xA9", 3) == 1);
-    CHECK(units.count == 2 && units.elements[0] == 0x41 && units.elements[1] == 0xE9 && units.elements[2] == 0);
-    CHECK(UCS2Decode(&bytes, units.elements, units.count) == 1);
-    CHECK(bytes.count == 3 && strcmp((const char *)bytes.elements, "A\xC3\xA9") == 0);
-    CHECK(UCS4Encode(&points, "\xF0\x9F\x98\x80", 4) == 1 && points.count == 1 && points.elements[0] == 0x1F600);
-    bytes.count = 0;
-    CHECK(UCS4Decode(&bytes, points.elements, points.count) == 1 && bytes.count == 4);
-    bytes.count = 0;
-    CHECK(ISO88591Encode(&bytes, "\xC3\xBF", 2) == 1 && bytes.count == 1 && bytes.elements[0] == 0xFF);
-    CHECK(ISO88591Decode(&bytes, "\xE9", 1) == 1 && bytes.count == 3);
-    units.count = 0;
-    CHECK(UCS2Encode(&units, "\x80", 1) == 0 && KZErrorCode() == KZ_ERR_PROTOCOL);
-    CHECK(strcmp(KZErrorMessage(), "Invalid UTF-8 sequence") == 0);
-    KZErrorClear();
-    ArrayFree(units);
-    ArrayFree(points);
-    ArrayFree(bytes);
-  }
-
-  /* codec */
-  {
-    UByteArray text = {0, 0, 0}, bytes = {0, 0, 0};
-    Base64Encode(&text, "abc", 3, 0);
-    CHECK(text.count == 4 && memcmp(text.elements, "YWJj", 4) == 0);
-    Base64Decode(&bytes, "YW Jj\r\n", 7);
-    CHECK(bytes.count == 3 && memcmp(bytes.elements, "abc", 3) == 0);
-    text.count = 0;
-    QPEncode(&text, "a=b", 3, 0);
-    CHECK(text.count == 5 && memcmp(text.elements, "a=3Db", 5) == 0);
-    bytes.count = 0;
-    QPDecode(&bytes, "a=\r\nb", 5);
-    CHECK(bytes.count == 2 && memcmp(bytes.elements, "ab", 2) == 0);
-    ArrayFree(text);
-    ArrayFree(bytes);
-  }
-
-  /* compress */
-  {
-    static const char data[] = "compress me, compress me, compress me";
-    UByteArray packed = {0, 0, 0}, unpacked = {0, 0, 0};
+    UByteArray bytes = {0, 0, 0}, packed = {0, 0, 0};
     KZCompress *stream = CompressNew(1, 1);
-    CHECK(CompressDeflate(stream, data, (uint32_t)strlen(data), &packed) == 1);
-    CHECK(CompressInflate(stream, packed.elements, packed.count, &unpacked) == 0);
-    CHECK(unpacked.count == strlen(data) && memcmp(unpacked.elements, data, unpacked.count) == 0);
-    CHECK(CompressInflate(stream, packed.elements, packed.count / 2, &unpacked) == -1);
+    CHECK(UCS2Encode(&units, "A\xC3\xA9", 3) == 1 && units.count == 2 && units.elements[1] == 0xE9);
+    Base64Encode(&bytes, "abc", 3, 0);
+    CHECK(bytes.count == 4 && memcmp(bytes.elements, "YWJj", 4) == 0);
+    CHECK(CompressDeflate(stream, "abc", 3, &packed) == 1);
+    bytes.count = 0;
+    CHECK(CompressInflate(stream, packed.elements, packed.count, &bytes) == 0 && bytes.count == 3);
     CompressDelete(stream);
+    ArrayFree(units);
+    ArrayFree(bytes);
     ArrayFree(packed);
-    ArrayFree(unpacked);
   }
 
   /* random */
@@ -192,9 +145,7 @@ int main(void) {
     KZRand rng;
     size_t entropyBytes = 0;
     CHECK(KZRandInit(&rng, 0) == 11);
-    CHECK(KZRandUInt(&rng) == 0 && KZRandUInt(&rng) == 0x40942Du && KZRandUInt(&rng) == 0xAA8544Eu);
-    CHECK(KZRandZipf(&rng, 2.0) >= 1);
-    CHECK(KZRandULong(NULL) != KZRandULong(NULL));
+    CHECK(KZRandUInt(&rng) == 0 && KZRandUInt(&rng) == 0x40942Du);
     KZRandEntropyGet(CountEntropy, &entropyBytes);
     CHECK(entropyBytes > 0);
   }
