@@ -172,9 +172,12 @@ bool HaveClmul() {
   return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
 }
 
+// Decided when the library loads: a function-local static would make the
+// first concurrent calls wait on its guard, which changes errno.
+const bool g_clmul = HaveClmul();
+
 uint64_t Extend(uint64_t value, const unsigned char *p, size_t n) {
-  static const bool kClmul = HaveClmul();
-  return n >= 64 && kClmul ? ExtendClmul(value, p, n) : ExtendTables(value, p, n);
+  return n >= 64 && g_clmul ? ExtendClmul(value, p, n) : ExtendTables(value, p, n);
 }
 
 #else  // no carry-less multiplication kernel on this architecture

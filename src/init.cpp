@@ -91,6 +91,7 @@ struct VersionText {
 };
 
 const VersionText &Version() {
+  const kz::os::ErrnoKept kept;
   static const VersionText version = [] {
     VersionText made;
     if (kzlib_branch != 0)
@@ -120,6 +121,7 @@ int LeadingNumber(const char *&text) {
 }
 
 const KernelInfo &Kernel() {
+  const kz::os::ErrnoKept kept;
   static const KernelInfo kernel = [] {
     KernelInfo made{};
     struct utsname names;
@@ -142,6 +144,7 @@ struct HostText {
 };
 
 const HostText &Host() {
+  const kz::os::ErrnoKept kept;
   static const HostText host = [] {
     HostText made;
     if (gethostname(made.text, sizeof made.text) != 0 || made.text[0] == '\0')

@@ -104,7 +104,7 @@ FILE *ErrorStream() {
 }
 
 LazyLock &MessageLock() {
-  static LazyLock lock;
+  constinit static LazyLock lock;
   return lock;
 }
 

@@ -69,12 +69,12 @@ std::atomic<KZThreadCreateHook> g_createHook{nullptr};
 
 // Function-local: usable from any static initialiser.
 LazyLock &ResultsLock() {
-  static LazyLock lock;
+  constinit static LazyLock lock;
   return lock;
 }
 
 LazyLock &DestructorLock() {
-  static LazyLock lock;
+  constinit static LazyLock lock;
   return lock;
 }
 

@@ -261,14 +261,18 @@ inline void WidenPrefix(Unit *out, const uint8_t *p, uint32_t k) {
 
 // ---- byte shuffles (SSSE3, nearly every x86-64 processor) ----
 
-bool HasShuffle() {
+// Decided when the library loads: a function-local static would make the
+// first concurrent calls wait on its guard, which changes errno.
 #if defined(KZ_UNICODE_NO_SHUFFLE)
-  return false;
+const bool g_hasShuffle = false;
 #else
-  static const bool has = __builtin_cpu_supports("ssse3");
-  return has;
+const bool g_hasShuffle = [] {
+  __builtin_cpu_init();  // static initialisation may run before the compiler's own
+  return __builtin_cpu_supports("ssse3") != 0;
+}();
 #endif
-}
+
+bool HasShuffle() { return g_hasShuffle; }
 
 // Decoders: eight elements below 0x800 make 8 to 16 bytes; one shuffle, chosen
 // by which of them are ASCII, packs their byte pairs into one 16-byte store.

@@ -41,15 +41,17 @@ inline KZCriticalSection *LazyLockGet(KZCriticalSection **variable,
 }
 
 // A statically defined lazy lock.
+// Constant-initialised (null counts as unset), so a function-local one needs
+// no guard: first callers race only on the compare-and-swap above.
 class LazyLock {
  public:
-  LazyLock() = default;
+  constexpr LazyLock() = default;
   KZCriticalSection *get() { return LazyLockGet(&section_); }
   void lock() { CriticalSectionEnter(get()); }
   void unlock() { CriticalSectionLeave(get()); }
 
  private:
-  KZCriticalSection *section_ = kLockUnset;
+  KZCriticalSection *section_ = nullptr;
 };
 
 // Scoped hold of a lazily created lock.

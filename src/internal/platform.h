@@ -2,6 +2,7 @@
 // platform. POSIX implementations live in src/posix/.
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -9,6 +10,14 @@ struct KZSemaphore;
 struct KZEvent;
 
 namespace kz::os {
+
+// Puts errno back on leaving a scope. A first call racing another thread into
+// a function-local static waits on a futex, which leaves EAGAIN in errno; a
+// call that succeeds must not look like it failed.
+struct ErrnoKept {
+  int saved = errno;
+  ~ErrnoKept() { errno = saved; }
+};
 
 // Sets the platform's last error from the C library errno of a failed call
 // and marks errno with -1 ("the last error tells").

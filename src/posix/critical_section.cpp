@@ -32,7 +32,7 @@ void CriticalSectionEnter(KZCriticalSection *section) { pthread_mutex_lock(&sect
 void CriticalSectionLeave(KZCriticalSection *section) { pthread_mutex_unlock(&section->mutex); }
 
 LazyLock &GlobalLock() {
-  static LazyLock lock;  // function-local: ready before any static initialiser uses it
+  constinit static LazyLock lock;  // function-local: ready before any static initialiser uses it
   return lock;
 }
 
