@@ -91,7 +91,7 @@ struct VersionText {
 };
 
 const VersionText &Version() {
-  const kz::os::ErrnoKept kept;
+  const kz::ErrorStateKept kept;
   static const VersionText version = [] {
     VersionText made;
     if (kzlib_branch != 0)
@@ -121,7 +121,7 @@ int LeadingNumber(const char *&text) {
 }
 
 const KernelInfo &Kernel() {
-  const kz::os::ErrnoKept kept;
+  const kz::ErrorStateKept kept;
   static const KernelInfo kernel = [] {
     KernelInfo made{};
     struct utsname names;
@@ -144,7 +144,7 @@ struct HostText {
 };
 
 const HostText &Host() {
-  const kz::os::ErrnoKept kept;
+  const kz::ErrorStateKept kept;
   static const HostText host = [] {
     HostText made;
     if (gethostname(made.text, sizeof made.text) != 0 || made.text[0] == '\0')
@@ -221,8 +221,7 @@ bool FindExecutable(const char *path, char *buffer, size_t size) {
 
 // Records the executable's path and the program name (base name of path).
 void RecordProgram(const char *path) {
-  int savedErrno = errno;
-  int savedLastError = KZGetLastError();
+  const ErrorStateKept kept;
   LazyLockGuard hold(GlobalLock());
   char executable[261];
   const char *found = KZExecutable(executable, sizeof executable);
@@ -231,8 +230,6 @@ void RecordProgram(const char *path) {
   g_executablePath = found ? Strdup_(found, kFile, __LINE__) : nullptr;
 
   SetProgramName(BaseName(path));  // keeps at most 260 characters
-  KZSetLastError(savedLastError);
-  errno = savedErrno;
 }
 
 // ---- library options -------------------------------------------------------------

@@ -140,14 +140,11 @@ MessageContext *ContextIfAny() { return t_context; }
 
 MessageContext *Context() {
   if (t_context) return t_context;
-  int savedErrno = errno;
-  int savedLastError = KZGetLastError();
+  const ErrorStateKept kept;
   pthread_once(&g_contextKeyOnce, CreateContextKey);
   MessageContext *context = NewContext();
   pthread_setspecific(g_contextKey, context);
   t_context = context;
-  KZSetLastError(savedLastError);
-  errno = savedErrno;
   return context;
 }
 

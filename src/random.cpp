@@ -184,12 +184,11 @@ KZ_API int64_t KZRandZipf(KZRand *state, double s) {
 }
 
 KZ_API void KZRandEntropyGet(KZRandEntropyCallback callback, void *argument) {
-  const int savedErrno = errno;
-  const int savedLastError = KZGetLastError();
+  const kz::ErrorStateKept kept;
   kz::os::GatherEntropy(callback, argument);
 
   // Where this stack, a fresh heap block and the library's code lie.
-  const void *stack = &savedErrno;
+  const void *stack = &kept;
   callback(argument, &stack, sizeof stack);
   void *heap = Allocate_(64, nullptr, kFile, 1187);
   callback(argument, &heap, sizeof heap);
@@ -205,9 +204,6 @@ KZ_API void KZRandEntropyGet(KZRandEntropyCallback callback, void *argument) {
     snprintf(program, sizeof program, "%s", kz::ProgramName());
   }
   if (*program) callback(argument, program, strlen(program));
-
-  KZSetLastError(savedLastError);
-  errno = savedErrno;
 }
 
 }  // extern "C"

@@ -342,11 +342,8 @@ KZ_API int ThreadSetPriority(KZThread thread, int priority) {
 KZ_API void ThreadInit(void) { Context(); }
 
 KZ_API void ThreadCleanup(void) {
-  int savedErrno = errno;
-  int savedLastError = KZGetLastError();
+  const ErrorStateKept kept;
   EndOfThread();
-  KZSetLastError(savedLastError);
-  errno = savedErrno;
 }
 
 KZ_API void ThreadHalt(void) { os::ThreadSleepForever(); }

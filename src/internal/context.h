@@ -4,12 +4,32 @@
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 
 #include "kz/array.h"
 #include "kz/error.h"
 
 namespace kz {
+
+// Puts errno and the platform's last error back on leaving a scope, for work
+// done on the side of a call (creating a context, cleaning up a thread,
+// gathering entropy, a one-time static whose guard may wait on a futex and
+// leave EAGAIN) that must not change what the caller's error state says.
+class ErrorStateKept {
+ public:
+  ErrorStateKept() : errno_(errno), lastError_(KZGetLastError()) {}
+  ~ErrorStateKept() {
+    KZSetLastError(lastError_);
+    errno = errno_;
+  }
+  ErrorStateKept(const ErrorStateKept &) = delete;
+  ErrorStateKept &operator=(const ErrorStateKept &) = delete;
+
+ private:
+  int errno_;
+  int lastError_;
+};
 
 struct ErrorStackEntry {
   const char *file;

@@ -2,7 +2,6 @@
 // platform. POSIX implementations live in src/posix/.
 #pragma once
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -10,14 +9,6 @@ struct KZSemaphore;
 struct KZEvent;
 
 namespace kz::os {
-
-// Puts errno back on leaving a scope. A first call racing another thread into
-// a function-local static waits on a futex, which leaves EAGAIN in errno; a
-// call that succeeds must not look like it failed.
-struct ErrnoKept {
-  int saved = errno;
-  ~ErrnoKept() { errno = saved; }
-};
 
 // Sets the platform's last error from the C library errno of a failed call
 // and marks errno with -1 ("the last error tells").
@@ -88,7 +79,7 @@ WaitResult EventWait(KZEvent *event, uint32_t milliseconds);
 // process to process and run to run to feed, each non-empty: kernel random
 // bytes, clock readings, wall time, process, parent and thread ids, user ids,
 // the C runtime's random bytes, the environment block's address and every
-// environment string. errno and the platform's last error are kept.
+// environment string. May change errno: the caller keeps its error state.
 using EntropyFeed = void (*)(void *argument, const void *bytes, size_t length);
 void GatherEntropy(EntropyFeed feed, void *argument);
 

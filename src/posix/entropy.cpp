@@ -13,7 +13,6 @@
 #endif
 
 #include "internal/platform.h"
-#include "kz/error.h"
 
 extern char **environ;
 
@@ -34,9 +33,6 @@ void FeedClock(EntropyFeed feed, void *argument, clockid_t clock) {
 }  // namespace
 
 void GatherEntropy(EntropyFeed feed, void *argument) {
-  const int savedErrno = errno;
-  const int savedLastError = KZGetLastError();
-
 #if defined(__linux__)
   // The kernel's random bytes; a pool not yet initialised at early boot
   // answers EAGAIN instead of blocking, and the other pieces remain.
@@ -80,9 +76,6 @@ void GatherEntropy(EntropyFeed feed, void *argument) {
   if (environment)
     for (char **entry = environment; *entry; entry++)
       if (**entry) feed(argument, *entry, strlen(*entry));
-
-  KZSetLastError(savedLastError);
-  errno = savedErrno;
 }
 
 bool OnForkChild(void (*handler)()) { return pthread_atfork(nullptr, nullptr, handler) == 0; }
