@@ -81,6 +81,11 @@ TEST(Compress, DeflateIsZlibAtTheMappedLevelAndInflatesZlib) {
           ASSERT_TRUE(Bytes(packed) == prefix + expected + expected && Bytes(back) == prefix + data + data)
               << level << " " << size << " " << text;
           ASSERT_TRUE(OnGrowthPath(prefix.size(), packed.capacity) && OnGrowthPath(prefix.size(), back.capacity));
+          std::string unpacked(size + 1, '\0');  // zlib's own one-call inflate reads what we wrote
+          uLongf length = static_cast<uLongf>(unpacked.size());
+          const auto *ours = reinterpret_cast<const Bytef *>(packed.elements + prefix.size());
+          ASSERT_EQ(uncompress(reinterpret_cast<Bytef *>(unpacked.data()), &length, ours, expected.size()), Z_OK);
+          ASSERT_EQ(unpacked.substr(0, length), data);
         }
     }
   CompressDelete(nullptr);

@@ -19,7 +19,9 @@ std::string Text(const UByteArray &a) {
 struct Url : URL {  // frees its buffers at the end of the scope
   explicit Url(const char *text = nullptr) {
     URLInit(this);
-    if (text) EXPECT_EQ(URLParse(text, this, nullptr, 1), 1) << text << ": " << KZErrorMessage();
+    if (text) {
+      EXPECT_EQ(URLParse(text, this, nullptr, 1), 1) << text << ": " << KZErrorMessage();
+    }
   }
   ~Url() { URLFree(this); }
 };
