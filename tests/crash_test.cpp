@@ -14,16 +14,14 @@ extern "C" __attribute__((noinline, no_sanitize_undefined)) void KzTestCrashInNa
   volatile int *volatile target = nullptr; *target = 42;
 }
 extern "C" __attribute__((noipa)) int64_t KzTestCallerOfTheCrash(void *) {  // also a protected call's function
-  KzTestCrashInNamedFunction();
-  return 0;  // no tail call: the caller shows in the backtrace
+  return KzTestCrashInNamedFunction(), 0;  // no tail call: the caller shows in the backtrace
 }
 extern "C" __attribute__((noinline, no_sanitize_undefined)) int KzTestDivideByZero(void) {
   volatile int zero = 0, one = 1; return one / zero;
 }
 #pragma GCC diagnostic ignored "-Winfinite-recursion"
 extern "C" __attribute__((noinline)) int KzTestRecurseForever(int depth) {
-  volatile char frame[512] = {static_cast<char>(depth)};
-  return KzTestRecurseForever(depth + 1) + frame[depth % 512];
+  volatile char frame[512] = {static_cast<char>(depth)}; return KzTestRecurseForever(depth + 1) + frame[depth % 512];
 }
 
 namespace {
@@ -35,98 +33,75 @@ std::string DumpName(pid_t pid) { return "CRASH-" + std::to_string(pid) + ".DMP"
 // The crash files of pid in dir: "dump log", "dump", "log" or "", or "?" when dir holds anything else.
 std::string FilesIn(const TempDir &dir, pid_t pid) {
   const bool dump = std::filesystem::exists(dir / DumpName(pid)), log = std::filesystem::exists(dir / LogName(pid));
-  using Entries = std::filesystem::directory_iterator;
-  if (std::distance(Entries(dir.path()), Entries()) != dump + log) return "?";
+  if (std::distance(std::filesystem::directory_iterator(dir.path()), {}) != dump + log) return "?";
   return dump && log ? "dump log" : dump ? "dump" : log ? "log" : "";
 }
-void StartLibrary(const TempDir &d) { KZLibInit("/opt/kz/bin/crash_test"), KZRunProtectedSetPath(d.path().c_str()); }
-void StartAndCrash(const TempDir &dir) { StartLibrary(dir), KzTestCallerOfTheCrash(nullptr); }
-void Exit42(int) { _exit(42); }
-using Body = void (*)(const TempDir &);
-Child RunBody(const TempDir &dir, const Environment &environment, Body body) {
-  return RunChild(dir, environment, [&dir, body] { return body(dir), 0; });
-}
+std::string g_dir;  // the directory of the case running, for its child
+void StartLibrary() { KZLibInit("/opt/kz/bin/crash_test"), KZRunProtectedSetPath(g_dir.c_str()); }
+void StartAndCrash() { StartLibrary(), KzTestCallerOfTheCrash(nullptr); }
 
 // Dump records by type: "KZCRASH\0", version 1, header size 16, then records
-// (type, length, data) up to type 0. Empty if the layout is broken.
+// (type, length, data) up to type 0, which ends the file. Empty if the layout is broken.
 std::map<uint32_t, std::string> ReadDump(const std::string &bytes) {
   std::map<uint32_t, std::string> records;
-  if (bytes.compare(0, 16, std::string("KZCRASH\0\1\0\0\0\20\0\0\0", 16)) != 0) return {};
-  for (size_t at = 16, length = 0; at + 16 <= bytes.size(); at += 16 + length) {
-    uint32_t type = 0;
-    memcpy(&type, &bytes[at], 4), memcpy(&length, &bytes[at + 8], 8);
-    if (length > bytes.size() - at - 16) return {};
-    records[type] = bytes.substr(at + 16, length);
-    if (type == 0) return at + 16 + length == bytes.size() ? records : decltype(records)();
-  }
-  return {};  // no end record
+  // The type is four bytes; 1 to start with when the header is right.
+  size_t at = 16, length = 0, type = bytes.compare(0, 16, std::string("KZCRASH\0\1\0\0\0\20\0\0\0", 16)) == 0;
+  for (; type != 0 && at + 16 <= bytes.size() && length <= bytes.size(); at += 16 + length)
+    memcpy(&type, &bytes[at], 4), memcpy(&length, &bytes[at + 8], 8), records[type] = bytes.substr(at + 16, length);
+  return type == 0 && at == bytes.size() ? records : decltype(records)();
 }
-uint64_t Word(const std::string &data, size_t index) {  // 0 past the end
-  uint64_t value = 0;
-  return 8 * index + 8 <= data.size() ? memcpy(&value, &data[8 * index], 8), value : 0;
-}
+// The i-th 64-bit word of d, 0 past the end.
+auto Word(const std::string &d, size_t i) { uint64_t w = 0; return d.size() / 8 > i ? memcpy(&w, &d[8 * i], 8), w : 0; }
 
-// Each crash ends the process with its signal and leaves a log and a dump (where
-// SetPath put them) naming the signal, the exception code and the thread;
-// nocrashstack drops the backtrace.
-TEST(CrashHandling, CrashesLeaveLogAndDumpAndEndTheProcessWithTheSignal) {
-  const struct { const char *options; Body body; int signal; uint32_t code; bool inMain; const char *text; } cases[] = {
-      {"", StartAndCrash, SIGSEGV, 0xC0000005, true, "Signal:         11 SIGSEGV, code 1 SEGV_MAPERR\n"
-       "Exception:      0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n"},
-      {"", [](const TempDir &d) { StartLibrary(d), KzTestDivideByZero(); }, SIGFPE, 0xC0000094, true,
-       "Signal:         8 SIGFPE, code 1 FPE_INTDIV\nException:      0xC0000094 integer divide by zero\n"},
-      {"", [](const TempDir &d) { StartLibrary(d), std::thread(KzTestCrashInNamedFunction).join(); }, SIGSEGV,
-       0xC0000005, false, "0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n"},
-      {"nocrashstack", StartAndCrash, SIGSEGV, 0xC0000005, true, "Backtrace:\n  (not collected: nocrashstack)\n"},
+// Each crash ends the process, by its signal or a kept handler's exit, and leaves the files the options pick (where
+// SetPath put them, else in the working directory). The log and the dump name the signal, the exception code and the
+// thread; nocrashstack drops the backtrace. Silenced assertions, a kept handler, an embedded library or a protected
+// call without start-up leave crashes to the program.
+TEST(CrashHandling, CrashesLeaveTheChosenFilesAndEndTheProcess) {
+  struct Case { const char *kz; void (*body)(); int end; const char *files, *text{}; uint32_t code{}; bool thread{}; };
+  const Case cases[] = {  // end: a signal, or minus an exit status (the handlers set exit with the signal's number)
+      {"", StartAndCrash, SIGSEGV, "dump log", "Signal:         11 SIGSEGV, code 1 SEGV_MAPERR\nException:      "
+       "0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n", 0xC0000005},
+      {"", [] { StartLibrary(), KzTestDivideByZero(); }, SIGFPE, "dump log", "Signal:         8 SIGFPE, code 1 "
+       "FPE_INTDIV\nException:      0xC0000094 integer divide by zero\n", 0xC0000094},
+      {"", [] { StartLibrary(), std::thread(KzTestCrashInNamedFunction).join(); }, SIGSEGV, "dump log",
+       "0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n", 0xC0000005, true},
+      {"nocrashstack", StartAndCrash, SIGSEGV, "dump log", "Backtrace:\n  (not collected: nocrashstack)\n", 0xC0000005},
+      {"nocrashlog", StartAndCrash, SIGSEGV, "dump"},
+      {"nocrashdump", StartAndCrash, SIGSEGV, "log"},
+      {"", [] { if (!chdir(g_dir.c_str())) KZLibInit(nullptr), KzTestCrashInNamedFunction(); }, SIGSEGV, "dump log"},
+      {"", [] { StartLibrary(), KZAssertSetVerbosity(0), KzTestCallerOfTheCrash(nullptr); }, SIGSEGV, ""},
+      {"", [] { signal(SIGSEGV, _exit), KZLibKeepGlobalExceptionHandler(), StartAndCrash(); }, -SIGSEGV, ""},
+      {"", [] { signal(SIGSEGV, SIG_DFL), KZLibSetEmbedded(), StartAndCrash(); }, SIGSEGV, ""},
+      {"", [] {
+         signal(SIGSEGV, _exit), KZRunProtectedSetPath(g_dir.c_str());
+         KZRunProtected_([](void *) -> int64_t { return 0; }, nullptr, nullptr), KzTestCallerOfTheCrash(nullptr);
+       }, -SIGSEGV, ""},
   };
-  for (const auto &c : cases) {
+  for (const Case &c : cases) {
     TempDir dir;
-    Child child = RunBody(dir, {{"KZ", c.options}}, c.body);
-    SCOPED_TRACE(c.text);
+    Child child = RunChild(dir, {{"KZ", c.kz}}, [&] { return g_dir = dir.path(), c.body(), 0; });
     const std::string pid = std::to_string(child.pid), log = ReadFile(dir / LogName(child.pid));
-    EXPECT_TRUE(child.Signalled(c.signal) && FilesIn(dir, child.pid) == "dump log") << child.Describe();
+    EXPECT_TRUE((c.end > 0 ? child.Signalled(c.end) : child.Exited(-c.end)) && FilesIn(dir, child.pid) == c.files)
+        << "case " << &c - cases << ": " << FilesIn(dir, child.pid) << child.Describe();
+    if (!c.text) continue;
     for (const char *line : {c.text, "Program:        crash_test\n", "Library:        kzlib 6.3.20826", "\nRegisters:"})
       EXPECT_TRUE(Has(log, line)) << line << " missing from\n" << log;
     auto records = ReadDump(ReadFile(dir / DumpName(child.pid)));
-    EXPECT_TRUE(Has(log, "Process:        " + pid + "\n") && Has(log, "Thread:         " + pid + " (") == c.inMain &&
-                Has(log, "  #0  0x") == !*c.options && records.count(8) == (*c.options ? 0u : 1u)) << log;
+    EXPECT_TRUE(Has(log, "Process:        " + pid + "\n") && Has(log, "Thread:         " + pid + " (") != c.thread &&
+                Has(log, "  #0  0x") == !*c.kz && records.count(8) == (*c.kz ? 0u : 1u)) << log;
     // Twelve words: the process id, the signal, the exception code, not in a protected call; the
     // program and the memory map; the saved stack holds the stack pointer.
     const std::string &crash = records[1], &stack = records[7];
     EXPECT_TRUE(crash.size() == 12 * 8 && Word(crash, 0) == uint64_t(child.pid) &&
-                Word(crash, 2) == uint64_t(c.signal) && Word(crash, 4) == c.code && Word(crash, 10) == 0);
+                Word(crash, 2) == uint64_t(c.end) && Word(crash, 4) == c.code && Word(crash, 10) == 0);
     EXPECT_TRUE(records[4] == "crash_test" && Has(records[6], "crash_test") && Has(records[6], "[stack]"));
     EXPECT_TRUE(stack.size() > 8 && Word(crash, 7) - Word(stack, 0) < stack.size() - 8);  // sp in the saved stack
     // The backtrace from the program counter: the crashing function with its line, then its caller.
-    EXPECT_TRUE(*c.options || (Word(records[8], 0) == Word(crash, 6) && Word(crash, 11) == records[8].size() / 8));
-    if (c.body != StartAndCrash || *c.options) continue;
-    EXPECT_TRUE(std::regex_search(log, std::regex("\nBacktrace:\n  #0  0x[^\n]*KzTestCrashInNamedFunction[^\n]*"
+    EXPECT_TRUE(*c.kz || (Word(records[8], 0) == Word(crash, 6) && Word(crash, 11) == records[8].size() / 8));
+    EXPECT_TRUE(c.body != StartAndCrash || *c.kz ||
+                std::regex_search(log, std::regex("\nBacktrace:\n  #0  0x[^\n]*KzTestCrashInNamedFunction[^\n]*"
                                                   "crash_test\\.cpp:[\\s\\S]*KzTestCallerOfTheCrash"))) << log;
-  }
-}
-
-// Options pick the files (in the working directory without SetPath); a kept handler, an embedded library
-// or a protected call without start-up leave crashes to the program.
-TEST(CrashHandling, WhichFilesAreWritten) {
-  const struct { const char *options; Body body; int exit; const char *files; } cases[] = {  // exit -1: SIGSEGV
-      {"nocrashlog", StartAndCrash, -1, "dump"},
-      {"nocrashdump", StartAndCrash, -1, "log"},
-      {"", [](const TempDir &d) { if (chdir(d.path().c_str()) == 0) KZLibInit(nullptr), KzTestCrashInNamedFunction(); },
-       -1, "dump log"},
-      {"", [](const TempDir &d) { StartLibrary(d), KZAssertSetVerbosity(0), KzTestCallerOfTheCrash(nullptr); }, -1, ""},
-      {"", [](const TempDir &d) { signal(SIGSEGV, Exit42), KZLibKeepGlobalExceptionHandler(), StartAndCrash(d); },
-       42, ""},
-      {"", [](const TempDir &d) { signal(SIGSEGV, SIG_DFL), KZLibSetEmbedded(), StartAndCrash(d); }, -1, ""},
-      {"", [](const TempDir &d) {
-         signal(SIGSEGV, Exit42), KZRunProtectedSetPath(d.path().c_str());
-         KZRunProtected_([](void *) -> int64_t { return 0; }, nullptr, nullptr), KzTestCallerOfTheCrash(nullptr);
-       }, 42, ""},
-  };
-  for (const auto &c : cases) {
-    TempDir dir;
-    Child child = RunBody(dir, {{"KZ", c.options}}, c.body);
-    EXPECT_TRUE(c.exit < 0 ? child.Signalled(SIGSEGV) : child.Exited(c.exit)) << &c - cases << child.Describe();
-    EXPECT_EQ(FilesIn(dir, child.pid), c.files) << "case " << &c - cases;
   }
 }
 
@@ -152,13 +127,11 @@ TEST(ProtectedCall, CrashIsReportedThenTheProcessAborts) {
     Child child = RunChild(dir, {{"KZ", c.options}}, [&] {
       const rlimit stack = {8 << 20, 8 << 20};  // to overflow
       setrlimit(RLIMIT_STACK, &stack), signal(SIGSEGV, SIG_DFL);  // the sanitizers may have their own handler
-      if (c.init) KZLibInit("/opt/kz/bin/crash_test");
-      KZRunProtectedSetPath(dir.path().c_str());
+      c.init ? KZLibInit("/opt/kz/bin/crash_test") : void(), KZRunProtectedSetPath(dir.path().c_str());
       return KZRunProtected_(c.run, nullptr, WriteReport), puts("returned"), 0;
     });
-    SCOPED_TRACE("case " + std::to_string(&c - cases));
     const std::string &report = child.out, log = ReadFile(dir / LogName(child.pid));
-    EXPECT_TRUE(child.Signalled(c.signal) && !Has(report, "returned")) << child.Describe();
+    EXPECT_TRUE(child.Signalled(c.signal) && !Has(report, "returned")) << "case " << &c - cases << child.Describe();
     EXPECT_EQ(*c.report ? report.substr(0, strlen(c.report)) : report, c.report);
     EXPECT_TRUE(Has(log, *c.report ? "Protected call: yes\n" : "Exception:      0xC0000094") &&
                 FilesIn(dir, child.pid) == (strcmp(c.options, "nocrashdump") ? "dump log" : "log")) << log;
@@ -169,17 +142,19 @@ TEST(ProtectedCall, CrashIsReportedThenTheProcessAborts) {
 // Without a report function the report goes to stderr; a hanging one is ended after the grace time.
 TEST(ProtectedCall, DefaultDispatcherAndGraceTime) {
   TempDir dir;
-  Child child = RunBody(dir, {}, [](const TempDir &d) {
-    StartLibrary(d), printf("%lld", static_cast<long long>(KZRunProtected_([](void *) -> int64_t {  // nested
+  g_dir = dir.path();
+  Child child = RunChild(dir, {}, [] {
+    return StartLibrary(), printf("%lld", static_cast<long long>(KZRunProtected_([](void *) -> int64_t {  // nested
       return KZRunProtected_([](void *) -> int64_t { return 1234567890123ll; }, nullptr, nullptr) - 1;
-    }, nullptr, nullptr))), fflush(stdout), KZRunProtected_(KzTestCallerOfTheCrash, nullptr, nullptr);
+    }, nullptr, nullptr))), fflush(stdout), KZRunProtected_(KzTestCallerOfTheCrash, nullptr, nullptr), 0;
   });
   EXPECT_TRUE(child.Signalled(SIGABRT) && child.out == "1234567890122") << child.Describe();
   const std::string pid = std::to_string(child.pid), head = "crash_test: critical error 0xDC0000005 (access violation) "
                           "in a protected call, thread " + pid + " (" + pid + ")\n  #0  0x";
   EXPECT_TRUE(child.err.rfind(head, 0) == 0 && Has(child.err, "KzTestCrashInNamedFunction")) << child.err;
-  child = RunBody(dir, {{"KZ_HANDLER_GRACE_TIME", "1"}}, [](const TempDir &d) {
-    StartLibrary(d), KZRunProtected_(KzTestCallerOfTheCrash, nullptr, [](uint64_t, const char *) { for (;;) pause(); });
+  child = RunChild(dir, {{"KZ_HANDLER_GRACE_TIME", "1"}}, [] {
+    StartLibrary();
+    return KZRunProtected_(KzTestCallerOfTheCrash, nullptr, [](uint64_t, const char *) { for (;;) pause(); }), 0;
   });
   EXPECT_TRUE(child.Signalled(SIGSEGV)) << child.Describe();
   EXPECT_EQ(child.err, "crash_test: crash handler still running after 1 seconds, ending the process\n");

@@ -34,20 +34,16 @@ TEST(LibInit, OptionsSetFlagsSwitchesAndMessages) {
        "flags=0x700 grace=30 switches=1111"},
       {{{"GDB", "gdb"}}, "3 kzlib/kzlib: :use KZ=debugger instead of GDB=gdb\n", "flags=0x7f00 grace=30 switches=0000"},
   };
-  for (const auto &c : cases) {
-    Child child = RunChild(c.environment, InitAndPrint);
-    EXPECT_EQ(child.out, c.messages + std::string(c.settings) + "\n") << child.Describe();
-  }
+  for (const auto &c : cases)
+    EXPECT_EQ(RunChild(c.environment, InitAndPrint).out, c.messages + std::string(c.settings) + "\n");
 }
 
-TEST(LibInit, GraceTime) {  // the text, the seconds taken (null: ignored)
-  for (auto [text, seconds] : {std::pair<const char *, const char *>{"45", "45"}, {"007", "7"}, {"12x", nullptr},
-                               {"4294967295", "4294967295"}, {"", nullptr}, {"-1", nullptr}, {"+5", nullptr},
-                               {" 5", nullptr}, {"4294967296", nullptr}})
+TEST(LibInit, GraceTime) {  // the text, the seconds taken ("": ignored)
+  for (auto [text, seconds] : {std::pair{"45", "45"}, {"007", "7"}, {"4294967295", "4294967295"}, {"12x", ""}, {"", ""},
+                               {"-1", ""}, {"+5", ""}, {" 5", ""}, {"4294967296", ""}})
     EXPECT_EQ(RunChild({{"KZ_HANDLER_GRACE_TIME", text}}, InitAndPrint).out,
-              seconds ? "flags=0x3f00 grace=" + std::string(seconds) + " switches=0000\n"
-                      : "2 kzlib/kzlib: ignored invalid KZ_HANDLER_GRACE_TIME='" + std::string(text) + "'\n" +
-                            "flags=0x3f00 grace=30 switches=0000\n");
+              (*seconds ? "" : "2 kzlib/kzlib: ignored invalid KZ_HANDLER_GRACE_TIME='" + std::string(text) + "'\n") +
+                  "flags=0x3f00 grace=" + (*seconds ? seconds : "30") + " switches=0000\n");
 }
 
 TEST(LibInit, ProgramNameIsTheBaseNameAfterEitherSeparatorAtMost260Characters) {
@@ -66,35 +62,27 @@ TEST(LibInit, ProgramNameIsTheBaseNameAfterEitherSeparatorAtMost260Characters) {
 TEST(LibInit, ExecutableIsTheRunningProgram) {
   char expected[4096] = "", buffer[4096];
   const size_t length = std::max<ssize_t>(readlink("/proc/self/exe", expected, sizeof expected - 1), 0);
-  if (length >= 260)  // a deep build directory: refused
-    EXPECT_TRUE(KZExecutable(buffer, sizeof buffer) == nullptr && KZGetLastError() == ENAMETOOLONG);
-  else  // exactly large enough, then one byte short
-    EXPECT_TRUE(KZExecutable(buffer, length + 1) == buffer && std::string(buffer) == expected &&
-                KZExecutable(buffer, length) == nullptr && KZGetLastError() == ERANGE) << buffer;
+  // A deep build directory is refused; else a buffer exactly large enough, then one byte short.
+  EXPECT_TRUE(length >= 260 ? KZExecutable(buffer, sizeof buffer) == nullptr && KZGetLastError() == ENAMETOOLONG
+                            : KZExecutable(buffer, length + 1) == buffer && std::string(buffer) == expected &&
+                                  KZExecutable(buffer, length) == nullptr && KZGetLastError() == ERANGE) << buffer;
   EXPECT_EQ(KZExecutable(nullptr, 0), nullptr);
   KZErrorClear();
 }
-
-std::string g_calls;
 
 // Handlers run once, in order, after the options were read and the start time
 // set, which then stays fixed; one may call KZLibInit itself.
 TEST(LibInit, HandlersRunOnceInOrderAtTheEnd) {
   Child child = RunChild({{"KZ", "nosync"}}, [] {
-    printf("%s %d", std::to_string(KZLibGetStartTime()).c_str(), KZLibInitAddHandler([] { g_calls += 'a'; }));
-    printf("%d", KZLibInitAddHandler([] {
-      g_calls += std::string(KZLibGetSyncOff() ? "b" : "?") + (KZLibGetStartTime() ? "b" : "?");
-      KZLibInit("/from/handler");
-    }));
-    printf("%d ", KZLibInitAddHandler([] { g_calls += 'c'; }));
-    const uint64_t low = static_cast<uint64_t>(time(nullptr));
-    KZLibInit("first");
-    const uint64_t start = KZLibGetStartTime(), high = static_cast<uint64_t>(time(nullptr));
-    printf("%s ", KZProgramName()), KZLibInit("second");
-    printf("%s %s %d", g_calls.c_str(), KZProgramName(), start >= low && start <= high && KZLibGetStartTime() == start);
-    return 0;
+    printf("%d ", KZLibGetStartTime() != 0), KZLibInitAddHandler([] { putchar('a'); });
+    KZLibInitAddHandler([] { putchar(KZLibGetSyncOff() && KZLibGetStartTime() ? 'b' : '?'), KZLibInit("/again"); });
+    KZLibInitAddHandler([] { putchar('c'); });
+    const uint64_t low = static_cast<uint64_t>(time(nullptr)), start = (KZLibInit("first"), KZLibGetStartTime());
+    const uint64_t high = static_cast<uint64_t>(time(nullptr));
+    printf(" %s ", KZProgramName()), KZLibInit("second");
+    return printf("%s %d", KZProgramName(), start >= low && start <= high && KZLibGetStartTime() == start), 0;
   });
-  EXPECT_EQ(child.out, "0 012 first abbc second 1") << child.Describe();
+  EXPECT_EQ(child.out, "0 abc first second 1") << child.Describe();
 }
 
 TEST(LibInitDeathTest, NinthHandlerFailsTheAssertion) {  // the first eight are numbered 0 to 7
@@ -105,44 +93,38 @@ TEST(LibInitDeathTest, NinthHandlerFailsTheAssertion) {  // the first eight are 
 // A closed pipe must be an error result, not a killed process; a host's own
 // choice (a handler, or an embedded library) is left alone.
 TEST(LibInit, BrokenPipesAreIgnoredUnlessTheHostDecides) {
-  for (auto [handler, embedded, exit] : {std::tuple{false, false, 10}, {false, true, 11}, {true, false, 12}}) {
-    Child child = RunChild({}, [handler, embedded] {  // exits with 10 ignored, 11 default, 12 a handler
+  for (auto [handler, embedded, exit] : {std::tuple{false, false, 10}, {false, true, 11}, {true, false, 12}})
+    EXPECT_TRUE(RunChild({}, [handler, embedded] {  // exits with 10 ignored, 11 default, 12 a handler
       if (handler) signal(SIGPIPE, [](int) {});
       if (embedded) KZLibSetEmbedded();
       const sighandler_t now = (KZLibInit(nullptr), signal(SIGPIPE, SIG_DFL));  // what start-up left
       return now == SIG_IGN ? 10 : now == SIG_DFL ? 11 : 12;
-    });
-    EXPECT_TRUE(child.Exited(exit)) << handler << embedded << child.Describe();
-  }
+    }).Exited(exit)) << handler << embedded;
 }
 
 TEST(LibInit, ConcurrentCallsStartTheLibraryOnce) {
-  Child child = RunChild({}, [] {
-    static std::atomic<int> runs{0}, finished{0}, go{0};
+  EXPECT_EQ(RunChild({}, [] {
+    static std::atomic<int> runs{0}, finished{0}, go{0};  // go: 1 once all threads are started
     KZLibInitAddHandler([] { runs++, std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
-    std::vector<std::thread> threads(16);
+    std::vector<std::jthread> threads(16);
     for (auto &thread : threads)  // nobody returns before the start-up finished
-      thread = std::thread([] { while (!go) std::this_thread::yield(); KZLibInit("threaded"), finished += runs == 1; });
-    go = true;
-    for (auto &thread : threads) thread.join();
+      thread = std::jthread([] { go.wait(0), KZLibInit("threaded"), finished += runs == 1; });
+    go = 1, go.notify_all(), threads.clear();  // joins them
     return printf("runs=%d finished=%d", runs.load(), finished.load()), 0;
-  });
-  EXPECT_EQ(child.out, "runs=1 finished=16") << child.Describe();
+  }).out, "runs=1 finished=16");
 }
 
 TEST(LibVersion, NumbersStringsAndIdentity) {
-  using Numbers = std::vector<long long>;  // the calls, then the exported data
-  EXPECT_EQ((Numbers{KZVersionMajor(), KZVersionMinor(), KZVersionBuild(), KZVersionBranchBuild(), KZVersionBranch(),
-                     kzlib_major, kzlib_minor, kzlib_build, kzlib_branchbuild}),
-            (Numbers{6, 3, 20826, 0, kzlib_branch, 6, 3, 20826, 0}));
+  // The calls, then the exported data.
+  EXPECT_EQ((std::vector<long long>{KZVersionMajor(), KZVersionMinor(), KZVersionBuild(), KZVersionBranchBuild(),
+                                    KZVersionBranch(), kzlib_major, kzlib_minor, kzlib_build, kzlib_branchbuild}),
+            (std::vector<long long>{6, 3, 20826, 0, kzlib_branch, 6, 3, 20826, 0}));
   EXPECT_EQ(KZVersionString(), KZVersionString());  // one stored string
   EXPECT_STREQ(KZVersionString(), kzlib_branch ? ("6.3.20826." + std::to_string(kzlib_branch)).c_str() : "6.3.20826");
-#if defined(__x86_64__) && defined(__linux__)
-  EXPECT_STREQ(KZArchitecture(), "amd64-linux");
-#endif
   struct utsname names;
   int major = 0, minor = 0;
   ASSERT_TRUE(uname(&names) == 0 && sscanf(names.release, "%d.%d", &major, &minor) == 2);
+  if (sizeof(void *) == 8 && names.machine == std::string("x86_64")) { EXPECT_STREQ(KZArchitecture(), "amd64-linux"); }
   EXPECT_TRUE(KernelVersionMajor() == major && KernelVersionMinor() == minor) << names.release;
   EXPECT_EQ(std::string(KernelVersionString()), std::string(names.sysname) + " " + names.release + " " + names.version);
   char host[256] = "";

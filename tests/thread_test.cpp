@@ -14,11 +14,11 @@
 #include "test_support.h"
 
 namespace {
+using namespace std::chrono;
 
 // Waits for what must come true; the deadline only keeps a broken build from hanging.
-template <typename Condition>
-bool EventuallyTrue(Condition condition) {
-  for (int i = 0; i < 60000 && !condition(); i++) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+bool EventuallyTrue(const std::function<bool()> &condition) {
+  for (int i = 0; i < 60000 && !condition(); i++) std::this_thread::sleep_for(milliseconds(1));
   return condition();
 }
 int64_t ReturnValueAt(void *argument) { return *static_cast<int64_t *>(argument); }
@@ -26,79 +26,56 @@ int64_t WaitOnLatch(void *argument) { return static_cast<std::latch *>(argument)
 // A thread not joined must have ended (its entry free) before its test returns.
 void WaitForEnd(KZThread thread) { ASSERT_TRUE(EventuallyTrue([&] { return !ThreadIsAlive(thread); })); }
 uint64_t KernelThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
-uint64_t MonotonicMillis() {
-  timespec now;
-  return clock_gettime(CLOCK_MONOTONIC, &now), now.tv_sec * 1000ull + now.tv_nsec / 1000000;
-}
+uint64_t MonotonicMillis() { return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count(); }
 int NiceOf(uint64_t threadId) { return errno = 0, getpriority(PRIO_PROCESS, static_cast<id_t>(threadId)); }
-
-TEST(ThreadJoin, ReturnsExactlyEachFunctionsResultInAnyJoinOrder) {
-  const int64_t values[] = {0, -1, INT64_MIN, INT64_MAX, 0x00000000FFFFFFFF, 0x123456789ABCDEF0};
-  std::vector<KZThread> threads;
-  for (const int64_t &value : values) threads.push_back(ThreadCreate(ReturnValueAt, const_cast<int64_t *>(&value), 0));
-  for (int i : {5, 3, 1, 0, 2, 4}) EXPECT_EQ(ThreadJoin(threads[i]), values[i]) << i;
-}
 
 TEST(ThreadResultsDeathTest, DetachedThreadsEntryIsFreedAndReusedByTheNextCreation) {
   // Joined through the system, a library thread shows its entry index as its
   // exit value; such joins leave entries in use, hence a new process.
-  auto reused = [] {
-    auto entryOf = [](KZThread t) { void *v = nullptr; return pthread_join(pthread_t(t), &v) ? -1 : intptr_t(v); };
-    std::latch detachedGo(1), blockedGo(1);
-    KZThread detached = ThreadCreateDetached(WaitOnLatch, &detachedGo, 0);  // entry 0
-    KZThread blocked = ThreadCreate(WaitOnLatch, &blockedGo, 0);            // entry 1
-    detachedGo.count_down();
-    bool ended = EventuallyTrue([&] { return !ThreadIsAlive(detached); });
-    KZThread next = ThreadCreate(WaitOnLatch, &detachedGo, 0);  // entry 0 again
-    blockedGo.count_down();
-    return ended && entryOf(next) == 0 && entryOf(blocked) == 1;
-  };
-  EXPECT_EXIT(_exit(reused() ? 0 : 1), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT({
+    std::latch go(0);  // open
+    KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);  // entry 0
+    const bool ended = EventuallyTrue([&] { return !ThreadIsAlive(detached); });
+    // Entry 0 again, which must not keep the detached flag; once joined, entry 0 once more.
+    const bool joinable = ThreadJoin(ThreadCreate(WaitOnLatch, &go, 0)) == 5;
+    void *entry = &go;
+    _exit(ended && joinable && !pthread_join(pthread_t(ThreadCreate(WaitOnLatch, &go, 0)), &entry) && !entry ? 0 : 1);
+  }, testing::ExitedWithCode(0), "");
 }
 
-TEST(ThreadLifetime, AliveUntilItsFunctionReturnsDetachedOnceAndItsEntryReusedAsJoinable) {
+TEST(ThreadLifetime, AliveUntilItsFunctionReturnsAndDetachedOnce) {
   std::latch go(1);
   KZThread joinable = ThreadCreate(WaitOnLatch, &go, 0), running = ThreadCreate(WaitOnLatch, &go, 0);
   KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);
   for (KZThread thread : {ThreadGetCurrent(), joinable, running, detached}) EXPECT_EQ(ThreadIsAlive(thread), 1);
-  errno = 0;  // a second detach is refused
-  EXPECT_TRUE(ThreadDetach(running) == 1 && ThreadDetach(detached) == 0 && errno == -1 && KZGetLastError() == EINVAL);
+  EXPECT_TRUE(ThreadDetach(running) == 1 && (errno = 0, ThreadDetach(detached)) == 0 && errno == -1 &&
+              KZGetLastError() == EINVAL);  // a second detach is refused
   go.count_down();
   for (KZThread thread : {joinable, running, detached}) WaitForEnd(thread);
   EXPECT_EQ(ThreadDetach(joinable), 1);  // ended, not joined
-  // The next creation takes an entry the detached threads freed: it must not inherit the detached flag.
-  EXPECT_EQ(ThreadJoin(ThreadCreate(WaitOnLatch, &go, 0)), 5);
 }
 
 int64_t OwnStackSize(void *) {
-  pthread_attr_t attributes;
+  pthread_attr_t a;
   size_t size = 0;
-  if (pthread_getattr_np(pthread_self(), &attributes) == 0)
-    pthread_attr_getstacksize(&attributes, &size), pthread_attr_destroy(&attributes);
+  if (pthread_getattr_np(pthread_self(), &a) == 0) pthread_attr_getstacksize(&a, &size), pthread_attr_destroy(&a);
   return static_cast<int64_t>(size);
 }
+struct { KZThreadFunction function; void *argument; uint32_t kib; std::string where; } g_hook;  // its arguments
 
-TEST(ThreadCreate, HugeStackIsReportedButCreated) {
+TEST(ThreadCreate, HookReplacesCreationAndAHugeStackIsReportedButCreated) {
+  SetThreadCreateHooks([](KZThreadFunction f, void *a, uint32_t kib, const char *file, uint32_t line) -> KZThread {
+    return g_hook = {f, a, kib, file + (":" + std::to_string(line))}, 0x5EED;
+  });
+  const std::string where = __FILE__ ":" + std::to_string(__LINE__ + 1);
+  EXPECT_EQ(ThreadCreate(ReturnValueAt, &g_hook, 77), 0x5EEDu);
+  EXPECT_TRUE(g_hook.function == &ReturnValueAt && g_hook.argument == &g_hook && g_hook.kib == 77 &&
+              g_hook.where == where) << g_hook.where;
+  SetThreadCreateHooks(nullptr);  // created again without it
   kztest::CapturedStream errors(1);
   EXPECT_GE(ThreadJoin(ThreadCreate(OwnStackSize, nullptr, 1000000)), 1000000LL * 1024);  // reserved, not used
   EXPECT_NE(errors.Text().find("kzthread:642\": creating thread with a stack size of 1000000 KB: "), std::string::npos);
   KZErrorClear();
-}
-
-std::string g_hookSeen;  // what the hook was called with
-
-TEST(ThreadCreate, HookReplacesCreation) {
-  int64_t value = 11;
-  SetThreadCreateHooks([](KZThreadFunction f, void *a, uint32_t kib, const char *file, uint32_t line) -> KZThread {
-    g_hookSeen = std::to_string(f == &ReturnValueAt) + " " + std::to_string(*static_cast<int64_t *>(a)) + " " +
-                 std::to_string(kib) + " " + file + ":" + std::to_string(line);
-    return 0x5EED;
-  });
-  const std::string where = __FILE__ ":" + std::to_string(__LINE__ + 1);
-  EXPECT_EQ(ThreadCreate(ReturnValueAt, &value, 77), 0x5EEDu);
-  SetThreadCreateHooks(nullptr);
-  EXPECT_EQ(ThreadJoin(ThreadCreate(ReturnValueAt, &value, 0)), 11);  // created again without it
-  EXPECT_EQ(g_hookSeen, "1 11 77 " + where);
 }
 
 TEST(ThreadOnce, RacingThreadsRunTheFunctionOnceAndAllSucceed) {
@@ -123,98 +100,78 @@ void Note(void *value, int which, const char *what) { g_order.push_back(value ==
 
 TEST(ThreadVar, DestructorsRunInCreationOrderInPassesAndAKeptValueFourTimes) {
   g_early = ThreadVarCreate([](void *v) { Note(v, 0, "early"), ThreadVarSet(g_early, nullptr); });
-  g_late = ThreadVarCreate([](void *v) {  // sets g_early after this pass has gone by it
-    Note(v, 1, "late"), ThreadVarSet(g_late, nullptr), ThreadVarSet(g_early, &g_value[0]);
-  });
+  g_late = ThreadVarCreate(  // sets g_early after this pass has gone by it
+      [](void *v) { Note(v, 1, "late"), ThreadVarSet(g_late, nullptr), ThreadVarSet(g_early, g_value); });
   g_kept = ThreadVarCreate([](void *v) { Note(v, 2, "kept"); });  // never clears
-  g_order.clear();
   auto body = [](void *) -> int64_t { return ThreadVarSet(g_late, &g_value[1]), ThreadVarSet(g_kept, &g_value[2]), 0; };
   ThreadJoin(ThreadCreate(body, nullptr, 0));
-  EXPECT_EQ(g_order, (std::vector<std::string>{"late", "kept", "early", "kept", "kept", "kept"}));
+  EXPECT_EQ(std::exchange(g_order, {}), (std::vector<std::string>{"late", "kept", "early", "kept", "kept", "kept"}));
 }
 
 std::atomic<int> g_clearedCalls{0};
-KZThreadVar ClearingSlot() {
-  static KZThreadVar slot = ThreadVarCreate([](void *) { g_clearedCalls++, ThreadVarSet(ClearingSlot(), nullptr); });
-  return slot;
-}
+KZThreadVar g_slot;  // its destructor counts and clears
 
 TEST(PlainThread, ContextComesOnFirstUseAndCleanupRunsTheDestructorsWhenCalledAndOnlyThen) {
   EXPECT_TRUE(ThreadGetCurrent() == static_cast<KZThread>(pthread_self()) && ThreadId() == KernelThreadId());
-  KZThreadVar slot = ClearingSlot();
-  g_clearedCalls = 0;
+  g_slot = ThreadVarCreate([](void *) { g_clearedCalls++, ThreadVarSet(g_slot, nullptr); }), g_clearedCalls = 0;
   int mine = 1, value = 0;
-  EXPECT_EQ(ThreadVarSet(slot, &mine), 1);
+  EXPECT_EQ(ThreadVarSet(g_slot, &mine), 1);
   std::thread([&] {
-    EXPECT_TRUE(ThreadVarGet(slot) == nullptr && ThreadHasContext() == 0);  // values are per thread
-    const uint64_t before = MonotonicMillis();
-    ThreadInit();
-    const uint64_t after = MonotonicMillis(), reference = ThreadGetRefTime();
-    EXPECT_TRUE(ThreadHasContext() == 1 && before <= reference && reference <= after) << reference;
+    EXPECT_TRUE(ThreadVarGet(g_slot) == nullptr && ThreadHasContext() == 0);  // values are per thread
+    const uint64_t before = MonotonicMillis(), reference = (ThreadInit(), ThreadGetRefTime());
+    EXPECT_TRUE(ThreadHasContext() == 1 && before <= reference && reference <= MonotonicMillis()) << reference;
     EXPECT_EQ(ThreadGetName(), std::to_string(KernelThreadId()));
-    ThreadSetRefTime(12345), ThreadVarSet(slot, &value), KZSetLastError(77), errno = 123;
-    EXPECT_EQ(ThreadGetRefTime(), 12345u);
-    ThreadCleanup();
+    EXPECT_EQ((ThreadSetRefTime(12345), ThreadGetRefTime()), 12345u);
+    ThreadVarSet(g_slot, &value), KZSetLastError(77), errno = 123, ThreadCleanup();
     EXPECT_TRUE(errno == 123 && KZGetLastError() == 77 && g_clearedCalls == 1 && ThreadHasContext() == 0 &&
-                ThreadVarGet(slot) == nullptr);
+                ThreadVarGet(g_slot) == nullptr);
   }).join();
   // Without the call no destructor runs; the message context is still
   // released at the end of the thread (the leak checker sees it otherwise).
-  std::thread([&] { ThreadVarSet(slot, &value), KZErrorThrow(KZ_ERR_GENERAL, "left behind"); }).join();
-  EXPECT_TRUE(g_clearedCalls == 1 && ThreadVarGet(slot) == &mine);
-  ThreadVarSet(slot, nullptr);
+  std::thread([&] { ThreadVarSet(g_slot, &value), KZErrorThrow(KZ_ERR_GENERAL, "left behind"); }).join();
+  EXPECT_TRUE(g_clearedCalls == 1 && ThreadVarGet(g_slot) == &mine);
+  ThreadVarSet(g_slot, nullptr);
 }
 
 TEST(ThreadName, LibraryThreadIsNamedAfterItsCreationAndRenamed) {
   static const std::string tooLong(300, 'x'), utf8 = "\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9";
-  std::string seen;  // the name, then the system's copy, after each step
-  const std::string created = __FILE__ ":" + std::to_string(__LINE__ + 1);
-  ThreadJoin(ThreadCreate(
-      [](void *seen) -> int64_t {
-        for (const char *name : {"", "pool/worker-number-12345", tooLong.c_str(), utf8.c_str()}) {
-          char system[64] = "";
-          if (*name) ThreadSetName(name);
-          pthread_getname_np(pthread_self(), system, sizeof system);
-          *static_cast<std::string *>(seen) += ThreadGetName() + std::string("|") + system + "|";
-        }
-        return 0;
-      },
-      &seen, 0));
+  std::string seen, created = __FILE__ ":" + std::to_string(__LINE__ + 1);  // seen: the name, then the system's copy
+  ThreadJoin(ThreadCreate([](void *seen) -> int64_t {
+    for (const char *name : {"", "pool/worker-number-12345", tooLong.c_str(), utf8.c_str()}) {
+      char system[64] = "";
+      if (*name) ThreadSetName(name);
+      pthread_getname_np(pthread_self(), system, sizeof system);
+      *static_cast<std::string *>(seen) += ThreadGetName() + std::string("|") + system + "|";
+    }
+    return 0;
+  }, &seen, 0));
   // The system's copy: the last component, cut to 15 bytes of whole characters.
   EXPECT_EQ(seen, created + "|thread_test.cpp|pool/worker-number-12345|worker-number-1|" + std::string(255, 'x') + "|" +
                       std::string(15, 'x') + "|" + utf8 + "|" + utf8.substr(0, 14) + "|");
 }
 
-TEST(ThreadPriority, TableValuesMapToNiceValuesAndOthersToNormal) {
+// Lowering needs no privilege and every value outside the table means normal; raising, back to normal
+// included, needs the right. A child checks the table, then gives up every capability and that right.
+TEST(ThreadPriority, TableValuesMapToNiceValuesOthersToNormalAndRaisingNeedsTheRight) {
   if (NiceOf(KernelThreadId()) != 0) GTEST_SKIP() << "not running at nice value 0";  // which new threads inherit
-  struct Worker { std::latch go{1}; std::atomic<uint64_t> id{0}; } worker;
-  auto run = [](void *a) { auto *w = static_cast<Worker *>(a); return w->id = ThreadId(), w->go.wait(), int64_t{0}; };
-  KZThread thread = ThreadCreate(run, &worker, 0);
-  ASSERT_TRUE(EventuallyTrue([&] { return worker.id.load() != 0; }));
-  const uint64_t id = worker.id.load();
-  // Every value outside the table means normal; lowering needs no privilege.
-  for (auto [priority, nice] : {std::pair{7, 0}, {1, 0}, {-1, 0}, {21, 0}, {5, 5}, {10, 10}, {20, 19}})
-    EXPECT_TRUE(ThreadSetPriority(thread, priority) == 1 && NiceOf(id) == nice) << priority;
-  if (ThreadSetPriority(thread, 7) == 1) EXPECT_EQ(NiceOf(id), 0);  // back to normal needs the right
-  else EXPECT_EQ(KZGetLastError(), EPERM);
-  worker.go.count_down();
-  WaitForEnd(thread);
-  errno = 0;  // ended: no thread to change
-  EXPECT_TRUE(ThreadSetPriority(thread, 5) == 0 && errno == -1 && KZGetLastError() == ESRCH);
-  ThreadJoin(thread);
-}
-
-TEST(ThreadPriority, RefusedRaiseIsEpermWithoutPrivilege) {
-  // A child gives up every capability and the right to lower its nice value,
-  // then asks for time-critical priority.
   kztest::Child child = kztest::RunChild({}, [] {
+    struct Worker { std::latch go{1}; std::atomic<uint64_t> id{0}; } worker;
+    auto run = [](void *a) { auto *w = static_cast<Worker *>(a); return w->id = ThreadId(), w->go.wait(), int64_t{0}; };
+    const KZThread thread = ThreadCreate(run, &worker, 0);
+    if (!EventuallyTrue([&] { return worker.id.load() != 0; })) return 2;
+    for (auto [priority, nice] : {std::pair{7, 0}, {1, 0}, {-1, 0}, {21, 0}, {5, 5}, {10, 10}, {20, 19}})
+      if (ThreadSetPriority(thread, priority) != 1 || NiceOf(worker.id) != nice) return 10 + priority;
+    if (ThreadSetPriority(thread, 7) == 1 ? NiceOf(worker.id) != 0 : KZGetLastError() != EPERM) return 4;
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct none[2] = {};
     const rlimit noRaise = {0, 0};
-    if (syscall(SYS_capset, &header, none) != 0 || setrlimit(RLIMIT_NICE, &noRaise) != 0) return 3;
-    errno = 0;
-    bool refused = ThreadSetPriority(ThreadGetCurrent(), -20) == 0 && errno == -1 && KZGetLastError() == EPERM;
-    return refused && NiceOf(KernelThreadId()) == 0 ? 0 : 1;
+    const bool dropped = syscall(SYS_capset, &header, none) == 0 && setrlimit(RLIMIT_NICE, &noRaise) == 0;
+    errno = 0;  // time-critical, asked for itself, is refused and changes nothing
+    const bool refused = ThreadSetPriority(ThreadGetCurrent(), -20) == 0 && errno == -1 && KZGetLastError() == EPERM;
+    worker.go.count_down();  // once it ended, there is no thread to change
+    const bool ended = EventuallyTrue([&] { return !ThreadIsAlive(thread); }) &&
+                       (errno = 0, ThreadSetPriority(thread, 5)) == 0 && errno == -1 && KZGetLastError() == ESRCH;
+    return ThreadJoin(thread), !dropped ? 3 : refused && NiceOf(KernelThreadId()) == 0 && ended ? 0 : 5;
   });
   if (child.Exited(3)) GTEST_SKIP() << "cannot drop privileges here";
   EXPECT_TRUE(child.Exited(0)) << child.Describe();
@@ -225,28 +182,18 @@ TEST(ThreadStress, ManyThreadsCreatedAndJoinedConcurrently) {
   ran = failures = 0;
   std::vector<KZThread> creators, detached[8];
   for (auto &mine : detached)  // the creators are library threads themselves
-    creators.push_back(ThreadCreate(
-        [](void *mine) -> int64_t {
-          for (int64_t round = 0, value; round < 40; round++) {
-            KZThread joinable = ThreadCreate(ReturnValueAt, &(value = (round << 40) + round * 7 - 1), 0);
-            static_cast<std::vector<KZThread> *>(mine)->push_back(
-                ThreadCreateDetached([](void *) -> int64_t { ran++; return 0; }, nullptr, 0));
-            failures += ThreadJoin(joinable) != value;
-          }
-          return -7;
-        },
-        &mine, 0));
+    creators.push_back(ThreadCreate([](void *mine) -> int64_t {
+      for (int64_t round = 0, value; round < 40; round++) {  // results of every width and sign
+        KZThread joinable = ThreadCreate(ReturnValueAt, &(value = (round % 2 ? INT64_MIN : INT64_MAX) ^ round), 0);
+        auto counted = [](void *) -> int64_t { ran++; return 0; };
+        static_cast<std::vector<KZThread> *>(mine)->push_back(ThreadCreateDetached(counted, nullptr, 0));
+        failures += ThreadJoin(joinable) != value;
+      }
+      return -7;
+    }, &mine, 0));
   for (KZThread creator : creators) EXPECT_EQ(ThreadJoin(creator), -7);
   for (auto &mine : detached) for (KZThread thread : mine) WaitForEnd(thread);
   EXPECT_TRUE(failures == 0 && ran == 8 * 40) << failures << " " << ran;
-}
-
-bool CapAddressSpace() {  // a little above what the process uses now
-  unsigned long long pages = 0;
-  std::ifstream("/proc/self/statm") >> pages;
-  const rlim_t cap = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (256u << 20);
-  const rlimit limit = {cap, cap};
-  return pages && setrlimit(RLIMIT_AS, &limit) == 0;
 }
 
 TEST(ThreadDeathTest, FatalMessagesAndAssertions) {
@@ -257,8 +204,12 @@ TEST(ThreadDeathTest, FatalMessagesAndAssertions) {
          pthread_create(&plain, nullptr, [](void *) { return reinterpret_cast<void *>(0x7FFFFFFF); }, nullptr);
          ThreadJoin(static_cast<KZThread>(plain));
        }, 0, "'result < ArrayLength\\(threadResults\\)' failed at kzlib/kzthread:717"},
-      {[] { if (CapAddressSpace()) ThreadCreate(ReturnValueAt, nullptr, 0xFFFFFFFFu); },  // 4 TiB: not under the cap
-       1, "\"kzthread:651\": thread creation failed, errno=11"},
+      {[] {  // 4 TiB of stack, not under a cap a little above what the process uses now
+         unsigned long long pages = 0;
+         std::ifstream("/proc/self/statm") >> pages;
+         const rlimit limit = {pages * sysconf(_SC_PAGESIZE) + (256u << 20), RLIM_INFINITY};
+         if (pages && setrlimit(RLIMIT_AS, &limit) == 0) ThreadCreate(ReturnValueAt, nullptr, 0xFFFFFFFFu);
+       }, 1, "\"kzthread:651\": thread creation failed, errno=11"},
       {[] { for (int i = 0; i < 100000; i++) ThreadVarCreate(nullptr); }, 1, "\"kzthread:1108\": TlsAlloc failed"},
   };
   for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);
