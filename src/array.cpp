@@ -7,7 +7,6 @@
 #include <string.h>
 
 #include "internal/context.h"
-#include "internal/platform.h"
 #include "kz/memory.h"
 #include "kz/message.h"
 

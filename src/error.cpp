@@ -8,8 +8,8 @@
 #include <trio.h>
 
 #include "internal/context.h"
-#include "internal/crash.h"
-#include "internal/platform.h"
+#include "internal/os/crash.h"
+#include "internal/os/error.h"
 
 namespace kz {
 namespace {

@@ -4,21 +4,22 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <sched.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/utsname.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 
 #include "internal/context.h"
-#include "internal/crash.h"
+#include "internal/os/backtrace.h"
+#include "internal/os/crash.h"
 #include "internal/lazy_lock.h"
-#include "internal/platform.h"
+#include "internal/os/error.h"
+#include "internal/os/init.h"
+#include "internal/os/memory.h"
+#include "internal/os/message.h"
+#include "internal/os/thread.h"
 #include "internal/startup.h"
 #include "kz/error.h"
 #include "kz/memory.h"
@@ -124,8 +125,8 @@ const KernelInfo &Kernel() {
   const kz::ErrorStateKept kept;
   static const KernelInfo kernel = [] {
     KernelInfo made{};
-    struct utsname names;
-    if (uname(&names) != 0) return made;
+    os::KernelNames names;
+    if (!os::GetKernelNames(&names)) return made;
     made.known = true;
     const char *release = names.release;
     made.major = LeadingNumber(release);
@@ -133,7 +134,7 @@ const KernelInfo &Kernel() {
       release++;
       made.minor = LeadingNumber(release);
     }
-    snprintf(made.text, sizeof made.text, "%s %s %s", names.sysname, names.release, names.version);
+    snprintf(made.text, sizeof made.text, "%s %s %s", names.system, names.release, names.version);
     return made;
   }();
   return kernel;
@@ -147,9 +148,7 @@ const HostText &Host() {
   const kz::ErrorStateKept kept;
   static const HostText host = [] {
     HostText made;
-    if (gethostname(made.text, sizeof made.text) != 0 || made.text[0] == '\0')
-      snprintf(made.text, sizeof made.text, "localhost");
-    made.text[sizeof made.text - 1] = '\0';
+    if (!os::GetHostName(made.text, sizeof made.text)) snprintf(made.text, sizeof made.text, "localhost");
     return made;
   }();
   return host;
@@ -317,16 +316,6 @@ void ReadOptions() {
 
 // ---- the once-only start-up ----------------------------------------------------------
 
-void IgnoreSigpipe() {
-  struct sigaction current;
-  if (sigaction(SIGPIPE, nullptr, &current) != 0) return;
-  if ((current.sa_flags & SA_SIGINFO) || current.sa_handler != SIG_DFL) return;
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  sigemptyset(&ignore.sa_mask);
-  sigaction(SIGPIPE, &ignore, nullptr);
-}
-
 bool RunStep(startup::Step step) {
   startup::Function function = g_steps[static_cast<int>(step)].load(std::memory_order_acquire);
   return function ? function() : true;
@@ -338,12 +327,12 @@ void StartOnce() {
   // Crash handling and SIGPIPE belong to the host of an embedded library.
   if (!g_embedded.load(std::memory_order_relaxed)) {
     crash::InstallProcessWide(g_keepExceptionHandler.load(std::memory_order_relaxed));
-    IgnoreSigpipe();
+    os::IgnoreBrokenPipeSignal();
   }
   // The crash dump writer is part of the library: nothing to load.
   backtrace::Init();
   crash::SetDirectory(".");
-  tzset();
+  os::PrepareLocalTime();
   g_startTime.store(static_cast<uint64_t>(time(nullptr)), std::memory_order_relaxed);
   Context();  // the thread-context slot and this thread's context
   os::PageSize();
@@ -399,7 +388,7 @@ KZ_API void KZLibInit(const char *path) {
     int32_t found = 0;
     while (!g_initState.compare_exchange_strong(found, 1, std::memory_order_acq_rel)) {
       if (found != 1) break;
-      sched_yield();  // another thread runs the start-up
+      os::ThreadYield();  // another thread runs the start-up
       found = 0;
     }
     if (found == 0) {
@@ -456,9 +445,10 @@ KZ_API const char *KZProgramName(void) { return ProgramName(); }
 
 KZ_API char *KZExecutable(char *buffer, size_t size) {
   char path[262];
-  ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+  int error = 0;
+  long length = os::GetExecutablePath(path, sizeof path, &error);
   if (length < 0) {
-    os::FailWithErrno();
+    os::FailWithError(error);
     return nullptr;
   }
   if (length >= 260) {

@@ -14,7 +14,8 @@
 
 #include "internal/context.h"
 #include "internal/lazy_lock.h"
-#include "internal/platform.h"
+#include "internal/os/lock.h"
+#include "internal/os/thread.h"
 #include "kz/error.h"
 #include "kz/lock.h"
 #include "kz/message.h"
@@ -101,11 +102,20 @@ __attribute__((always_inline)) inline void WaitThenWrite(Lock *lock) {
 
 }  // namespace
 
+namespace kz {
+
+LazyLock &GlobalLock() {
+  constinit static LazyLock lock;  // function-local: ready before any static initialiser uses it
+  return lock;
+}
+
+}  // namespace kz
+
 extern "C" {
 
 // ---- mutexes ------------------------------------------------------------------
 
-KZ_API void MutexInit(KZMutex *mutex) { *mutex = kz::CriticalSectionNew(kFile, 865); }
+KZ_API void MutexInit(KZMutex *mutex) { *mutex = kz::os::CriticalSectionNew(kFile, 865); }
 
 KZ_API KZMutex MutexInit_(KZMutex *variable, const char *file, uint32_t line) {
   return kz::LazyLockGet(variable, file, line);
@@ -114,15 +124,15 @@ KZ_API KZMutex MutexInit_(KZMutex *variable, const char *file, uint32_t line) {
 KZ_API void MutexDestroy(KZMutex *mutex) {
   KZCriticalSection *section = ExistingLock(mutex);
   if (!section) return;
-  kz::CriticalSectionDelete(section);
+  kz::os::CriticalSectionDelete(section);
   *mutex = kz::kLockUnset;
 }
 
-KZ_API void MutexLock(KZMutex *mutex) { kz::CriticalSectionEnter(kz::LazyLockGet(mutex)); }
+KZ_API void MutexLock(KZMutex *mutex) { kz::os::CriticalSectionEnter(kz::LazyLockGet(mutex)); }
 
 KZ_API void MutexUnlock(KZMutex *mutex) {
   KZCriticalSection *section = ExistingLock(mutex);
-  if (section) kz::CriticalSectionLeave(section);
+  if (section) kz::os::CriticalSectionLeave(section);
 }
 
 // ---- conditions -----------------------------------------------------------------
@@ -130,7 +140,7 @@ KZ_API void MutexUnlock(KZMutex *mutex) {
 KZ_API void ConditionInit(KZCondition *condition) {
   condition->waiters = 0;
   condition->broadcast = 0;
-  condition->lock = kz::CriticalSectionNew(kFile, 925);
+  condition->lock = kz::os::CriticalSectionNew(kFile, 925);
   condition->semaphore = kz::os::SemaphoreNew(0, kSemaphoreMaximum, kFile, 927);
   if (!condition->semaphore) Fatal(927, "ConditionInit", "Failed to create condition's semaphore");
   condition->event = kz::os::EventNew(kFile, 931);
@@ -142,18 +152,18 @@ KZ_API void ConditionDestroy(KZCondition *condition) {
   condition->semaphore = ReleasedHandle<KZSemaphore>();
   kz::os::EventDelete(condition->event);
   condition->event = ReleasedHandle<KZEvent>();
-  kz::CriticalSectionDelete(ExistingLock(&condition->lock));
+  kz::os::CriticalSectionDelete(ExistingLock(&condition->lock));
   condition->lock = kz::kLockUnset;
 }
 
 KZ_API int ConditionTimedWait(KZCondition *condition, KZMutex *mutex, uint32_t timeout) {
   // 1. Count this thread as a waiter.
   KZCriticalSection *lock = kz::LazyLockGet(&condition->lock);
-  kz::CriticalSectionEnter(lock);
+  kz::os::CriticalSectionEnter(lock);
   ConditionInit_(condition);
   condition->waiters++;
   KZSemaphore *semaphore = condition->semaphore;
-  kz::CriticalSectionLeave(lock);
+  kz::os::CriticalSectionLeave(lock);
 
   // 2, 3. Only now let go of the caller's mutex, then wait for a permit.
   MutexUnlock(mutex);
@@ -170,12 +180,12 @@ KZ_API int ConditionTimedWait(KZCondition *condition, KZMutex *mutex, uint32_t t
   }
 
   // 4. Leave; the last waiter of a broadcast reports that all have left.
-  kz::CriticalSectionEnter(lock);
+  kz::os::CriticalSectionEnter(lock);
   condition->waiters--;
   bool lastOfBroadcast = condition->broadcast && condition->waiters == 0;
   if (lastOfBroadcast) condition->broadcast = 0;
   KZEvent *event = condition->event;
-  kz::CriticalSectionLeave(lock);
+  kz::os::CriticalSectionLeave(lock);
 
   // 5. Before taking the mutex back: the broadcaster may be holding it.
   if (lastOfBroadcast && !kz::os::EventSet(event)) {
@@ -196,10 +206,10 @@ KZ_API int ConditionWait(KZCondition *condition, KZMutex *mutex) {
 
 KZ_API void ConditionSignal(KZCondition *condition) {
   KZCriticalSection *lock = kz::LazyLockGet(&condition->lock);
-  kz::CriticalSectionEnter(lock);
+  kz::os::CriticalSectionEnter(lock);
   bool anyWaiter = condition->waiters > 0;
   KZSemaphore *semaphore = condition->semaphore;
-  kz::CriticalSectionLeave(lock);
+  kz::os::CriticalSectionLeave(lock);
   if (anyWaiter && !kz::os::SemaphoreRelease(semaphore, 1)) {
     if (semaphore == ReleasedHandle<KZSemaphore>())
       RaiseReleased(1043, "ConditionSignal");
@@ -210,7 +220,7 @@ KZ_API void ConditionSignal(KZCondition *condition) {
 
 KZ_API void ConditionBroadcast(KZCondition *condition) {
   KZCriticalSection *lock = kz::LazyLockGet(&condition->lock);
-  kz::CriticalSectionEnter(lock);
+  kz::os::CriticalSectionEnter(lock);
   uint32_t waiters = condition->waiters;
   if (waiters > 0) {
     condition->broadcast = 1;
@@ -218,7 +228,7 @@ KZ_API void ConditionBroadcast(KZCondition *condition) {
       Fatal(1066, "ConditionBroadcast", "ReleaseSemaphore failed");
   }
   KZEvent *event = condition->event;
-  kz::CriticalSectionLeave(lock);
+  kz::os::CriticalSectionLeave(lock);
   if (waiters == 0) return;
   WaitResult result = kz::os::EventWait(event, KZ_WAIT_INFINITE);
   if (result == WaitResult::kFailed)
@@ -230,7 +240,7 @@ KZ_API void ConditionBroadcast(KZCondition *condition) {
 // ---- reader-writer lock (writers preferred) --------------------------------------
 
 KZ_API void RWLockInit(KZRWLock *lock) {
-  lock->lock = kz::CriticalSectionNew(kFile, 1290);
+  lock->lock = kz::os::CriticalSectionNew(kFile, 1290);
   lock->state = 0;
   lock->waitingWriters = 0;
   ConditionInit(&lock->readersCondition);
@@ -244,7 +254,7 @@ KZ_API void RWLockDestroy(KZRWLock *lock) {
 }
 
 KZ_API void RWLockAcquireRead_(KZRWLock *lock, const char *file, uint32_t line) {
-  kz::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
+  kz::os::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
   WaitThenRead(lock);
   MutexUnlock(&lock->lock);
 }
@@ -264,7 +274,7 @@ KZ_API int RWLockAcquireReadTimeout(KZRWLock *lock, uint32_t timeout) {
 }
 
 KZ_API void RWLockAcquireWrite_(KZRWLock *lock, const char *file, uint32_t line) {
-  kz::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
+  kz::os::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
   WaitThenWrite(lock);
   MutexUnlock(&lock->lock);
 }
@@ -288,7 +298,7 @@ KZ_API int RWLockAcquireWriteTimeout(KZRWLock *lock, uint32_t timeout) {
 }
 
 KZ_API void RWLockRelease_(KZRWLock *lock, const char *file, uint32_t line) {
-  kz::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
+  kz::os::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
   if (lock->state < 0) {
     lock->state = 0;
     if (lock->waitingWriters == 0)
@@ -306,7 +316,7 @@ KZ_API void RWLockRelease_(KZRWLock *lock, const char *file, uint32_t line) {
 // ---- upgradable reader-writer lock ----------------------------------------------------
 
 KZ_API void RWULockInit(KZRWULock *lock) {
-  lock->lock = kz::CriticalSectionNew(kFile, 1400);
+  lock->lock = kz::os::CriticalSectionNew(kFile, 1400);
   lock->state = 0;
   lock->upgradable = 0;
   lock->waitingWriters = 0;

@@ -10,7 +10,7 @@
 
 #include "internal/context.h"
 #include "internal/lazy_lock.h"
-#include "internal/platform.h"
+#include "internal/os/memory.h"
 #include "kz/error.h"
 #include "kz/message.h"
 
@@ -270,7 +270,7 @@ KZ_API void PoolFree_(KZPool *pool, void *argument) {
   ReleaseItems(pool);
   KZCriticalSection *lock = pool->lock;
   pool->lock = kz::kLockUnset;  // the pool may be used again: a new lock is made on demand
-  kz::CriticalSectionDelete(lock);
+  kz::os::CriticalSectionDelete(lock);
 }
 
 KZ_API void LocalCPoolCompact_(KZLocalPool *pool, void *argument) { DestroyPooled(pool, argument); }

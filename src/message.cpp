@@ -2,7 +2,6 @@
 #include "kz/message.h"
 
 #include <errno.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,7 +12,8 @@
 #include "internal/array_view.h"
 #include "internal/context.h"
 #include "internal/lazy_lock.h"
-#include "internal/platform.h"
+#include "internal/os/message.h"
+#include "internal/os/thread.h"
 #include "kz/error.h"
 #include "kz/format.h"
 #include "kz/memory.h"
@@ -37,8 +37,11 @@ std::atomic<KZExitFunction> g_exitFunction{nullptr};
 
 char g_programName[261] = "kzlib";
 
-pthread_key_t g_contextKey;
-pthread_once_t g_contextKeyOnce = PTHREAD_ONCE_INIT;
+// The thread-local slot whose destructor frees the context of a thread that
+// ends without the library's end-of-thread steps; installed once, by the first
+// thread that needs it (a loser of the race deletes its own slot).
+constexpr uint32_t kNoKey = ~0u;
+std::atomic<uint32_t> g_contextKey{kNoKey};
 thread_local MessageContext *t_context = nullptr;
 
 [[noreturn]] void OutOfMemory(const char *text, uint32_t line) {
@@ -72,13 +75,19 @@ void ContextKeyDestructor(void *value) {
   DestroyContext(context);
 }
 
-void CreateContextKey() {
-  if (pthread_key_create(&g_contextKey, ContextKeyDestructor) != 0) {
+uint32_t ContextKey() {
+  uint32_t key = g_contextKey.load(std::memory_order_acquire);
+  if (key != kNoKey) return key;
+  uint32_t created;
+  if (os::ThreadKeyCreate(&created, ContextKeyDestructor) != 0) {
     // Without the slot no thread can keep its context: nothing can work.
     perror("MessageContextNew: cannot create the thread context slot");
     CallAbortHook("MessageContextNew: cannot create the thread context slot", "kzlib/kzlib", 1258);
     abort();
   }
+  if (g_contextKey.compare_exchange_strong(key, created, std::memory_order_acq_rel)) return created;
+  os::ThreadKeyDelete(created);
+  return key;
 }
 
 MessageContext *NewContext() {
@@ -141,9 +150,9 @@ MessageContext *ContextIfAny() { return t_context; }
 MessageContext *Context() {
   if (t_context) return t_context;
   const ErrorStateKept kept;
-  pthread_once(&g_contextKeyOnce, CreateContextKey);
+  uint32_t key = ContextKey();
   MessageContext *context = NewContext();
-  pthread_setspecific(g_contextKey, context);
+  os::ThreadKeySet(key, context);
   t_context = context;
   return context;
 }
@@ -152,7 +161,8 @@ void ContextDestroy() {
   MessageContext *context = t_context;
   if (!context) return;
   t_context = nullptr;
-  pthread_setspecific(g_contextKey, nullptr);
+  uint32_t key = g_contextKey.load(std::memory_order_acquire);
+  if (key != kNoKey) os::ThreadKeySet(key, nullptr);
   DestroyContext(context);
 }
 

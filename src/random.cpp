@@ -14,7 +14,8 @@
 
 #include "internal/context.h"
 #include "internal/lazy_lock.h"
-#include "internal/platform.h"
+#include "internal/os/random.h"
+#include "internal/os/thread.h"
 #include "kz/error.h"
 #include "kz/format.h"
 #include "kz/init.h"

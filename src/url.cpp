@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
 
 #include "internal/array_view.h"
 #include "internal/context.h"
@@ -95,6 +94,17 @@ constexpr ByteClasses kBytes;
 constexpr char kLowerHex[] = "0123456789abcdef";
 
 inline bool Allowed(uint8_t c) { return kBytes.bits[c] & kAllowed; }
+
+// The first n bytes of text equal the lower-case name, letters compared
+// without regard to case (ASCII only, whatever the locale).
+bool EqualsIgnoringAsciiCase(const char *lowerName, const unsigned char *text, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    unsigned char c = text[i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c + ('a' - 'A'));
+    if (c != static_cast<unsigned char>(lowerName[i])) return false;
+  }
+  return true;
+}
 
 inline const unsigned char *ScanTo(const unsigned char *p, uint8_t end) {
   while (!(kBytes.ends[*p] & end)) ++p;
@@ -496,7 +506,7 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
     int32_t scheme = -1;
     for (int32_t i = 0; i < SCHEME_NUM; ++i) {
       if (kSchemes[i].length == n &&
-          strncasecmp(kSchemes[i].name, reinterpret_cast<const char *>(text), n) == 0) {
+          EqualsIgnoringAsciiCase(kSchemes[i].name, text, n)) {
         scheme = i;
         break;
       }
@@ -673,7 +683,7 @@ KZ_API uint32_t URLSchemePort(uint32_t scheme) {
 KZ_API int URLParseScheme(const char *name, int32_t *scheme) {
   size_t length = std::strlen(name);
   for (int32_t i = 0; i < SCHEME_NUM; ++i) {
-    if (kSchemes[i].length == length && strcasecmp(kSchemes[i].name, name) == 0) {
+    if (kSchemes[i].length == length && EqualsIgnoringAsciiCase(kSchemes[i].name, reinterpret_cast<const unsigned char *>(name), length)) {
       *scheme = i;
       return 1;
     }

@@ -8,19 +8,12 @@
 #include <atomic>
 #include <cstdint>
 
-struct KZCriticalSection;
+#include "internal/os/lock.h"
 
 namespace kz {
 
 inline KZCriticalSection *const kLockUnset =
     reinterpret_cast<KZCriticalSection *>(~static_cast<uintptr_t>(0));
-
-// A re-entrant lock (a recursive mutex on POSIX). Creation allocates through
-// the checked allocator with the given location.
-KZCriticalSection *CriticalSectionNew(const char *file, uint32_t line);
-void CriticalSectionDelete(KZCriticalSection *section);
-void CriticalSectionEnter(KZCriticalSection *section);
-void CriticalSectionLeave(KZCriticalSection *section);
 
 // Creates the lock behind *variable when it is still unset (all ones, or null
 // for zero-initialised records) and returns it.
@@ -30,13 +23,13 @@ inline KZCriticalSection *LazyLockGet(KZCriticalSection **variable,
   std::atomic_ref<KZCriticalSection *> ref(*variable);
   KZCriticalSection *current = ref.load(std::memory_order_acquire);
   if (current != kLockUnset && current != nullptr) return current;
-  KZCriticalSection *fresh = CriticalSectionNew(file, line);
+  KZCriticalSection *fresh = os::CriticalSectionNew(file, line);
   while (current == kLockUnset || current == nullptr) {
     if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel,
                                   std::memory_order_acquire))
       return fresh;
   }
-  CriticalSectionDelete(fresh);  // another thread installed its lock first
+  os::CriticalSectionDelete(fresh);  // another thread installed its lock first
   return current;
 }
 
@@ -47,8 +40,8 @@ class LazyLock {
  public:
   constexpr LazyLock() = default;
   KZCriticalSection *get() { return LazyLockGet(&section_); }
-  void lock() { CriticalSectionEnter(get()); }
-  void unlock() { CriticalSectionLeave(get()); }
+  void lock() { os::CriticalSectionEnter(get()); }
+  void unlock() { os::CriticalSectionLeave(get()); }
 
  private:
   KZCriticalSection *section_ = nullptr;
@@ -58,10 +51,10 @@ class LazyLock {
 class LazyLockGuard {
  public:
   explicit LazyLockGuard(KZCriticalSection **variable) : section_(LazyLockGet(variable)) {
-    CriticalSectionEnter(section_);
+    os::CriticalSectionEnter(section_);
   }
-  explicit LazyLockGuard(LazyLock &lock) : section_(lock.get()) { CriticalSectionEnter(section_); }
-  ~LazyLockGuard() { CriticalSectionLeave(section_); }
+  explicit LazyLockGuard(LazyLock &lock) : section_(lock.get()) { os::CriticalSectionEnter(section_); }
+  ~LazyLockGuard() { os::CriticalSectionLeave(section_); }
   LazyLockGuard(const LazyLockGuard &) = delete;
   LazyLockGuard &operator=(const LazyLockGuard &) = delete;
 

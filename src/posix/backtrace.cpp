@@ -12,7 +12,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "internal/crash.h"
+#include "internal/os/backtrace.h"
 
 #if defined(KZ_HAVE_LIBBACKTRACE)
 // libbacktrace's interface (its header lives among the compiler's own headers,

@@ -35,7 +35,8 @@
 #include <atomic>
 
 #include "internal/context.h"
-#include "internal/crash.h"
+#include "internal/os/backtrace.h"
+#include "internal/os/crash.h"
 #include "internal/startup.h"
 #include "kz/init.h"
 #include "kz/message.h"

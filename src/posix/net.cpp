@@ -1,7 +1,7 @@
-// Network helpers over the BSD socket interface.
+// Network calls on POSIX: the BSD socket interface.
 #include <arpa/inet.h>
 
-#include "internal/platform.h"
+#include "internal/os/net.h"
 
 namespace kz::os {
 

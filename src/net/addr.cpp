@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "internal/platform.h"
+#include "internal/os/net.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
-// POSIX entropy pieces for seeding the pseudo-random generator, and the
-// fork hook it uses to reseed in a child process.
+// POSIX entropy pieces for seeding the pseudo-random generator.
 #include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -12,7 +11,8 @@
 #include <sys/random.h>
 #endif
 
-#include "internal/platform.h"
+#include "internal/os/random.h"
+#include "internal/os/thread.h"
 
 extern char **environ;
 
@@ -78,6 +78,5 @@ void GatherEntropy(EntropyFeed feed, void *argument) {
       if (**entry) feed(argument, *entry, strlen(*entry));
 }
 
-bool OnForkChild(void (*handler)()) { return pthread_atfork(nullptr, nullptr, handler) == 0; }
 
 }  // namespace kz::os

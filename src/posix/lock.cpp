@@ -16,7 +16,9 @@
 #include <new>
 
 #include "internal/context.h"
-#include "internal/platform.h"
+#include "internal/lazy_lock.h"
+#include "internal/os/error.h"
+#include "internal/os/lock.h"
 #include "kz/lock.h"
 #include "kz/memory.h"
 
@@ -291,3 +293,30 @@ KZ_API void RecursiveMutexUnlock(KZRecursiveMutex *mutex) {
 }
 
 }  // extern "C"
+
+struct KZCriticalSection {
+  pthread_mutex_t mutex;
+};
+
+namespace kz::os {
+
+KZCriticalSection *CriticalSectionNew(const char *file, uint32_t line) {
+  auto *section = static_cast<KZCriticalSection *>(Allocate_(sizeof(KZCriticalSection), nullptr, file, line));
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(&section->mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  return section;
+}
+
+void CriticalSectionDelete(KZCriticalSection *section) {
+  if (!section || section == kLockUnset) return;
+  pthread_mutex_destroy(&section->mutex);
+  free(section);
+}
+
+void CriticalSectionEnter(KZCriticalSection *section) { pthread_mutex_lock(&section->mutex); }
+void CriticalSectionLeave(KZCriticalSection *section) { pthread_mutex_unlock(&section->mutex); }
+
+}  // namespace kz::os

@@ -1,83 +1,20 @@
-// POSIX implementation of the operating-system layer.
+// Memory on POSIX: page size, anonymous mappings, and the process counters
+// read from /proc/self/status.
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 
-#include "internal/platform.h"
-#include "kz/error.h"
+#include "internal/os/error.h"
+#include "internal/os/memory.h"
 
 namespace kz::os {
-
-void FailWithErrno() { FailWithError(errno); }
-
-void FailWithError(int error) {
-  KZSetLastError(error);
-  errno = -1;
-}
-
-namespace {
-
-// The kernel id is cached per thread; a forked child's only thread forgets the
-// parent's value, which fork copied.
-thread_local uint64_t t_threadId = 0;
-void ForgetThreadId() { t_threadId = 0; }
-const bool kForgetInForkedChild = pthread_atfork(nullptr, nullptr, ForgetThreadId) == 0;
-
-}  // namespace
-
-uint64_t ThreadId() {
-  if (t_threadId == 0) t_threadId = static_cast<uint64_t>(syscall(SYS_gettid));
-  return t_threadId;
-}
-
-uint64_t ProcessId() { return static_cast<uint64_t>(getpid()); }
-
-uint64_t MonotonicMillis() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
-}
-
-LocalTime Now() {
-  time_t seconds = time(nullptr);
-  struct tm parts;
-  if (!localtime_r(&seconds, &parts)) return LocalTime{1970, 1, 1, 0, 0, 0};
-  return LocalTime{static_cast<unsigned>(parts.tm_year + 1900), static_cast<unsigned>(parts.tm_mon + 1),
-                   static_cast<unsigned>(parts.tm_mday),         static_cast<unsigned>(parts.tm_hour),
-                   static_cast<unsigned>(parts.tm_min),          static_cast<unsigned>(parts.tm_sec)};
-}
-
-bool SystemErrorText(int error, char *buffer, size_t size) {
-  // strerrordesc_np answers null for numbers the system has no text for,
-  // unlike strerror_r's "Unknown error N".
-  const char *text = strerrordesc_np(error);
-  if (!text || size == 0) return false;
-  snprintf(buffer, size, "%s", text);
-  return true;
-}
-
-void WriteRaw(int fd, const void *data, size_t size) {
-  const char *bytes = static_cast<const char *>(data);
-  while (size > 0) {
-    ssize_t written = write(fd, bytes, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    bytes += written;
-    size -= static_cast<size_t>(written);
-  }
-}
 
 size_t PageSize() {
   static std::atomic<size_t> cached{0};

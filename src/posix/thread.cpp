@@ -8,11 +8,12 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
 
-#include "internal/platform.h"
+#include "internal/os/thread.h"
 
 
 namespace kz::os {
@@ -23,7 +24,25 @@ namespace {
 
 pthread_t ToPthread(uint64_t handle) { return static_cast<pthread_t>(handle); }
 
+
+// The kernel id is cached per thread; a forked child's only thread forgets the
+// parent's value, which fork copied.
+thread_local uint64_t t_threadId = 0;
+void ForgetThreadId() { t_threadId = 0; }
+const bool kForgetInForkedChild = pthread_atfork(nullptr, nullptr, ForgetThreadId) == 0;
+
 }  // namespace
+
+uint64_t ThreadId() {
+  if (t_threadId == 0) t_threadId = static_cast<uint64_t>(syscall(SYS_gettid));
+  return t_threadId;
+}
+
+uint64_t MonotonicMillis() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+}
 
 int ThreadStart(void *(*entry)(void *), void *argument, size_t stackBytes, bool detached, uint64_t *handle) {
   pthread_attr_t attributes;
@@ -86,17 +105,19 @@ void ThreadSleepForever() {
   for (;;) pause();
 }
 
-int ThreadKeyCreate(uint32_t *slot) {
+int ThreadKeyCreate(uint32_t *slot, void (*destructor)(void *)) {
   pthread_key_t key;
-  // No destructor: the library runs its own passes at the end of its threads
-  // and in ThreadCleanup, so no destructor is ever run twice.
-  int error = pthread_key_create(&key, nullptr);
+  int error = pthread_key_create(&key, destructor);
   if (error == 0) *slot = static_cast<uint32_t>(key);
   return error;
 }
 
+void ThreadKeyDelete(uint32_t slot) { pthread_key_delete(static_cast<pthread_key_t>(slot)); }
+
 void *ThreadKeyGet(uint32_t slot) { return pthread_getspecific(static_cast<pthread_key_t>(slot)); }
 
 int ThreadKeySet(uint32_t slot, void *value) { return pthread_setspecific(static_cast<pthread_key_t>(slot), value); }
+
+bool OnForkChild(void (*handler)()) { return pthread_atfork(nullptr, nullptr, handler) == 0; }
 
 }  // namespace kz::os
