@@ -46,7 +46,7 @@ uint64_t NextSize(uint64_t capacity, uint64_t required, uint64_t maxSize, bool b
     } else {
       uint64_t old = c;
       c = GrowByFifth(c);
-      if (!big && !(c > old)) kzassert_("newCapacity > oldCapacity || ! \"requested buffer is too large\"", "kzlib/array", 88);
+      if (!big) KZ_CHECK(c > old, "newCapacity > oldCapacity || ! \"requested buffer is too large\"", "kzlib/array", 88);
       if (c >= maxSize) {
         c = maxSize - 1;
         if (c == capacity) {
@@ -140,7 +140,7 @@ KZ_API void *ArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t 
 }
 
 KZ_API void ArrayGrowExact_(void *array, uint32_t newCapacity, size_t eltSize, const char *file, uint32_t line) {
-  if (newCapacity >= 2147483647u) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
+  KZ_CHECK(newCapacity < 2147483647u, "eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
   GrowExact(static_cast<Small *>(array), newCapacity, eltSize, file, line);
 }
 
@@ -150,7 +150,7 @@ KZ_API void ArrayShrink_(void *array, uint32_t newCapacity, size_t eltSize, cons
 
 KZ_API void ArrayCopy_(void *destination, size_t destinationEltSize, const void *source, size_t sourceEltSize,
                        const char *file, uint32_t line) {
-  if (destinationEltSize != sourceEltSize) kzassert_("aSize == bSize", "kzlib/array", 144);
+  KZ_CHECK(destinationEltSize == sourceEltSize, "aSize == bSize", "kzlib/array", 144);
   auto *to = static_cast<Small *>(destination);
   auto *from = static_cast<const Small *>(source);
   uint64_t next = to->capacity < from->count ? ArrayNextSize(to->capacity, from->count, kSmallMax) : 0;
@@ -172,7 +172,7 @@ KZ_API void *BigArrayGrow_(void *array, size_t eltSize, const char *file, uint32
 
 KZ_API void BigArrayGrowExact_(void *array, uint64_t newCapacity, size_t eltSize, const char *file,
                                uint32_t line) {
-  if (newCapacity >= 9223372036854775807ull) kzassert_("eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
+  KZ_CHECK(newCapacity < 9223372036854775807ull, "eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
   GrowExact(static_cast<Big *>(array), newCapacity, eltSize, file, line);
 }
 
@@ -182,7 +182,7 @@ KZ_API void BigArrayShrink_(void *array, uint64_t newCapacity, size_t eltSize, c
 
 KZ_API void BigArrayCopy_(void *destination, size_t destinationEltSize, const void *source, size_t sourceEltSize,
                           const char *file, uint32_t line) {
-  if (destinationEltSize != sourceEltSize) kzassert_("aSize == bSize", "kzlib/array", 250);
+  KZ_CHECK(destinationEltSize == sourceEltSize, "aSize == bSize", "kzlib/array", 250);
   auto *to = static_cast<Big *>(destination);
   auto *from = static_cast<const Big *>(source);
   // The grown capacity is cut to its low 32 bits; programs rely on the
@@ -229,7 +229,7 @@ KZ_API void *VMArrayGrow_(void *array, size_t eltSize, const char *file, uint32_
 
 KZ_API void VMArrayCopy_(void *destination, size_t destinationEltSize, const void *source, size_t sourceEltSize,
                          const char *file, uint32_t line) {
-  if (destinationEltSize != sourceEltSize) kzassert_("aSize == bSize", "kzlib/array", 336);
+  KZ_CHECK(destinationEltSize == sourceEltSize, "aSize == bSize", "kzlib/array", 336);
   auto *to = static_cast<Big *>(destination);
   auto *from = static_cast<const Big *>(source);
   if (to->capacity < from->count) {

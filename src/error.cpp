@@ -120,7 +120,7 @@ KZ_API void KZSetLastError(int error) { t_lastError = error; }
 
 KZ_API int *KZErrorVThrow_(uint64_t code, const char *format, va_list args) {
   MessageContext *context = ContextIfAny();
-  if (!context) kzassert_("! create", "kzlib/kzlib", 1370);
+  KZ_CHECK(context, "! create", "kzlib/kzlib", 1370);
   ErrorContext *record = TakeRecord(context);
   record->file = context->file;
   record->line = context->line;
@@ -147,9 +147,9 @@ KZ_API int *KZErrorThrow_(uint64_t code, const char *format, ...) {
 
 KZ_API int *KZErrorVRethrow_(const char *format, va_list args) {
   MessageContext *context = ContextIfAny();
-  if (!context) kzassert_("! create", "kzlib/kzlib", 1370);
+  KZ_CHECK(context, "! create", "kzlib/kzlib", 1370);
   ErrorContext *record = RecordPendingError(context);
-  if (!record) kzassert_("err != NULL", "kzlib/kzlib", 1515);
+  KZ_CHECK(record != nullptr, "err != NULL", "kzlib/kzlib", 1515);
   record->file = context->file;
   record->line = context->line;
   record->module = context->module;
@@ -266,7 +266,7 @@ KZ_API const char *KZErrorLocation(uint32_t *line) {
 KZ_API void *KZErrorSave(void) {
   MessageContext *context = Context();
   ErrorContext *record = RecordPendingError(context);
-  if (!record) kzassert_("err != NULL", "kzlib/kzlib", 1515);
+  KZ_CHECK(record != nullptr, "err != NULL", "kzlib/kzlib", 1515);
   record->next = context->saved;
   context->saved = record;
   context->error = nullptr;
@@ -275,8 +275,8 @@ KZ_API void *KZErrorSave(void) {
 
 KZ_API void KZErrorRestore(void) {
   MessageContext *context = ContextIfAny();
-  if (!(context != nullptr && context->saved != nullptr))
-    kzassert_("context != NULL && context->saved != NULL", "kzlib/kzlib", 1619);
+  KZ_CHECK(context != nullptr && context->saved != nullptr, "context != NULL && context->saved != NULL", "kzlib/kzlib",
+           1619);
   if (context->error) {
     context->error->next = context->freeList;
     context->freeList = context->error;

@@ -406,8 +406,7 @@ KZ_API void KZLibInit(const char *path) {
 
 KZ_API int KZLibInitAddHandler(KZLibInitHandler handler) {
   LazyLockGuard hold(GlobalLock());
-  if (!(g_handlerCount < KZLIB_INIT_MAX_HANDLERS))
-    kzassert_("kzlibInitHandlersCount < KZLIB_INIT_MAX_HANDLERS", kFile, 604);
+  KZ_CHECK(g_handlerCount < KZLIB_INIT_MAX_HANDLERS, "kzlibInitHandlersCount < KZLIB_INIT_MAX_HANDLERS", kFile, 604);
   g_handlers[g_handlerCount] = handler;
   return static_cast<int>(g_handlerCount++);
 }

@@ -66,7 +66,7 @@ KZ_API void *AllocateAligned_(size_t size, size_t alignment, void **aligned, con
                               uint32_t line) {
   void *block = Allocate_(size, nullptr, file, line);
   // Checked after the allocation, as programs have always seen it.
-  if (alignment == 0) kzassert_("align > 0", "kzlib/kzlib", 4335);
+  KZ_CHECK(alignment > 0, "align > 0", "kzlib/kzlib", 4335);
   uintptr_t address = reinterpret_cast<uintptr_t>(block);
   if (address % alignment == 0) {
     *aligned = block;

@@ -51,8 +51,7 @@ thread_local MessageContext *t_context = nullptr;
 }
 
 void DestroyContext(MessageContext *context) {
-  if (context->error && context->error->next != nullptr)
-    kzassert_("context->error->next == NULL", "kzlib/kzlib", 1292);
+  if (context->error) KZ_CHECK(context->error->next == nullptr, "context->error->next == NULL", "kzlib/kzlib", 1292);
   free(context->error);
   for (ErrorContext *record = context->saved; record;) {
     ErrorContext *next = record->next;

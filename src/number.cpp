@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 
+#include "internal/context.h"
 #include "kz/message.h"
 
 namespace {
@@ -55,7 +56,7 @@ static_assert(kSafeDigits.count[10] == 19 && kSafeDigits.count[16] == 16 && kSaf
               kSafeDigits.count[36] == 12);
 
 inline void CheckBase(int base) {
-  if (!(base > 1 && base < 37)) kzassert_("base > 1 && base < 37", "kzlib/kzlib", __LINE__);
+  KZ_CHECK(base > 1 && base < 37, "base > 1 && base < 37", "kzlib/kzlib", __LINE__);
 }
 
 inline unsigned DigitOf(char c) { return kDigits.value[static_cast<unsigned char>(c)]; }

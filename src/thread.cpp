@@ -156,7 +156,7 @@ void *ThreadMain(void *argument) {
 
   {
     LazyLockGuard hold(ResultsLock());
-    if (slot >= g_threadResults.count) kzassert_("slot < ArrayLength(threadResults)", kFile, 547);
+    KZ_CHECK(slot < g_threadResults.count, "slot < ArrayLength(threadResults)", kFile, 547);
     g_threadResults.elements[slot].id = os::ThreadId();
   }
 
@@ -164,9 +164,9 @@ void *ThreadMain(void *argument) {
 
   {
     LazyLockGuard hold(ResultsLock());
-    if (slot >= g_threadResults.count) kzassert_("slot < ArrayLength(threadResults)", kFile, 556);
+    KZ_CHECK(slot < g_threadResults.count, "slot < ArrayLength(threadResults)", kFile, 556);
     ThreadEntry &entry = g_threadResults.elements[slot];
-    if (entry.id != os::ThreadId()) kzassert_("ArrayNth(threadResults, slot).id == ThreadId()", kFile, 557);
+    KZ_CHECK(entry.id == os::ThreadId(), "ArrayNth(threadResults, slot).id == ThreadId()", kFile, 557);
     entry.finished = 1;
     if (!entry.detached)
       entry.result = result;
@@ -211,7 +211,7 @@ KZThread CreateThread(KZThreadFunction function, void *argument, uint32_t stackK
   }
 
   LazyLockGuard hold(ResultsLock());
-  if (slot >= g_threadResults.count) kzassert_("slot < ArrayLength(threadResults)", kFile, 657);
+  KZ_CHECK(slot < g_threadResults.count, "slot < ArrayLength(threadResults)", kFile, 657);
   ThreadEntry &entry = g_threadResults.elements[slot];
   entry.handle = handle;
   if (entry.detached && entry.finished) entry.free = 1;  // it ended before we got here
@@ -270,11 +270,11 @@ KZ_API int64_t ThreadJoin(KZThread thread) {
   int64_t result;
   {
     LazyLockGuard hold(ResultsLock());
-    if (exitValue >= g_threadResults.count) kzassert_("result < ArrayLength(threadResults)", kFile, 717);
+    KZ_CHECK(exitValue < g_threadResults.count, "result < ArrayLength(threadResults)", kFile, 717);
     ThreadEntry &entry = g_threadResults.elements[exitValue];
-    if (entry.handle != thread) kzassert_("ArrayNth(threadResults, result).handle == t", kFile, 718);
-    if (entry.free) kzassert_("!ArrayNth(threadResults, result).free", kFile, 719);
-    if (entry.detached) kzassert_("!ArrayNth(threadResults, result).detached", kFile, 720);
+    KZ_CHECK(entry.handle == thread, "ArrayNth(threadResults, result).handle == t", kFile, 718);
+    KZ_CHECK(!entry.free, "!ArrayNth(threadResults, result).free", kFile, 719);
+    KZ_CHECK(!entry.detached, "!ArrayNth(threadResults, result).detached", kFile, 720);
     result = entry.result;
     entry.free = 1;
   }

@@ -87,7 +87,7 @@ KZ_API int VMArrayInit_(void *array);
  * zero the record; returns 0. */
 KZ_API int VMArrayFree_(void *array, size_t eltSize);
 /* Grow by one step; the mapping keeps its contents. A mapping failure is the
- * level 4 report "memory map failed: ptr=%p size=%lu" (exit status 1). */
+ * level 4 (KZ_LEVEL_EXIT) report "memory map failed: ptr=%p size=%lu" (exit status 1). */
 KZ_API void *VMArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t line);
 KZ_API void VMArrayCopy_(void *destination, size_t destinationEltSize, const void *source,
                          size_t sourceEltSize, const char *file, uint32_t line);

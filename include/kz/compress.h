@@ -13,7 +13,7 @@
  *
  * Failures that zlib reports other than the inflate results listed below
  * (initialisation, reset, end, setting a dictionary, a stream error) are fatal:
- * "zlib error <result> : <zlib's message or (no msg)>" at message level 5, then
+ * "zlib error <result> : <zlib's message or (no msg)>" at message level 5 (KZ_LEVEL_FATAL), then
  * abort. In particular, inflating data made with a preset dictionary on an
  * object whose dictionary is a different one is fatal. Running out of memory
  * is the fatal "malloc failed" report (zlib allocates through the library).

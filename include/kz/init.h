@@ -27,10 +27,10 @@
  *   invalidparameterstack          KZLibGetInvalidParameterStack
  *   invalidparameterhalt           KZLibGetInvalidParameterHalt
  *   nosync                         skip flushes to disk (KZLibGetSyncOff); a
- *                                  level 3 message says so
+ *                                  level 3 (KZ_LEVEL_ERROR) message says so
  *   debug, debugmalloc, third      accepted, no effect
- * Any other token is reported at level 2 ("ignored KZ option '<token>'").
- * GDB set in the environment also sets KZ_FLAG_DEBUGGER (with a level 3
+ * Any other token is reported at level 2 (KZ_LEVEL_LOG) ("ignored KZ option '<token>'").
+ * GDB set in the environment also sets KZ_FLAG_DEBUGGER (with a level 3 (KZ_LEVEL_ERROR)
  * hint). KZ_HANDLER_GRACE_TIME (decimal seconds, at most 4294967295, default
  * 30, 0 for no limit) bounds the time the crash handler may take. KZ_DEBUGGER
  * names the debugger program started on a crash when KZ_FLAG_DEBUGGER is set
@@ -125,7 +125,7 @@ KZ_API char *KZExecutable(char *buffer, size_t size);
 
 /* Directory receiving CRASH-<pid>.DMP and ERRORLOG-<pid>.TXT (null or empty:
  * "."). KZLibInit sets "." during its once-only start-up, so call this after
- * it. 1, or 0 (error (2, 1)) when the directory name is too long. */
+ * it. 1, or 0 (error KZ_ERR_INVALID) when the directory name is too long. */
 KZ_API int KZRunProtectedSetPath(const char *directory);
 
 KZ_END_DECLS

@@ -10,7 +10,7 @@
  * release it as many times. Conditions release the caller's mutex once while
  * they wait, so wait only while holding it once.
  *
- * Failures of the system's primitives are fatal messages (level 5, with the
+ * Failures of the system's primitives are fatal messages (KZ_LEVEL_FATAL, with the
  * system error) unless stated otherwise at the function.
  */
 #ifndef KZ_LOCK_H
@@ -54,7 +54,7 @@ KZ_API void MutexUnlock(KZMutex *mutex);
 /* ---- recursive mutexes -------------------------------------------------------
  * A system mutex whose every operation is checked: a failure (for example an
  * unlock by a thread that does not hold it) sets errno to -1 and exits the
- * process through a level 4 message "mutex operation failed" with the system
+ * process through a level 4 (KZ_LEVEL_EXIT) message "mutex operation failed" with the system
  * error (kzlib/kzthread:895). Static variables start at
  * KZ_RECURSIVE_MUTEX_INITIALIZER and are created on first lock. */
 typedef struct KZRecursiveMutexHandle *KZRecursiveMutex;

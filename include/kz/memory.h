@@ -1,7 +1,7 @@
 /* kzlib: checked allocation, anonymous mappings, page helpers and pools.
  *
  * The checked allocators make running out of memory fatal: they report
- * "malloc failed: ptr=0x%p size=%lu" at message level 5 with the caller's file
+ * "malloc failed: ptr=0x%p size=%lu" at message level 5 (KZ_LEVEL_FATAL) with the caller's file
  * and line (plus the process memory counters for requests over 8192 bytes) and
  * abort, so callers never test for null. AllocateUnsafe_ alone returns null.
  * Every block handed out is released with the C library's free().
@@ -85,7 +85,7 @@ KZ_API int MemoryLoad(const void *address, size_t length);
 KZ_API int MemoryLock(void *address, size_t length);
 KZ_API int MemoryUnlock(void *address, size_t length);
 /* mode bit 1 readable, bit 2 writable; mode 2 alone is refused ("invalid
- * mode", error (2, 0)). 1 on success, 0 on failure. */
+ * mode", error KZ_ERR_GENERAL). 1 on success, 0 on failure. */
 KZ_API int MemoryProtectEx(void *address, size_t length, int mode);
 KZ_API int MemoryProtect(void *address, size_t length, int readOnly);
 KZ_API int MemoryDisable(void *address, size_t length);
@@ -142,8 +142,12 @@ KZ_API void *LocalCPoolGet_(KZLocalPool *pool);
 #define LocalCPoolPut(pool, object) LocalCPoolPut_((pool), (object), __FILE__, __LINE__)
 #define LocalCPoolGet(pool) LocalCPoolGet_(pool)
 
-/* ---- inert debugging entry points (kept so debugging builds link) ------- */
+/* ---- inert debugging entry points ------------------------------------------
+ * Programs written for the library's debugging allocator call these; this build
+ * has no debugging allocator, so each is inert and says so in its result. None
+ * touches its arguments or records an error. */
 
+/* Do nothing. */
 KZ_API void DEBUG_MALLOC_DUMP(void);
 KZ_API void DEBUG_MALLOC_DUMP_INFO(void);
 KZ_API void DEBUG_MALLOC_DUMP_SORTED(void);
@@ -152,20 +156,34 @@ KZ_API void DEBUG_MALLOC_DUMP_SORTED_SIZE2(void);
 KZ_API void DEBUG_MALLOC_FREE_SORTED_SIZE2(void);
 KZ_API void DEBUG_MALLOC_LOCK(void);
 KZ_API void DEBUG_MALLOC_UNLOCK(void);
+/* No prefetch is issued; the memory is not read. */
 KZ_API void MemoryPrefetch(const void *address, size_t length);
+/* The allocator has no core hook: the hook is ignored. */
 KZ_API void KZSetMoreCoreHook(void *hook);
 KZ_API void KZResetMoreCoreHook(void);
+/* Nothing is ever allocated by VMapAlloc, so there is nothing to free. */
 KZ_API void VMapFree(void *address);
+
+/* Heap checks report a healthy heap: return 1. */
 KZ_API int DEBUG_MALLOC_CHECK(void);
 KZ_API int DEBUG_MALLOC_CHECK_BLOCK(void *block);
+/* Paging advice is accepted and ignored: returns 1 ("done") whatever the
+ * advice, so callers that treat 0 as failure go on. */
 KZ_API int MemoryAdvise(void *address, size_t length, int advice);
+
+/* Return 0: debugging is off, no fault is pending. */
 KZ_API int DEBUG_MALLOC_ENABLED(void);
 KZ_API int DEBUG_MALLOC_FAULT(void);
+/* Return null: no block is known to the (absent) debugging allocator. */
 KZ_API void *DEBUG_MALLOC_FIND_BLOCK_START(void *address);
 KZ_API void *DEBUG_MALLOC_DUMP_SORTED_SIZE2_DIFF(void);
+/* Virtual-map blocks are not available: VMapAlloc and VMapRealloc return null
+ * (no error recorded, errno untouched); use MemoryMap_ / the virtual-memory
+ * arrays for page-backed memory. */
 KZ_API void *VMapAlloc(size_t size);
 KZ_API void *VMapRealloc(void *address, size_t oldSize, size_t newSize);
-/* Emits "No malloc debugging info available" at level 1; returns 0. */
+/* Emits "No malloc debugging info available" at KZ_LEVEL_INFO (location
+ * "kzlib/debugmalloc:1849"); returns 0. */
 KZ_API int DEBUG_MALLOC_CHAIN(void);
 
 KZ_END_DECLS

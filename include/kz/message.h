@@ -2,12 +2,15 @@
  *
  * A calling macro stores the caller's location, a level and a with-error flag
  * in the thread's message context, then KZMessage_ formats the text and hands
- * it to the installed handler. Levels:
- *   0, 1  output stream, no prefix
- *   2     output stream, "[YYYY/MM/DD-hh:mm:ss] "
- *   3     error stream, time stamp, "<program>: ", "\"<file>:<line>\": "
- *   4     as 3, then the error stack is printed and the process exits with 1
- *   5     as 3, then the error stack is printed and the process aborts
+ * it to the installed handler. Levels (named by the KZ_LEVEL_* constants below):
+ *   0, 1  output stream, no prefix                       KZ_LEVEL_DEBUG, KZ_LEVEL_INFO
+ *   2     output stream, "[YYYY/MM/DD-hh:mm:ss] "        KZ_LEVEL_LOG
+ *   3     error stream, time stamp, "<program>: ",
+ *         "\"<file>:<line>\": "                          KZ_LEVEL_ERROR
+ *   4     as 3, then the error stack is printed and the
+ *         process exits with 1                           KZ_LEVEL_EXIT
+ *   5     as 3, then the error stack is printed and the
+ *         process aborts                                 KZ_LEVEL_FATAL
  * A format beginning with ':' suppresses the location at levels 3 and above.
  * Every line ends with CR LF. Lines from different threads never interleave.
  *
@@ -22,6 +25,14 @@
 #include "kz/base.h"
 
 KZ_BEGIN_DECLS
+
+/* Message levels. Plain numbers work the same; the names say what a level does. */
+#define KZ_LEVEL_DEBUG 0 /* output stream, no prefix */
+#define KZ_LEVEL_INFO 1  /* output stream, no prefix */
+#define KZ_LEVEL_LOG 2   /* output stream, time-stamped */
+#define KZ_LEVEL_ERROR 3 /* error stream, time stamp, program and location; returns */
+#define KZ_LEVEL_EXIT 4  /* as KZ_LEVEL_ERROR, prints the error stack, exits with status 1 */
+#define KZ_LEVEL_FATAL 5 /* as KZ_LEVEL_ERROR, prints the error stack, aborts */
 
 typedef void (*KZMessageHandler)(const char *file, uint32_t line, int level, uint32_t withError,
                                  const char *format, va_list args);
@@ -71,7 +82,7 @@ KZ_API void KZAssertSetVerbosity(int flag);
 /* Bit 0x200 of the flag word as 0 or 1. */
 KZ_API int KZAssertGetVerbosity(void);
 
-/* Process titles are not supported: raises (2, 6) "not supported", returns 0. */
+/* Process titles are not supported: raises KZ_ERR_NOT_SUPPORTED "not supported", returns 0. */
 KZ_API int KZSetProcessTitle(const char *title);
 /* "<program>: <name>" (or the program name alone) passed to KZSetProcessTitle. */
 KZ_API int KZSetProcessName(const char *name);

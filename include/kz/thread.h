@@ -56,9 +56,9 @@ typedef void (*KZThreadVarDestructor)(void *value);
  * KiB (0: the default; smaller than the system's minimum: the minimum). The
  * thread's name is "<file>:<line>". Returns the thread, to be joined with
  * ThreadJoin or released with ThreadDetach.
- * A stack of 1000000 KiB or more is reported at level 3 ("creating thread with
+ * A stack of 1000000 KiB or more is reported at level 3 (KZ_LEVEL_ERROR) ("creating thread with
  * a stack size of %u KB") and the thread is still created. A failure to start
- * the thread is fatal: level 4 "thread creation failed, errno=%d". */
+ * the thread is fatal: level 4 (KZ_LEVEL_EXIT) "thread creation failed, errno=%d". */
 KZ_API KZThread ThreadCreate_(KZThreadFunction function, void *argument, uint32_t stackKiB,
                               const char *file, uint32_t line);
 /* As ThreadCreate_ for a thread nobody joins: its entry is freed when it
@@ -74,7 +74,7 @@ KZ_API void SetThreadCreateHooks(KZThreadCreateHook hook);
 
 /* Wait for the thread and return exactly the value its function returned;
  * the thread's entry is then free. A failing wait (an unknown thread, the
- * calling thread itself) is fatal: level 4 "thread operation failed".
+ * calling thread itself) is fatal: level 4 (KZ_LEVEL_EXIT) "thread operation failed".
  * A library thread's exit value, as the system reports it, is its entry's
  * index; an exit value of all ones (a cancelled thread) is returned as the
  * result (-1) without looking at the table. Any other thread is not joined
@@ -121,7 +121,7 @@ KZ_API int ThreadOnce(int32_t *state, void (*function)(void));
 /* A new thread-variable slot, null in every thread. The destructor (or null)
  * is called with a thread's value when a library thread ends, and by
  * ThreadCleanup (see the end-of-thread steps above). Running out of slots is
- * fatal: level 4 "TlsAlloc failed". */
+ * fatal: level 4 (KZ_LEVEL_EXIT) "TlsAlloc failed". */
 KZ_API KZThreadVar ThreadVarCreate(KZThreadVarDestructor destructor);
 /* The calling thread's value (null when never set). */
 KZ_API void *ThreadVarGet(KZThreadVar slot);

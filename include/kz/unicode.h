@@ -28,7 +28,7 @@
  *
  * Failures (result 0; the values converted before the fault stay in the
  * array, count includes them, and no terminator is written):
- *   - invalid UTF-8: error 0x200000003 (KZ_ERR_PROTOCOL) "Invalid UTF-8
+ *   - invalid UTF-8: error KZ_ERR_PROTOCOL "Invalid UTF-8
  *     sequence", module "kzlib", file "kzlib/unicode/unicode", function
  *     "ReadUTF8Inline" ("ReadUTF8_32" for UCS4Encode);
  *   - a lead byte F0-FF in UCS2Encode or ISO88591Encode: the same code and

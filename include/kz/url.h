@@ -16,7 +16,7 @@
  * scheme table so that names and ports can be looked up.
  *
  * Parse failures are recorded in the thread's error record (kz/error.h) with
- * code 0x200000000 and one of the texts "unsupported scheme", "relative url
+ * code KZ_ERR_GENERAL and one of the texts "unsupported scheme", "relative url
  * without base", "invalid scheme", "invalid authority", "missing authority",
  * "invalid absolute path", "invalid relative path", "invalid query" and
  * "invalid fragment".

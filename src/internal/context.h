@@ -9,6 +9,21 @@
 
 #include "kz/array.h"
 #include "kz/error.h"
+#include "kz/message.h"
+
+// Locations in assertion and error reports, such as "kzlib/kzthread:1370", are
+// fixed identifiers that programs and their log scanners match on. They are
+// not lines of our files and never move when the code does.
+//
+// KZ_CHECK(condition, text, file, line) reports a failed condition as an
+// assertion with its fixed text and location (raw write, abort hook, abort).
+// The condition is written once, the way it must hold; the text is the one
+// programs have always seen, so it is spelled out rather than derived.
+#define KZ_CHECK(condition, text, file, line) \
+  do {                                        \
+    if (!(condition)) [[unlikely]]            \
+      kzassert_(text, file, line);            \
+  } while (0)
 
 namespace kz {
 
