@@ -171,6 +171,9 @@ KZ_API uint64_t KZRandULong(KZRand *state) {
 KZ_API int64_t KZRandLong(KZRand *state) { return static_cast<int64_t>(KZRandULong(state)); }
 
 KZ_API int64_t KZRandZipf(KZRand *state, double s) {
+  // s = 1 divides by zero below and never accepts a draw; s <= 0 and NaN
+  // describe no distribution. Written so that NaN fails too.
+  if (!(s > 0 && s != 1)) kzassert_("s > 0 && s != 1", kFile, __LINE__);
   const double b = pow(2.0, s - 1.0);
   double x;
   for (;;) {
