@@ -12,7 +12,9 @@
 //   - URLNormalize is idempotent, except where its own rules leave more work
 //     for a second pass: a lone "?" left by trimming "&" (dropped only by the
 //     full rule), and a default document exposed by removing the trailing "/".
-//     Normalisation still reaches a fixed point within three more passes.
+//     Normalisation still reaches a fixed point within three more passes;
+//   - normalising a record into itself (full or not) stores what normalising
+//     it into another record does.
 // Failures must leave a record URLFree can release (the leak checker sees the
 // rest).
 
@@ -43,6 +45,15 @@ std::string Print(const URL &url) {
 
 std::string Component(const UByteArray &a) {
   return a.count ? std::string(reinterpret_cast<const char *>(a.elements), a.count - 1) : std::string();
+}
+
+// Every component as stored, the counts of empty ones included.
+std::string Stored(const URL &url) {
+  std::string all = std::to_string(url.u_scheme) + " " + std::to_string(url.u_port);
+  for (const UByteArray *a : {&url.u_user, &url.u_host, &url.u_path, &url.u_query, &url.u_fragment})
+    all += " " + std::to_string(a->count) + ":" +
+           (a->count ? std::string(reinterpret_cast<const char *>(a->elements), a->count) : "");
+  return all;
 }
 
 bool IsDottedName(const std::string &host) {
@@ -101,6 +112,13 @@ void CheckParsed(URL &url, int strict, int eightBit, const std::string &text) {
     previous = next;
   }
   Require(fixed, "normalisation reaches a fixed point", text);
+
+  for (int full : {1, 0}) {
+    URLNormalize2(&n1, &url, full);
+    URLCopy(&n2, &url);
+    URLNormalize2(&n2, &n2, full);
+    Require(Stored(n2) == Stored(n1), "normalising in place equals normalising into another record", text);
+  }
   URLFree(&n1);
   URLFree(&n2);
 }

@@ -10,6 +10,7 @@
 
 #include "internal/array_view.h"
 #include "internal/context.h"
+#include "kz/error.h"
 #include "kz/memory.h"
 #include "kz/message.h"
 
@@ -162,6 +163,11 @@ KZ_API int32_t CompressInflate(KZCompress *c, const void *input, uint32_t length
       case Z_NEED_DICT:
         if (!c->dictionary) return -4;
         result = inflateSetDictionary(&stream, static_cast<const Bytef *>(c->dictionary), c->dictionaryLength);
+        if (result == Z_DATA_ERROR) {  // not the stream's dictionary: bad input, and the next reset recovers
+          KZ_THROW_AT(kFile, 177, "CompressInflate", KZ_ERR_PROTOCOL, "zlib error %d : %s", result,
+                      stream.msg ? stream.msg : "incorrect dictionary");
+          return -4;
+        }
         Check(result, 177, "CompressInflate", stream);
         continue;
       default:

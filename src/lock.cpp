@@ -67,7 +67,7 @@ void ConditionInit_(KZCondition *condition) {
 class Deadline {
  public:
   explicit Deadline(uint32_t timeout)
-      : infinite_(timeout == KZ_WAIT_INFINITE), end_(kz::os::MonotonicMillis() + timeout) {}
+      : infinite_(timeout == KZ_WAIT_INFINITE), end_(infinite_ ? 0 : kz::os::MonotonicMillis() + timeout) {}
   uint32_t Remaining() const {
     if (infinite_) return KZ_WAIT_INFINITE;
     uint64_t now = kz::os::MonotonicMillis();
@@ -90,14 +90,31 @@ __attribute__((always_inline)) inline void WaitThenRead(Lock *lock) {
   lock->state++;
 }
 
+// Lets in those that waiting writers kept out: every reader, and on the
+// upgradable lock one would-be upgradable holder.
+void WakeHeldBack(KZRWLock *lock) { ConditionBroadcast(&lock->readersCondition); }
+void WakeHeldBack(KZRWULock *lock) {
+  ConditionBroadcast(&lock->readersCondition);
+  ConditionSignal(&lock->upgradableCondition);
+}
+
+// False when the time ran out (nothing held). A writer that gives up was
+// keeping readers out; when no other writer waits or holds the lock, no
+// release would let them in, so it does.
 template <typename Lock>
-__attribute__((always_inline)) inline void WaitThenWrite(Lock *lock) {
+__attribute__((always_inline)) inline bool WaitThenWrite(Lock *lock, uint32_t timeout) {
+  Deadline deadline(timeout);
   while (lock->state != 0) {
     lock->waitingWriters++;
-    ConditionWait(&lock->writersCondition, &lock->lock);
+    int woken = ConditionTimedWait(&lock->writersCondition, &lock->lock, deadline.Remaining());
     lock->waitingWriters--;
+    if (!woken) {
+      if (lock->waitingWriters == 0 && lock->state >= 0) WakeHeldBack(lock);
+      return false;
+    }
   }
   lock->state = -1;
+  return true;
 }
 
 }  // namespace
@@ -275,26 +292,15 @@ KZ_API int RWLockAcquireReadTimeout(KZRWLock *lock, uint32_t timeout) {
 
 KZ_API void RWLockAcquireWrite_(KZRWLock *lock, const char *file, uint32_t line) {
   kz::os::CriticalSectionEnter(MutexInit_(&lock->lock, file, line));
-  WaitThenWrite(lock);
+  WaitThenWrite(lock, KZ_WAIT_INFINITE);
   MutexUnlock(&lock->lock);
 }
 
 KZ_API int RWLockAcquireWriteTimeout(KZRWLock *lock, uint32_t timeout) {
-  Deadline deadline(timeout);
   MutexLock(&lock->lock);
-  while (lock->state != 0) {
-    lock->waitingWriters++;
-    int woken = ConditionTimedWait(&lock->writersCondition, &lock->lock, deadline.Remaining());
-    lock->waitingWriters--;
-    if (!woken) {
-      // The readers this writer held back stay blocked until the next release.
-      MutexUnlock(&lock->lock);
-      return 0;
-    }
-  }
-  lock->state = -1;
+  const bool acquired = WaitThenWrite(lock, timeout);
   MutexUnlock(&lock->lock);
-  return 1;
+  return acquired ? 1 : 0;
 }
 
 KZ_API void RWLockRelease_(KZRWLock *lock, const char *file, uint32_t line) {
@@ -306,7 +312,7 @@ KZ_API void RWLockRelease_(KZRWLock *lock, const char *file, uint32_t line) {
     else
       ConditionSignal(&lock->writersCondition);
   } else {
-    if (!(lock->state > 0)) kzassert_("lock->state > 0", kFile, 1370);
+    KZ_CHECK(lock->state > 0, "lock->state > 0", kFile, 1370);
     lock->state--;
     if (lock->state == 0 && lock->waitingWriters > 0) ConditionSignal(&lock->writersCondition);
   }
@@ -343,7 +349,7 @@ KZ_API void RWULockAcquireRead(KZRWULock *lock) {
 
 KZ_API void RWULockAcquireWrite(KZRWULock *lock) {
   MutexLock(&lock->lock);
-  WaitThenWrite(lock);
+  WaitThenWrite(lock, KZ_WAIT_INFINITE);
   MutexUnlock(&lock->lock);
 }
 

@@ -24,6 +24,9 @@
 namespace {
 
 constexpr const char *kFile = "kzlib/crypto";
+// The Zipf exponent check has no historical location; this one is fixed so
+// that programs matching on it keep working when the code moves.
+constexpr uint32_t kZipfExponentLine = 1230;
 
 // How the process-wide generator got its state.
 enum Seeded : int { kNotSeeded = 0, kFromEntropy = 1, kByCaller = 2 };
@@ -172,6 +175,9 @@ KZ_API uint64_t KZRandULong(KZRand *state) {
 KZ_API int64_t KZRandLong(KZRand *state) { return static_cast<int64_t>(KZRandULong(state)); }
 
 KZ_API int64_t KZRandZipf(KZRand *state, double s) {
+  // s = 1 divides by zero below and never accepts a draw; s <= 0 and NaN
+  // describe no distribution. Written so that NaN fails too.
+  KZ_CHECK(s > 0 && s != 1, "s > 0 && s != 1", kFile, kZipfExponentLine);
   const double b = pow(2.0, s - 1.0);
   double x;
   for (;;) {

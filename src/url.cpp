@@ -870,6 +870,15 @@ KZ_API const char *URLPrint(UByteArray *out, const URL *url) {
 
 KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
   CheckScheme(static_cast<uint32_t>(source->u_scheme), 1170);
+  if (destination == source) {
+    // The rules below rebuild the destination while reading the source:
+    // normalise from a copy.
+    URL *copy = URLAcquire();
+    URLCopy(copy, source);
+    URLNormalize2(destination, copy, full);
+    URLRelease(copy);
+    return;
+  }
   if (!kSchemes[source->u_scheme].hierarchical) {
     URLCopy(destination, source);
     return;

@@ -148,6 +148,37 @@ TEST(RWLock, WaitingWriterHoldsBackNewReadersAndTimeoutsGiveUp) {
   RWLockRelease(&lock), RWLockDestroy(&lock);
 }
 
+// A writer that gives up while readers wait for it, with no other writer about,
+// lets them in: they get the lock well within their own limit. The case needs
+// every reader counted as waiting before the writer's limit ends; should the
+// readers arrive late, it is tried again with a longer limit.
+TEST(RWLock, ReadersHeldBackByAWriterThatGivesUpGetTheLock) {
+  constexpr uint32_t kReaders = 3;
+  bool heldBack = false;
+  for (uint32_t limit = 100; !heldBack && limit <= 6400; limit *= 2) {
+    KZRWLock lock = KZ_RWLOCK_INITIALIZER;
+    RWLockAcquireRead(&lock);  // keeps the writer waiting
+    std::atomic<bool> writerDone{false};
+    std::atomic<uint32_t> granted{0};
+    std::thread writer([&] { EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, limit), 0), writerDone = true; });
+    ASSERT_TRUE(Eventually([&] { return WaitingWriters(&lock) == 1 || writerDone; }));
+    std::vector<std::thread> readers;
+    for (uint32_t i = 0; i < kReaders; i++)
+      readers.emplace_back([&] {
+        if (RWLockAcquireReadTimeout(&lock, 10000) == 1) granted++, RWLockRelease(&lock);
+      });
+    // All counted at once: all held back by the writer (the only one).
+    ASSERT_TRUE(
+        Eventually([&] { return (heldBack = heldBack || Waiters(&lock.readersCondition) == kReaders) || writerDone; }));
+    writer.join();
+    for (std::thread &reader : readers) reader.join();
+    EXPECT_EQ(granted, kReaders) << "limit " << limit << (heldBack ? ", readers held back" : "");
+    EXPECT_EQ(Locked(&lock.lock, [&] { return Pair(lock.state, lock.waitingWriters); }), Pair(1, 0));
+    RWLockRelease(&lock), RWLockDestroy(&lock);
+  }
+  EXPECT_TRUE(heldBack) << "the readers never all waited before the writer gave up";
+}
+
 TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   KZRWULock lock = KZ_RWULOCK_INITIALIZER;
   RWULockAcquireRead(&lock), RWULockAcquireRead(&lock);  // two plain read holds

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <map>
 #include <string>
@@ -128,10 +129,37 @@ TEST(RandomZipf, OneIsTheMostFrequentValueAndNeverZero) {
   }
   KZRand state = Seeded(77 << 16);
   for (int i = 0; i < 20000; ++i) ASSERT_TRUE(KZRandZipf(nullptr, 2.0) >= 1 && KZRandZipf(&state, 0.5) >= 1);
-  Model m{StateOf(state)};  // below 0 the first round is kept: each call takes two steps of the given state
-  for (int i = 0; i < 100; ++i) ASSERT_TRUE(KZRandZipf(&state, -0.5) == 0 && KZRandZipf(&state, -1.0) == 1);
-  for (int i = 0; i < 400; ++i) m.Next();
-  EXPECT_EQ(StateOf(state), m.x);
+}
+
+// The sampler over the model: both draws of a round step the given state, and
+// values beyond the signed 64-bit range (s < 1 reaches them) are INT64_MAX.
+TEST(RandomZipf, RoundsDrawFromTheGivenStateAndSaturate) {
+  for (const auto &[s, saturates] : {std::pair{0.1, true}, std::pair{2.0, false}}) {  // 0.1: U^-11, often huge
+    KZRand state = Seeded(0x5EED0000ull);
+    Model m{StateOf(state)};
+    int saturated = 0;
+    for (int i = 0; i < 20000; ++i) {
+      double x, t, v;
+      do {
+        x = floor(pow(m.Next() / 4294967296.0, -1.0 / s - 1.0));
+        t = pow(1.0 + 1.0 / x, s - 1.0), v = m.Next() / 4294967296.0;
+      } while (v * x * (t - 1.0) / (pow(2.0, s - 1.0) - 1.0) > t / pow(2.0, s - 1.0));
+      const int64_t expected = x >= 9223372036854775808.0 ? INT64_MAX : static_cast<int64_t>(x);
+      saturated += expected == INT64_MAX;
+      ASSERT_EQ(KZRandZipf(&state, s), expected) << s << " draw " << i;
+    }
+    EXPECT_EQ(StateOf(state), m.x);
+    EXPECT_EQ(saturated > 0, saturates) << s;
+  }
+}
+
+// s = 1 would divide by zero and never accept a draw; s <= 0 and NaN sample
+// nothing meaningful. The assertion comes before any draw.
+TEST(RandomZipfDeathTest, ExponentsThatCannotBeSampled) {
+  for (double s : {1.0, 0.0, -0.5, std::nan("")}) {
+    KZRand state = Seeded(1 << 16);
+    EXPECT_DEATH(KZRandZipf(&state, s), "^'s > 0 && s != 1' failed at kzlib/crypto:1230\n") << s;
+  }
 }
 
 }  // namespace

@@ -234,12 +234,16 @@ TEST(UrlNormalize, Rules) {
       {"http://h/x/default.asp?y", "http://h/x/?y", "http://h/x/default.asp?y"},
       {"http://h/x/default.aspx", "http://h/x/default.aspx", "http://h/x/default.aspx"},
       {"http://h/x/?a=1&&", "http://h/x/?a=1", "http://h/x/?a=1"}, {"http://h/x/?&", "http://h/x/?", "http://h/x/?"},
-      {"http://h/x/?", "http://h/x", "http://h/x/?"}, {"http://h///", "http://h/", "http://h///"}};
+      {"http://h/x/?", "http://h/x", "http://h/x/?"}, {"http://h///", "http://h/", "http://h///"},
+      {"HTTP://Example.COM:80/a/./b/../c?x=1", "http://example.com/a/c?x=1", "http://example.com/a/c?x=1"}};
   for (const auto &c : cases) for (int full : {1, 0}) {
-    Url url(c[0]), out;
+    Url url(c[0]), out, self(c[0]);
     URLNormalize2(&out, &url, full);
     EXPECT_EQ(out.u_fragment.count, 0u);
     EXPECT_EQ(Print(&out), c[full ? 1 : 2]) << c[0] << " full " << full;
+    // Into itself, through both entry points: the same record as into another one.
+    full ? URLNormalize(&self, &self) : URLNormalize2(&self, &self, 0);
+    EXPECT_EQ(Stored(self), Stored(out)) << c[0] << " in place, full " << full;
   }
 }
 
@@ -254,6 +258,8 @@ TEST(UrlNormalize, Latin1CasingOtherSchemesAndBrokenSources) {
   mail.u_scheme = SCHEME_MAILTO;
   URLNormalize(&out, &mail);  // copied unchanged: the fragment stays
   EXPECT_EQ(Text(out.u_fragment), "#f");
+  URLNormalize(&mail, &mail);
+  EXPECT_EQ(Stored(mail), Stored(out));
   EXPECT_DEATH((url.u_path.elements[0] = 'x', URLNormalize(&out, &url)), "ArrayNth\\(src->u_path, 0\\) == '/'");
   EXPECT_DEATH((url.u_query.elements[0] = 'x', URLNormalize(&out, &url)), "ArrayNth\\(src->u_query, 0\\) == '\\?'");
 }

@@ -12,11 +12,12 @@
  * at the first CompressDeflate of an object made for inflating.
  *
  * Failures that zlib reports other than the inflate results listed below
- * (initialisation, reset, end, setting a dictionary, a stream error) are fatal:
- * "zlib error <result> : <zlib's message or (no msg)>" at message level 5 (KZ_LEVEL_FATAL), then
- * abort. In particular, inflating data made with a preset dictionary on an
- * object whose dictionary is a different one is fatal. Running out of memory
- * is the fatal "malloc failed" report (zlib allocates through the library).
+ * (initialisation, reset, end, a stream error, any other refusal of a
+ * dictionary) are fatal: "zlib error <result> : <zlib's message or (no msg)>"
+ * at message level 5 (KZ_LEVEL_FATAL), then abort. Input never is: data made with a preset
+ * dictionary other than the object's is corrupt input (-4 from
+ * CompressInflate). Running out of memory is the fatal "malloc failed" report
+ * (zlib allocates through the library).
  *
  * The output array grows by the library's growth rule; a call that would make
  * it reach 2147483647 bytes is the assertion failure
@@ -53,8 +54,13 @@ KZ_API int32_t CompressDeflate(KZCompress *compress, const void *input, uint32_t
  *    0  the stream ended;
  *   -1  the input ended before the stream did (what was decompressed so far
  *       is appended);
- *   -4  corrupt data, or the stream needs a preset dictionary and none is set.
- * Note that success is 1 for CompressDeflate but 0 here. */
+ *   -4  corrupt data, or the stream needs a preset dictionary and none is set;
+ *       or the one set is not the stream's (zlib refuses it): then the thread's
+ *       error record holds KZ_ERR_PROTOCOL, "zlib error -3 : incorrect
+ *       dictionary" (zlib's message when it gives one) at kzlib/compress:177.
+ * Whatever was decompressed is appended in every case, and the object stays
+ * usable for the next call. Note that success is 1 for CompressDeflate but 0
+ * here. */
 KZ_API int32_t CompressInflate(KZCompress *compress, const void *input, uint32_t length, UByteArray *out);
 
 /* End the zlib state and free the object; null does nothing. */

@@ -142,8 +142,8 @@ KZ_API void RWLockAcquireRead_(KZRWLock *lock, const char *file, uint32_t line);
 KZ_API void RWLockAcquireWrite_(KZRWLock *lock, const char *file, uint32_t line);
 /* As above with a limit in milliseconds (KZ_WAIT_INFINITE: none): 1 when
  * acquired, 0 when the time ran out (nothing held then). A writer that gives
- * up does not wake the readers it held back: they go on at the next writer's
- * release. */
+ * up while no other writer waits or holds the lock wakes the readers it held
+ * back, so they do not wait for some later writer's release. */
 KZ_API int RWLockAcquireReadTimeout(KZRWLock *lock, uint32_t timeout);
 KZ_API int RWLockAcquireWriteTimeout(KZRWLock *lock, uint32_t timeout);
 /* Releases the calling thread's read or write hold. A writer's release lets

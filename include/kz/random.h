@@ -48,15 +48,14 @@ KZ_API uint64_t KZRandULong(KZRand *state);
 /* The KZRandULong value read as signed. */
 KZ_API int64_t KZRandLong(KZRand *state);
 
-/* A Zipf-like integer of at least 1 for exponent s > 1 (1 the most frequent
- * value) by rejection sampling: with b = 2^(s-1), draw U and V uniform in
- * [0, 1) from two steps, X = floor(U^(-1/s - 1)), T = (1 + 1/X)^(s-1), until
- * V * X * (T - 1) / (b - 1) <= T / b. The exponent -1/s - 1 (not the
- * -1/(s-1) of the textbook method) defines this library's distribution.
- * A value beyond the signed 64-bit range is returned as INT64_MAX.
- * For 0 < s < 1 values are at least 1 too; s = 1 and s = 0 never accept a
- * draw (the call does not return), -1 < s < 0 always returns 0 and s = -1
- * always 1. */
+/* A Zipf-like integer of at least 1 for exponent s > 0, s != 1 (1 the most
+ * frequent value) by rejection sampling: with b = 2^(s-1), draw U and V
+ * uniform in [0, 1) from two steps, X = floor(U^(-1/s - 1)),
+ * T = (1 + 1/X)^(s-1), until V * X * (T - 1) / (b - 1) <= T / b. The exponent
+ * -1/s - 1 (not the -1/(s-1) of the textbook method) defines this library's
+ * distribution. A value beyond the signed 64-bit range is returned as
+ * INT64_MAX. An exponent that cannot be sampled (s <= 0, s = 1, NaN) fails
+ * the assertion "s > 0 && s != 1" (kzlib/crypto) before any draw. */
 KZ_API int64_t KZRandZipf(KZRand *state, double s);
 
 /* Receives one entropy piece of length bytes (length > 0). */

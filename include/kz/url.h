@@ -126,12 +126,14 @@ KZ_API const char *URLPrint(UByteArray *out, const URL *url);
 /* ---- normalisation and identities -------------------------------------------------- */
 
 /* Writes the comparison form of source into destination (an initialised
- * record distinct from source): "." and ".." segments resolved, empty
- * user info and fragment, trailing "&" of the query removed. With full set
- * also: the path lower-cased (Latin-1), runs of "/" collapsed, a lone "?"
- * dropped, default documents (index.html, index.htm, index.asp, default.htm,
- * default.asp) removed, and a trailing "/" removed when there is no query.
- * Schemes without a hierarchy are copied unchanged. */
+ * record): "." and ".." segments resolved, empty user info and fragment,
+ * trailing "&" of the query removed. With full set also: the path lower-cased
+ * (Latin-1), runs of "/" collapsed, a lone "?" dropped, default documents
+ * (index.html, index.htm, index.asp, default.htm, default.asp) removed, and a
+ * trailing "/" removed when there is no query. Schemes without a hierarchy
+ * are copied unchanged. destination may be source: the record is then
+ * normalised in place (from a pooled copy), with the same result as into
+ * another record. URLNormalize is URLNormalize2 with full set. */
 KZ_API void URLNormalize2(URL *destination, const URL *source, int full);
 KZ_API void URLNormalize(URL *destination, const URL *source);
 
