@@ -329,7 +329,7 @@ bool MakeAbsolute(Text *out, const char *path, int *error) {
     size_t length = static_cast<size_t>(end - p);
     if (length == 0 || (length == 1 && p[0] == '.')) {
     } else if (length == 2 && p[0] == '.' && p[1] == '.') {
-      uint32_t keep = out->size();
+      uint32_t keep = out->size() - 1;  // past the separator that ends the last step
       while (keep > 1 && out->c_str()[keep - 1] != '/') keep--;
       out->Truncate(keep > 1 ? keep : 1);
     } else {
@@ -347,6 +347,10 @@ bool MakeAbsolute(Text *out, const char *path, int *error) {
   }
   return true;
 }
+
+// A backup move that failed only because there was nothing to move: the
+// target is missing (the backup's own directory being missing is a failure).
+bool NothingToBackUp(const char *target, int error) { return error == ENOENT && !os::Exists(target); }
 
 bool PlatformAbsolute(const char *name) { return name[0] == '/'; }
 
@@ -438,8 +442,12 @@ using namespace kz;
 KZ_API int FDSetInheritance(int fd, int inherit) {
   bool bad = false;
   int error = 0;
+  int before = errno;
   if (os::SetInheritance(fd, inherit != 0, &bad, &error)) return 1;
-  if (bad) return 0;
+  if (bad) {
+    errno = before;  // quietly: an invalid descriptor leaves no trace
+    return 0;
+  }
   os::FailWithError(error);
   Raise(__LINE__, "FDSetInheritance", "error disabling handle inheritance");
   return 0;
@@ -591,7 +599,7 @@ KZ_API int FileCopy(const char *source, const char *target, const char *backup) 
   if (!source || !*source) return 0;
   if (!CheckPath(source) || !CheckPath(target) || (backup && !CheckPath(backup))) return 0;
   int error = 0;
-  if (backup && !Move(target, backup, &error) && error != ENOENT) return SystemFailure(error, 0);
+  if (backup && !Move(target, backup, &error) && !NothingToBackUp(target, error)) return SystemFailure(error, 0);
   return os::Copy(source, target, false, &error) ? 1 : SystemFailure(error, 0);
 }
 
@@ -636,7 +644,7 @@ KZ_API int FileRename(const char *source, const char *target, const char *backup
   if (!source || !*source) return 0;
   if (!CheckPath(source) || !CheckPath(target) || (backup && !CheckPath(backup))) return 0;
   int error = 0;
-  if (backup && !Move(target, backup, &error) && error != ENOENT) {
+  if (backup && !Move(target, backup, &error) && !NothingToBackUp(target, error)) {
     os::FailWithError(error);
     Raise(__LINE__, "FileRename", "backup creation failed");
     return 0;
