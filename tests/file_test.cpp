@@ -306,6 +306,10 @@ TEST(FileRename, AcrossFileSystemsCopiesThenRemoves) {
   TempDir dir;
   OtherFileSystem other(dir);
   if (other.path().empty()) GTEST_SKIP() << "no second file system: tmpfs mount refused and /dev/shm is not one";
+  struct stat here, there;
+  ASSERT_EQ(stat(dir.path().c_str(), &here), 0);
+  ASSERT_EQ(stat(other.path().c_str(), &there), 0);
+  ASSERT_NE(here.st_dev, there.st_dev);
   std::string source = dir / "source", target = other.path() + "/target", backup = other.path() + "/target.bak";
   std::string payload(3 * 1048576 + 7, 'p');
   WriteText(source, payload);
