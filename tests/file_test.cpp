@@ -221,6 +221,9 @@ TEST(FileCopy, ReplacesTargetKeepsModeAndMakesBackup) {
   // No target yet: nothing to back up.
   ASSERT_EQ(FileCopy((dir / "source").c_str(), (dir / "second").c_str(), (dir / "second.bak").c_str()), 1);
   EXPECT_FALSE(std::filesystem::exists(dir / "second.bak"));
+  EXPECT_EQ(FileCopy((dir / "source").c_str(), (dir / "source").c_str(), nullptr), 0);  // onto itself
+  EXPECT_EQ(KZGetLastError(), EINVAL);
+  EXPECT_EQ(kztest::ReadFile(dir / "source"), "new content");
   EXPECT_EQ(FileCopy("", (dir / "x").c_str(), nullptr), 0);
   errno = 0;
   EXPECT_EQ(FileCopy((dir / "missing").c_str(), (dir / "x").c_str(), nullptr), 0);

@@ -131,7 +131,8 @@ KZ_API int FileHasAccess(const char *path, int mode);
 /* Copies source over target, replacing it (content, permission bits and last
  * write time). When backup is given, an existing target is first moved to
  * backup (a missing target needs no backup); a failed move gives 0 with
- * errno -1. A failed copy gives 0 with errno -1. Empty or null source: 0. */
+ * errno -1. A failed copy gives 0 with errno -1 and leaves no partial target;
+ * copying a file onto itself is refused (EINVAL). Empty or null source: 0. */
 KZ_API int FileCopy(const char *source, const char *target, const char *backup);
 
 /* Sets the file's length to size. With fill nonzero and a shorter file, the

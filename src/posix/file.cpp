@@ -174,6 +174,12 @@ bool Copy(const char *source, const char *target, bool flush, int *error) {
     close(in);
     return false;
   }
+  struct stat existing;
+  if (stat(target, &existing) == 0 && existing.st_dev == status.st_dev && existing.st_ino == status.st_ino) {
+    *error = EINVAL;  // a file copied onto itself would be cut to nothing first
+    close(in);
+    return false;
+  }
   int out = open(target, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, status.st_mode & 07777);
   if (out < 0) {
     *error = errno;
@@ -213,6 +219,7 @@ bool Copy(const char *source, const char *target, bool flush, int *error) {
   if (ok && flush && fsync(out) != 0) ok = Fail(error);
   if (close(out) != 0 && ok) ok = Fail(error);
   close(in);
+  if (!ok) unlink(target);  // the old content is gone already: leave no half copy
   return ok;
 }
 

@@ -51,7 +51,8 @@ bool HasAccess(const char *path, int mode, int *error);
 // rename(2): replaces an existing file.
 bool Rename(const char *source, const char *target, int *error);
 // Copies content, permission bits and last write time over target (replaced);
-// flushes the copy to disk when flush is set.
+// flushes the copy to disk when flush is set. A copy that fails after target
+// was opened removes target. Copying a file onto itself is EINVAL.
 bool Copy(const char *source, const char *target, bool flush, int *error);
 bool Exists(const char *path);
 bool IsDirectoryPath(const char *path);
