@@ -51,8 +51,8 @@ KZ_BEGIN_DECLS
 
 /* Sets (inherit nonzero) or clears the descriptor's inheritance by child
  * processes. 1 on success; an invalid descriptor gives 0 quietly (errno
- * unchanged); another failure sets errno -1, raises "error disabling handle
- * inheritance" and gives 0. */
+ * unchanged); another failure raises "error disabling handle inheritance"
+ * around the system error and gives 0. */
 KZ_API int FDSetInheritance(int fd, int inherit);
 
 /* The default flags: KZ_O_BINARY | KZ_O_NOINHERIT = 0x8080. */
@@ -309,15 +309,15 @@ KZ_API int FileLockRelease(FileLock *lock);
 
 /* ---- directory listing ------------------------------------------------- */
 
-/* Opens a directory for listing. Null with errno -1 and an error raised
- * ("cannot open directory <path>") when it cannot be opened; 22 for a path
- * that is not valid UTF-8. */
+/* Opens a directory for listing. Null with an error raised
+ * ("cannot open directory <path>") when it cannot be opened; errno 22 and no
+ * record for a path that is not valid UTF-8. */
 KZ_API void *DirectoryOpen(const char *path);
 
 /* The next entry, "." and ".." skipped, in the system's order: 1 with its
  * name in *name (replaced: count is its length, an uncounted NUL follows) and
  * its attributes as FileGetAttributes gives them in *attributes (may be null);
- * 0 at the end; -1 with errno -1 and an error raised on failure. An entry
+ * 0 at the end; -1 with an error raised on failure. An entry
  * that disappears before it can be queried is skipped. */
 KZ_API int DirectoryNext(void *dir, UByteArray *name, uint32_t *attributes);
 
