@@ -30,22 +30,22 @@ KZ_BEGIN_DECLS
 
 /* ---- open flags: the library's own bit values ------------------------- */
 
-#define KZ_O_RDONLY 0x0000     /* read only (no access bit) */
-#define KZ_O_WRONLY 0x0001     /* write only */
-#define KZ_O_RDWR 0x0002       /* read and write */
-#define KZ_O_APPEND 0x0008     /* every write goes to the end */
-#define KZ_O_RANDOM 0x0010     /* access hint: random */
+#define KZ_O_RDONLY     0x0000 /* read only (no access bit) */
+#define KZ_O_WRONLY     0x0001 /* write only */
+#define KZ_O_RDWR       0x0002 /* read and write */
+#define KZ_O_APPEND     0x0008 /* every write goes to the end */
+#define KZ_O_RANDOM     0x0010 /* access hint: random */
 #define KZ_O_SEQUENTIAL 0x0020 /* access hint: sequential */
-#define KZ_O_NOINHERIT 0x0080  /* not inherited by child processes (always added) */
-#define KZ_O_CREAT 0x0100      /* create when missing */
-#define KZ_O_TRUNC 0x0200      /* cut to length 0 */
-#define KZ_O_EXCL 0x0400       /* with KZ_O_CREAT: fail with EEXIST when it exists */
-#define KZ_O_BINARY 0x8000     /* binary mode (always added; no effect on POSIX) */
+#define KZ_O_NOINHERIT  0x0080 /* not inherited by child processes (always added) */
+#define KZ_O_CREAT      0x0100 /* create when missing */
+#define KZ_O_TRUNC      0x0200 /* cut to length 0 */
+#define KZ_O_EXCL       0x0400 /* with KZ_O_CREAT: fail with EEXIST when it exists */
+#define KZ_O_BINARY     0x8000 /* binary mode (always added; no effect on POSIX) */
 
 /* Access hints, the `hint` argument of the opening calls. */
-#define KZ_FILE_HINT_NONE 0
+#define KZ_FILE_HINT_NONE       0
 #define KZ_FILE_HINT_SEQUENTIAL 1
-#define KZ_FILE_HINT_RANDOM 2
+#define KZ_FILE_HINT_RANDOM     2
 
 /* ---- descriptors and streams ------------------------------------------- */
 
@@ -93,16 +93,15 @@ KZ_API void *FileMapFD(int fd, int readOnly, uint64_t *size, int *isEmpty);
 /* Opens directory/name (read-only 0x8080, otherwise read-write without
  * creation 0x8082, plus the hint's bits), maps it whole with FileMapFD and
  * closes the descriptor. A failed open gives null with the open's errno. */
-KZ_API void *FileMap(const char *directory, const char *name, int readOnly, uint64_t *size, int *isEmpty,
-                     int hint);
+KZ_API void *FileMap(const char *directory, const char *name, int readOnly, uint64_t *size, int *isEmpty, int hint);
 KZ_API void *FileMapRead(const char *directory, const char *name, uint64_t *size, int *isEmpty);
 KZ_API void *FileMapReadWrite(const char *directory, const char *name, uint64_t *size, int *isEmpty);
 
 /* The same for paths given as 16-bit units with their counts (no terminator
  * needed); directory and name are joined with '/', a null directory gives the
  * name alone. */
-KZ_API void *FileMapUCS2(const uint16_t *directory, uint32_t directoryLength, const uint16_t *name,
-                         uint32_t nameLength, int readOnly, uint64_t *size, int *isEmpty, int hint);
+KZ_API void *FileMapUCS2(const uint16_t *directory, uint32_t directoryLength, const uint16_t *name, uint32_t nameLength,
+                         int readOnly, uint64_t *size, int *isEmpty, int hint);
 KZ_API void *FileMapReadUCS2(const uint16_t *directory, uint32_t directoryLength, const uint16_t *name,
                              uint32_t nameLength, uint64_t *size, int *isEmpty);
 KZ_API void *FileMapReadWriteUCS2(const uint16_t *directory, uint32_t directoryLength, const uint16_t *name,
@@ -212,14 +211,14 @@ KZ_API int PathFindExecutable(UByteArray *out, const char *name);
 /* ---- attributes -------------------------------------------------------- */
 
 /* Attribute bits (the values of the descriptor layer's attribute word). */
-#define KZ_FILE_ATTRIBUTE_READONLY 0x00000001u  /* no write permission bit */
-#define KZ_FILE_ATTRIBUTE_HIDDEN 0x00000002u    /* base name starts with '.' */
+#define KZ_FILE_ATTRIBUTE_READONLY  0x00000001u /* no write permission bit */
+#define KZ_FILE_ATTRIBUTE_HIDDEN    0x00000002u /* base name starts with '.' */
 #define KZ_FILE_ATTRIBUTE_DIRECTORY 0x00000010u /* a directory, or a link to one */
-#define KZ_FILE_ATTRIBUTE_DEVICE 0x00000040u    /* character or block device */
-#define KZ_FILE_ATTRIBUTE_NORMAL 0x00000080u    /* a regular file, no other bit */
-#define KZ_FILE_ATTRIBUTE_LINK 0x00000400u      /* a symbolic link */
-#define KZ_FILE_ATTRIBUTE_FIFO 0x10000000u      /* a named pipe */
-#define KZ_FILE_ATTRIBUTE_SOCKET 0x20000000u    /* a socket */
+#define KZ_FILE_ATTRIBUTE_DEVICE    0x00000040u /* character or block device */
+#define KZ_FILE_ATTRIBUTE_NORMAL    0x00000080u /* a regular file, no other bit */
+#define KZ_FILE_ATTRIBUTE_LINK      0x00000400u /* a symbolic link */
+#define KZ_FILE_ATTRIBUTE_FIFO      0x10000000u /* a named pipe */
+#define KZ_FILE_ATTRIBUTE_SOCKET    0x20000000u /* a socket */
 
 /* What FileGetAttributes reports. The object itself is queried: for a
  * symbolic link, size, times, device and inode are the link's; the type bits
@@ -227,13 +226,13 @@ KZ_API int PathFindExecutable(UByteArray *out, const char *name);
  * so a link to a directory carries DIRECTORY | LINK. Times are milliseconds
  * since 1970-01-01 00:00 UTC. */
 typedef struct KZFileAttributes {
-  uint32_t attributes;   /* KZ_FILE_ATTRIBUTE_* bits */
-  uint32_t mode;         /* the system's mode word (type and permission bits) */
-  uint64_t size;         /* bytes */
-  int64_t lastModified;  /* last write */
-  int64_t lastAccessed;  /* last access */
-  int64_t lastChanged;   /* last status change (st_ctime) */
-  uint64_t device;       /* device and inode identify the object */
+  uint32_t attributes;  /* KZ_FILE_ATTRIBUTE_* bits */
+  uint32_t mode;        /* the system's mode word (type and permission bits) */
+  uint64_t size;        /* bytes */
+  int64_t lastModified; /* last write */
+  int64_t lastAccessed; /* last access */
+  int64_t lastChanged;  /* last status change (st_ctime) */
+  uint64_t device;      /* device and inode identify the object */
   uint64_t inode;
 } KZFileAttributes;
 
@@ -277,10 +276,10 @@ KZ_API int FileWriteCArray(FILE *stream, const void *data, unsigned int elementS
 /* A held lock file. The fields are the library's; read them, never change
  * them. */
 typedef struct FileLock {
-  char path[260];   /* the lock file's name */
-  int exclusive;    /* nonzero for an exclusive lock */
-  int descriptor;   /* the open lock file */
-  void *mutex;      /* serialises FileLockWrite / FileLockRead on this record */
+  char path[260]; /* the lock file's name */
+  int exclusive;  /* nonzero for an exclusive lock */
+  int descriptor; /* the open lock file */
+  void *mutex;    /* serialises FileLockWrite / FileLockRead on this record */
 } FileLock;
 
 /* Locks the whole file directory/name (the name alone when directory is
