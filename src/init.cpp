@@ -22,6 +22,7 @@
 #include "internal/os/thread.h"
 #include "internal/startup.h"
 #include "kz/error.h"
+#include "kz/file.h"
 #include "kz/memory.h"
 #include "kz/message.h"
 
@@ -190,41 +191,25 @@ bool ValidUtf8(const unsigned char *text, size_t length) {
   return true;
 }
 
-// Where /proc cannot tell: the path itself when it names a directory,
-// otherwise the first executable of that name along PATH.
-bool FindExecutable(const char *path, char *buffer, size_t size) {
-  char candidate[PATH_MAX];
-  if (strpbrk(path, "/")) {
-    if (!realpath(path, candidate)) return false;
-    if (strlen(candidate) + 1 > size) return false;
-    memcpy(buffer, candidate, strlen(candidate) + 1);
-    return true;
-  }
-  const char *list = getenv("PATH");
-  if (!list) return false;
-  while (*list) {
-    const char *end = strchr(list, ':');
-    size_t length = end ? static_cast<size_t>(end - list) : strlen(list);
-    int written = length ? snprintf(candidate, sizeof candidate, "%.*s/%s", static_cast<int>(length), list, path)
-                         : snprintf(candidate, sizeof candidate, "./%s", path);
-    if (written > 0 && static_cast<size_t>(written) < sizeof candidate && access(candidate, X_OK) == 0 &&
-        static_cast<size_t>(written) + 1 <= size) {
-      memcpy(buffer, candidate, static_cast<size_t>(written) + 1);
-      return true;
-    }
-    if (!end) break;
-    list = end + 1;
-  }
-  return false;
-}
-
 // Records the executable's path and the program name (base name of path).
 void RecordProgram(const char *path) {
   const ErrorStateKept kept;
   LazyLockGuard hold(GlobalLock());
   char executable[261];
   const char *found = KZExecutable(executable, sizeof executable);
-  if (!found && FindExecutable(path, executable, sizeof executable)) found = executable;
+  UByteArray searched{};
+  if (!found && PathFindExecutable(&searched, path)) {
+    // A hit through a relative PATH entry is made absolute; one that cannot
+    // be (longer than a path may be) is not recorded.
+    UByteArray absolute{};
+    if (PathMakeAbsolute(&absolute, reinterpret_cast<const char *>(searched.elements)) &&
+        absolute.count < sizeof executable) {
+      memcpy(executable, absolute.elements, absolute.count + 1);
+      found = executable;
+    }
+    free(absolute.elements);
+  }
+  free(searched.elements);
   free(g_executablePath);
   g_executablePath = found ? Strdup_(found, kFile, __LINE__) : nullptr;
 
