@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -44,6 +45,10 @@ inline std::string ReadFile(const std::string &path) {
   return text.str();
 }
 
+// How a child ended, to compare with Child::Ending().
+inline std::string ExitEnding(int code) { return "exit " + std::to_string(code); }
+inline std::string SignalEnding(int sig) { return "signal " + std::to_string(sig) + " (" + strsignal(sig) + ")"; }
+
 struct Child {
   pid_t pid = -1;
   int status = 0;
@@ -51,6 +56,11 @@ struct Child {
   std::string out, err;
   bool Exited(int code) const { return !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == code; }
   bool Signalled(int sig) const { return !timedOut && WIFSIGNALED(status) && WTERMSIG(status) == sig; }
+  std::string Ending() const {
+    return timedOut            ? "timed out"
+           : WIFEXITED(status) ? ExitEnding(WEXITSTATUS(status))
+                               : SignalEnding(WTERMSIG(status));
+  }
   std::string Describe() const {
     return (timedOut ? "timed out" : "status " + std::to_string(status)) + "\n--- stdout ---\n" + out +
            "--- stderr ---\n" + err;
