@@ -13,9 +13,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "internal/array_view.h"
 #include "internal/codec_kernels.h"
 #include "kz/array.h"
-#include "kz/memory.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define KZ_CODEC_X86 1
@@ -25,30 +25,16 @@
 namespace {
 
 constexpr const char *kFile = "kzlib/codec";
-constexpr uint64_t kMaxSize = 4294967295u;           // limit of the 32-bit family
-constexpr uint64_t kLargestCapacity = kMaxSize - 1;  // the most the rule hands out
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 // ---- output growth ----------------------------------------------------------
 
-// Makes room for `required` bytes. The capacity reached is the one that
-// appending byte by byte reaches (the rule's steps from the current capacity
-// until they cover `required`). A request beyond the largest capacity fails
-// the rule's assertion exactly as the byte-by-byte growth would on its last
-// step, without allocating the 4 GiB in between.
+// Makes room for `required` bytes on the capacity that appending byte by byte
+// reaches, up to the family's 4 GiB limit.
 void Reserve(UByteArray *out, uint64_t required, uint32_t line) {
-  if (required <= out->capacity) return;
-  uint64_t next;
-  if (required > kLargestCapacity) {
-    const uint64_t last = out->capacity > kLargestCapacity ? out->capacity : kLargestCapacity;
-    next = ArrayNextSize(last, last + 1, kMaxSize);  // does not return
-  } else {
-    next = ArrayNextSize(out->capacity, required, kMaxSize);
-  }
-  out->elements = static_cast<unsigned char *>(Allocate_(static_cast<size_t>(next), out->elements, kFile, line));
-  out->capacity = static_cast<uint32_t>(next);
+  kz::View(*out, kFile, line).ReserveAsAppending(required);
 }
 
 // Writes into the array's spare capacity; Put grows by one step of the rule
@@ -72,7 +58,7 @@ class Sink {
  private:
   [[gnu::noinline]] void Grow() {
     const uint64_t count = static_cast<uint64_t>(p_ - out_->elements);
-    Reserve(out_, count + 1, line_);
+    kz::View(*out_, kFile, line_).Grow();
     p_ = out_->elements + count;
     end_ = out_->elements + out_->capacity;
   }

@@ -37,6 +37,7 @@
 #define KZ_UNICODE_SSE2 1
 #endif
 
+#include "internal/array_view.h"
 #include "internal/context.h"
 #include "kz/array.h"
 #include "kz/error.h"
@@ -80,15 +81,13 @@ inline void Put16(uint8_t *p, uint16_t w) {
 // Makes room for `required` elements with the growth rule and the 2^31 limit.
 template <typename Record>
 void ReserveExact(Record *array, uint64_t required, uint32_t line) {
-  uint64_t next = ArrayNextSize(array->capacity, required, kReserveLimit);
-  if (next >= kReserveLimit) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
-  ArrayGrowExact_(array, static_cast<uint32_t>(next), sizeof(*array->elements), kSource, line);
+  kz::View(*array, kSource, line).Reserve(required, kReserveLimit);
 }
 
 // The terminating zero element at index count, not counted.
 template <typename Record>
 void Terminate(Record *array, uint32_t line) {
-  if (array->capacity < uint64_t(array->count) + 1) ReserveExact(array, uint64_t(array->count) + 1, line);
+  ReserveExact(array, uint64_t(array->count) + 1, line);
   array->elements[array->count] = 0;
 }
 
@@ -832,7 +831,7 @@ int Encode(typename EncodeTraits<F>::Record *array, const char *text, uint32_t b
     if (out == limit) {
       const uint32_t count = static_cast<uint32_t>(out - base);
       array->count = count;
-      ArrayGrow_(array, sizeof(Unit), kSource, kEncodeGrowLine);
+      kz::View(*array, kSource, kEncodeGrowLine).Grow();
       base = array->elements, out = base + count, limit = base + array->capacity;
     }
     *out++ = static_cast<Unit>(value);
