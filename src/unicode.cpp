@@ -816,6 +816,33 @@ KZ_AVX512 void DecodeRunAvx512(const In *in, uint32_t &i, uint32_t stop, uint8_t
         continue;
       }
     }
+    if (stop - i >= 32) {
+      // 32 elements below 0x800: one or two bytes each, in 16-bit lanes.
+      __m512i u;
+      bool small = true;
+      if constexpr (sizeof(In) == 1) {
+        u = _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)));
+      } else if constexpr (sizeof(In) == 2) {
+        u = _mm512_loadu_si512(in + i);
+        small = _mm512_test_epi16_mask(u, _mm512_set1_epi16(static_cast<short>(0xF800))) == 0;
+      } else {
+        const __m512i a = _mm512_loadu_si512(in + i), b = _mm512_loadu_si512(in + i + 16);
+        small = _mm512_test_epi32_mask(_mm512_or_si512(a, b), _mm512_set1_epi32(static_cast<int>(0xFFFFF800))) == 0;
+        u = _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvtepi32_epi16(a)), _mm512_cvtepi32_epi16(b), 1);
+      }
+      if (small) {
+        const __mmask32 high = _mm512_cmpge_epu16_mask(u, _mm512_set1_epi16(0x80));
+        const __m512i two = _mm512_or_si512(
+            _mm512_or_si512(_mm512_srli_epi16(u, 6), _mm512_set1_epi16(0xC0)),
+            _mm512_slli_epi16(_mm512_or_si512(_mm512_and_si512(u, _mm512_set1_epi16(0x3F)), _mm512_set1_epi16(0x80)), 8));
+        const __m512i utf8 = _mm512_mask_mov_epi16(u, high, two);
+        const uint64_t kept = 0x5555555555555555ull | _pdep_u64(high, 0xAAAAAAAAAAAAAAAAull);
+        const unsigned n = static_cast<unsigned>(std::popcount(kept));
+        _mm512_mask_storeu_epi8(out, _bzhi_u64(~0ull, n), _mm512_maskz_compress_epi8(kept, utf8));
+        i += 32, out += n;
+        continue;
+      }
+    }
     __m512i v;
     if constexpr (sizeof(In) == 1) v = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i)));
     else if constexpr (sizeof(In) == 2)
