@@ -602,6 +602,42 @@ constexpr std::array<uint8_t, 256> MakeQPClasses() {
 }
 constexpr std::array<uint8_t, 256> kQPClass = MakeQPClasses();
 
+// The number of bytes from `in` on (at most `limit`) that are written as they
+// are: by the encoder (tab = false) or by the decoder, which also copies tabs.
+// 16 bytes a step with SSE2 on x86-64 (33-126 without "=", the blank and for
+// the decoder the tab), a byte at a time elsewhere and near the end.
+inline size_t LiteralRun(const unsigned char *in, size_t limit, bool tab) {
+  size_t n = 0;
+#if KZ_CODEC_X86
+  while (limit - n >= 16) {
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + n));
+    __m128i literal = _mm_andnot_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('=')),
+                                       _mm_and_si128(_mm_cmpgt_epi8(c, _mm_set1_epi8(31)),
+                                                     _mm_cmplt_epi8(c, _mm_set1_epi8(127))));
+    if (tab) literal = _mm_or_si128(literal, _mm_cmpeq_epi8(c, _mm_set1_epi8('\t')));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(literal));
+    if (mask != 0xFFFF) return n + static_cast<unsigned>(__builtin_ctz(~mask));
+    n += 16;
+  }
+#endif
+  while (n < limit && (tab ? kQPClass[in[n]] == kCopy : IsQPLiteral(in[n]))) ++n;
+  return n;
+}
+
+// Copies n bytes: at once into the room there is, the rest a byte at a time,
+// so that the array grows exactly as with Put alone.
+inline void PutRun(Sink &sink, const unsigned char *from, size_t n) {
+  if (n <= sink.Room()) {
+    std::memcpy(sink.At(), from, n);
+    sink.Advance(n);
+    return;
+  }
+  const size_t direct = n < sink.Room() ? n : sink.Room();
+  std::memcpy(sink.At(), from, direct);
+  sink.Advance(direct);
+  for (size_t k = direct; k < n; ++k) sink.Put(from[k]);
+}
+
 inline void SoftBreak(Sink &sink) {
   sink.Put('=');
   sink.Put('\r');
@@ -619,15 +655,22 @@ KZ_API void QPEncode(UByteArray *out, const void *bytes, uint32_t length, int32_
   for (uint32_t i = 0; i < length; ++i) {
     const unsigned char c = in[i];
     if (IsQPLiteral(c)) {
-      if (breakLines && n >= 75) SoftBreak(sink), n = 0;
-      sink.Put(c);
-      n += 1;
+      // A run of literal bytes, cut into lines of at most 75 before the break.
+      size_t run = LiteralRun(in + i, length - i, false);
+      i += static_cast<uint32_t>(run) - 1;
+      const unsigned char *from = in + i + 1 - run;
+      while (run > 0) {
+        if (breakLines && n >= 75) SoftBreak(sink), n = 0;
+        const size_t take = breakLines && run > 75 - n ? 75 - n : run;
+        PutRun(sink, from, take);
+        from += take, run -= take, n += static_cast<uint32_t>(take);
+      }
       continue;
     }
     if (breakLines && n >= 73) SoftBreak(sink), n = 0;
-    sink.Put('=');
-    sink.Put(static_cast<unsigned char>(kHexDigits[c >> 4]));
-    sink.Put(static_cast<unsigned char>(kHexDigits[c & 15]));
+    const unsigned char escape[3] = {'=', static_cast<unsigned char>(kHexDigits[c >> 4]),
+                                     static_cast<unsigned char>(kHexDigits[c & 15])};
+    PutRun(sink, escape, 3);
     n += 3;
     if (breakLines && c == '\n') SoftBreak(sink), n = 0;
   }
@@ -645,10 +688,13 @@ KZ_API void QPDecode(UByteArray *out, const char *text, uint32_t length) {
   for (uint32_t i = 0; i < length; ++i) {
     const unsigned char c = in[i];
     switch (kQPClass[c]) {
-      case kCopy:
-        sink.Put(c);
+      case kCopy: {
+        const size_t run = LiteralRun(in + i, length - i, true);
+        PutRun(sink, in + i, run);
+        i += static_cast<uint32_t>(run) - 1;
         softBreak = false;
         break;
+      }
       case kEquals:
         if (length - i > 2 && in[i + 1] > 32) {
           const uint8_t high = kHexValue[in[i + 1]], low = kHexValue[in[i + 2]];
