@@ -624,16 +624,16 @@ inline size_t LiteralRun(const unsigned char *in, size_t limit, bool tab) {
   return n;
 }
 
-// Copies n bytes: at once into the room there is, the rest a byte at a time,
-// so that the array grows exactly as with Put alone.
+// Copies n (at least 1) bytes: at once into the room there is, the rest a
+// byte at a time, so that the array grows exactly as with Put alone.
 inline void PutRun(Sink &sink, const unsigned char *from, size_t n) {
   if (n <= sink.Room()) {
     std::memcpy(sink.At(), from, n);
     sink.Advance(n);
     return;
   }
-  const size_t direct = n < sink.Room() ? n : sink.Room();
-  std::memcpy(sink.At(), from, direct);
+  const size_t direct = sink.Room();
+  if (direct) std::memcpy(sink.At(), from, direct);  // an empty array has no storage
   sink.Advance(direct);
   for (size_t k = direct; k < n; ++k) sink.Put(from[k]);
 }

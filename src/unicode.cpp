@@ -10,6 +10,13 @@
 //     shuffles compact 16-bit values in the encoder and pack 8 elements below
 //     0x800 into one store in the decoders. Elsewhere ASCII moves 8 bytes at a
 //     time;
+//   - wider kernels where the processor has them (the widest chosen once when
+//     the library loads): with AVX-512 (VBMI2) encoders take 64-byte blocks
+//     of 1- to 3-byte sequences, classified by masks and compressed to the
+//     values where sequences start, and decoders write 16 elements' UTF-8
+//     bytes (32 below 0x800) with one byte compress and a masked store; with
+//     AVX2 ASCII moves 32 bytes at a time. A block they do not take goes to
+//     the 16-byte blocks;
 //   - single sequences are read with one 32-bit load while at least four bytes
 //     remain and checked with masks;
 //   - anything else - a sequence the masks do not accept, the last three bytes
@@ -29,8 +36,9 @@
 #include <cstring>
 
 // KZ_UNICODE_PORTABLE builds the word-at-a-time paths on x86-64 too, and
-// KZ_UNICODE_NO_SHUFFLE leaves out the SSSE3 kernels, so that every path can
-// be tested on a machine that would not take it.
+// KZ_UNICODE_NO_SHUFFLE, KZ_UNICODE_MAX_SSSE3 and KZ_UNICODE_MAX_AVX2 cap the
+// kernels, so that every path can be tested on a machine that would take a
+// wider one.
 #if defined(__SSE2__) && !defined(KZ_UNICODE_PORTABLE)
 #include <immintrin.h>
 #define KZ_UNICODE_SSE2 1
