@@ -30,8 +30,8 @@
 #include <string_view>
 #include <vector>
 
-#include "kz/array.h"
 #include "internal/unicode_kernels.h"
+#include "kz/array.h"
 #include "kz/error.h"
 #include "reference_unicode.h"
 

@@ -147,8 +147,8 @@ using kz::CodecKernels;
 // Static initialisation may run before the compiler's own CPU detection.
 CodecKernels BestKernels() {
   __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi"))
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+      __builtin_cpu_supports("avx512vbmi"))
     return CodecKernels::kAvx512;
   if (__builtin_cpu_supports("avx2")) return CodecKernels::kAvx2;
   if (__builtin_cpu_supports("ssse3")) return CodecKernels::kSsse3;
@@ -166,7 +166,7 @@ std::atomic<CodecKernels> g_kernels{g_bestKernels};
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-#define KZ_AVX2 __attribute__((target("avx2")))
+#define KZ_AVX2   __attribute__((target("avx2")))
 #define KZ_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi")))
 
 // 12 bytes -> 16 characters per step: the bytes of each group spread over a
@@ -193,8 +193,7 @@ __attribute__((target("ssse3"))) size_t EncodeBlocksVector(const unsigned char *
 }
 
 // The same, 24 bytes -> 32 characters: each 128-bit half takes 12 bytes.
-KZ_AVX2 size_t EncodeBlocksAvx2(const unsigned char *in, const unsigned char *inEnd, size_t groups,
-                                unsigned char *to) {
+KZ_AVX2 size_t EncodeBlocksAvx2(const unsigned char *in, const unsigned char *inEnd, size_t groups, unsigned char *to) {
   const __m256i spread = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1, 0, 2, 1, 4, 3, 5, 4, 7,
                                           6, 8, 7, 10, 9, 11, 10);
   const __m256i offsets = _mm256_setr_epi8(71, -4, -4, -4, -4, -4, -4, -4, -4, -4, -4, -19, -16, 65, 0, 0, 71, -4, -4,
@@ -210,8 +209,8 @@ KZ_AVX2 size_t EncodeBlocksAvx2(const unsigned char *in, const unsigned char *in
         _mm256_mullo_epi16(_mm256_and_si256(v, _mm256_set1_epi32(0x003F03F0)), _mm256_set1_epi32(0x01000010));
     const __m256i index = _mm256_or_si256(ac, bd);
     __m256i range = _mm256_subs_epu8(index, _mm256_set1_epi8(51));
-    range = _mm256_or_si256(range,
-                            _mm256_and_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(26), index), _mm256_set1_epi8(13)));
+    range =
+        _mm256_or_si256(range, _mm256_and_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(26), index), _mm256_set1_epi8(13)));
     _mm256_storeu_si256(reinterpret_cast<__m256i *>(to), _mm256_add_epi8(index, _mm256_shuffle_epi8(offsets, range)));
     in += 24, to += 32, done += 8;
   }
@@ -223,9 +222,9 @@ KZ_AVX2 size_t EncodeBlocksAvx2(const unsigned char *in, const unsigned char *in
 // looked up by one permute of the alphabet. The load is masked to the 48
 // bytes.
 KZ_AVX512 size_t EncodeBlocksAvx512(const unsigned char *in, size_t groups, unsigned char *to) {
-  const __m512i spread = _mm512_setr_epi32(0x01020001, 0x04050304, 0x07080607, 0x0a0b090a, 0x0d0e0c0d, 0x10110f10,
-                                           0x13141213, 0x16171516, 0x191a1819, 0x1c1d1b1c, 0x1f201e1f, 0x22232122,
-                                           0x25262425, 0x28292728, 0x2b2c2a2b, 0x2e2f2d2e);
+  const __m512i spread =
+      _mm512_setr_epi32(0x01020001, 0x04050304, 0x07080607, 0x0a0b090a, 0x0d0e0c0d, 0x10110f10, 0x13141213, 0x16171516,
+                        0x191a1819, 0x1c1d1b1c, 0x1f201e1f, 0x22232122, 0x25262425, 0x28292728, 0x2b2c2a2b, 0x2e2f2d2e);
   const __m512i shifts = _mm512_set1_epi64(0x3036242a1016040a);
   const __m512i alphabet = _mm512_loadu_si512(kAlphabet);
   size_t done = 0;
@@ -266,8 +265,8 @@ __attribute__((target("ssse3"))) bool DecodeBlockSsse3(const unsigned char *in, 
   const __m128i toBigEndian = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
   const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + done.chars));
   const __m128i high = _mm_and_si128(_mm_srli_epi32(c, 4), nibble);
-  const __m128i bad = _mm_and_si128(_mm_shuffle_epi8(invalidColumns, _mm_and_si128(c, nibble)),
-                                    _mm_shuffle_epi8(rowClass, high));
+  const __m128i bad =
+      _mm_and_si128(_mm_shuffle_epi8(invalidColumns, _mm_and_si128(c, nibble)), _mm_shuffle_epi8(rowClass, high));
   const unsigned validMask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bad, _mm_setzero_si128())));
   const __m128i slash = _mm_cmpeq_epi8(c, _mm_set1_epi8('/'));
   const __m128i values = _mm_add_epi8(c, _mm_shuffle_epi8(rowOffset, _mm_add_epi8(high, slash)));
@@ -319,8 +318,8 @@ KZ_AVX2 void DecodeBlocksAvx2(const unsigned char *in, size_t chars, unsigned ch
   const __m256i rowOffset = _mm256_setr_epi8(0, 16, 19, 4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0, 0, 16, 19, 4,
                                              -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0);
   const __m256i nibble = _mm256_set1_epi8(0x0F);
-  const __m256i toBigEndian = _mm256_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1, 2, 1, 0, 6, 5,
-                                               4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+  const __m256i toBigEndian = _mm256_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1, 2, 1, 0, 6, 5, 4,
+                                               10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
   const __m256i together = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
   while (chars - done.chars >= 32 && room - done.bytes >= 24) {
     const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + done.chars));
@@ -368,9 +367,9 @@ KZ_AVX512 void DecodeBlocksAvx512(const unsigned char *in, size_t chars, unsigne
                                   Decoded &done) {
   const __m512i lowCodes = _mm512_load_si512(kAsciiValues.value);
   const __m512i highCodes = _mm512_load_si512(kAsciiValues.value + 64);
-  const __m512i toBytes = _mm512_setr_epi32(0x06000102, 0x090a0405, 0x0c0d0e08, 0x16101112, 0x191a1415, 0x1c1d1e18,
-                                            0x26202122, 0x292a2425, 0x2c2d2e28, 0x36303132, 0x393a3435, 0x3c3d3e38,
-                                            0, 0, 0, 0);
+  const __m512i toBytes =
+      _mm512_setr_epi32(0x06000102, 0x090a0405, 0x0c0d0e08, 0x16101112, 0x191a1415, 0x1c1d1e18, 0x26202122, 0x292a2425,
+                        0x2c2d2e28, 0x36303132, 0x393a3435, 0x3c3d3e38, 0, 0, 0, 0);
   while (chars - done.chars >= 64 && room - done.bytes >= 48) {
     const __m512i c = _mm512_loadu_si512(in + done.chars);
     const __m512i values = _mm512_permutex2var_epi8(lowCodes, c, highCodes);
@@ -396,8 +395,10 @@ Decoded DecodeBlocksVector(const unsigned char *in, size_t chars, unsigned char 
                            CodecKernels kernels) {
   Decoded done{0, 0};
   do {
-    if (kernels >= CodecKernels::kAvx512) DecodeBlocksAvx512(in, chars, to, room, done);
-    else if (kernels >= CodecKernels::kAvx2) DecodeBlocksAvx2(in, chars, to, room, done);
+    if (kernels >= CodecKernels::kAvx512)
+      DecodeBlocksAvx512(in, chars, to, room, done);
+    else if (kernels >= CodecKernels::kAvx2)
+      DecodeBlocksAvx2(in, chars, to, room, done);
   } while (DecodeBlockSsse3(in, chars, to, room, done));
   return done;
 }
@@ -426,8 +427,10 @@ inline unsigned char *EncodeGroups(const unsigned char *in, const unsigned char 
 #if KZ_CODEC_X86
   if (kernels != CodecKernels::kScalar) {
     size_t done = 0;
-    if (kernels >= CodecKernels::kAvx512) done = EncodeBlocksAvx512(in, groups, to);
-    else if (kernels >= CodecKernels::kAvx2) done = EncodeBlocksAvx2(in, inEnd, groups, to);
+    if (kernels >= CodecKernels::kAvx512)
+      done = EncodeBlocksAvx512(in, groups, to);
+    else if (kernels >= CodecKernels::kAvx2)
+      done = EncodeBlocksAvx2(in, inEnd, groups, to);
     in += 3 * done, to += 4 * done, groups -= done;
     done = EncodeBlocksVector(in, inEnd, groups, to);
     in += 3 * done, to += 4 * done, groups -= done;
@@ -611,9 +614,9 @@ inline size_t LiteralRun(const unsigned char *in, size_t limit, bool tab) {
 #if KZ_CODEC_X86
   while (limit - n >= 16) {
     const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + n));
-    __m128i literal = _mm_andnot_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('=')),
-                                       _mm_and_si128(_mm_cmpgt_epi8(c, _mm_set1_epi8(31)),
-                                                     _mm_cmplt_epi8(c, _mm_set1_epi8(127))));
+    __m128i literal =
+        _mm_andnot_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('=')),
+                         _mm_and_si128(_mm_cmpgt_epi8(c, _mm_set1_epi8(31)), _mm_cmplt_epi8(c, _mm_set1_epi8(127))));
     if (tab) literal = _mm_or_si128(literal, _mm_cmpeq_epi8(c, _mm_set1_epi8('\t')));
     const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(literal));
     if (mask != 0xFFFF) return n + static_cast<unsigned>(__builtin_ctz(~mask));

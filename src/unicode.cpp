@@ -292,9 +292,8 @@ Kernels DetectKernels() {
   Kernels best = Kernels::kSse2;
   if (__builtin_cpu_supports("ssse3")) best = Kernels::kSsse3;
   if (__builtin_cpu_supports("avx2")) best = Kernels::kAvx2;
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
-      __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("bmi2"))
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+      __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("bmi2"))
     best = Kernels::kAvx512;
   return best < kKernelCap ? best : kKernelCap;
 }
@@ -537,7 +536,7 @@ inline void EncodeBlocks16(const uint8_t *&p, const uint8_t *end, Unit *&out, Un
 // 16-byte blocks for the next 64 bytes, then go on; the 16-byte blocks return
 // at a block they do not take either, as before.
 
-#define KZ_AVX2 __attribute__((target("avx2")))
+#define KZ_AVX2   __attribute__((target("avx2")))
 #define KZ_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,bmi2")))
 
 // GCC 12 takes the AVX-512 headers' deliberately undefined registers for
@@ -579,10 +578,10 @@ KZ_AVX512 inline __m512i WidenHalf(__m512i x, int half) {
 // end is left for the next block. False at a block holding anything else.
 template <Form F, typename Unit>
 KZ_AVX512 bool EncodeBlocks64(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit) {
-  const __m512i positions = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
-                                            44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
-                                            25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5,
-                                            4, 3, 2, 1, 0);
+  const __m512i positions =
+      _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45, 44, 43, 42, 41, 40,
+                      39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16,
+                      15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
   const __m512i after1 = _mm512_add_epi8(positions, _mm512_set1_epi8(1));
   const __m512i after2 = _mm512_add_epi8(positions, _mm512_set1_epi8(2));
   while (end - p >= 64 && limit - out >= 64) {
@@ -603,8 +602,8 @@ KZ_AVX512 bool EncodeBlocks64(const uint8_t *&p, const uint8_t *end, Unit *&out,
       p += 64, out += 64;
       continue;
     }
-    const uint64_t cont = _mm512_cmpeq_epi8_mask(_mm512_and_si512(v, _mm512_set1_epi8(char(0xC0))),
-                                                 _mm512_set1_epi8(char(0x80)));
+    const uint64_t cont =
+        _mm512_cmpeq_epi8_mask(_mm512_and_si512(v, _mm512_set1_epi8(char(0xC0))), _mm512_set1_epi8(char(0x80)));
     const uint64_t lead2 = _mm512_cmple_epu8_mask(_mm512_sub_epi8(v, _mm512_set1_epi8(char(0xC2))),
                                                   _mm512_set1_epi8(F == Form::kLatin1 ? 0x01 : 0x1D));
     uint64_t lead3 = 0;
@@ -617,8 +616,8 @@ KZ_AVX512 bool EncodeBlocks64(const uint8_t *&p, const uint8_t *end, Unit *&out,
     const __m512i next1 = _mm512_permutexvar_epi8(after1, v);
     if constexpr (F != Form::kLatin1) {
       // Below 0x800: no bit in the lead's low nibble nor in bit 5 of the first continuation.
-      const __m512i payload = _mm512_or_si512(_mm512_and_si512(v, _mm512_set1_epi8(0x0F)),
-                                              _mm512_and_si512(next1, _mm512_set1_epi8(0x20)));
+      const __m512i payload =
+          _mm512_or_si512(_mm512_and_si512(v, _mm512_set1_epi8(0x0F)), _mm512_and_si512(next1, _mm512_set1_epi8(0x20)));
       if (_mm512_testn_epi8_mask(payload, payload) & lead3 & within) return false;
     }
     const __m512i next2 = _mm512_permutexvar_epi8(after2, v);
@@ -814,8 +813,8 @@ KZ_AVX512 void DecodeRunAvx512(const In *in, uint32_t &i, uint32_t stop, uint8_t
         all = _mm512_test_epi32_mask(_mm512_or_si512(_mm512_or_si512(a, b), _mm512_or_si512(c, d)),
                                      _mm512_set1_epi32(static_cast<int>(0xFFFFFF80))) == 0;
         ascii = _mm512_inserti64x4(
-            _mm512_castsi256_si512(_mm256_inserti128_si256(_mm256_castsi128_si256(_mm512_cvtepi32_epi8(a)),
-                                                           _mm512_cvtepi32_epi8(b), 1)),
+            _mm512_castsi256_si512(
+                _mm256_inserti128_si256(_mm256_castsi128_si256(_mm512_cvtepi32_epi8(a)), _mm512_cvtepi32_epi8(b), 1)),
             _mm256_inserti128_si256(_mm256_castsi128_si256(_mm512_cvtepi32_epi8(c)), _mm512_cvtepi32_epi8(d), 1), 1);
       }
       if (all) {
@@ -842,7 +841,8 @@ KZ_AVX512 void DecodeRunAvx512(const In *in, uint32_t &i, uint32_t stop, uint8_t
         const __mmask32 high = _mm512_cmpge_epu16_mask(u, _mm512_set1_epi16(0x80));
         const __m512i two = _mm512_or_si512(
             _mm512_or_si512(_mm512_srli_epi16(u, 6), _mm512_set1_epi16(0xC0)),
-            _mm512_slli_epi16(_mm512_or_si512(_mm512_and_si512(u, _mm512_set1_epi16(0x3F)), _mm512_set1_epi16(0x80)), 8));
+            _mm512_slli_epi16(_mm512_or_si512(_mm512_and_si512(u, _mm512_set1_epi16(0x3F)), _mm512_set1_epi16(0x80)),
+                              8));
         const __m512i utf8 = _mm512_mask_mov_epi16(u, high, two);
         const uint64_t kept = 0x5555555555555555ull | _pdep_u64(high, 0xAAAAAAAAAAAAAAAAull);
         const unsigned n = static_cast<unsigned>(std::popcount(kept));
@@ -852,17 +852,19 @@ KZ_AVX512 void DecodeRunAvx512(const In *in, uint32_t &i, uint32_t stop, uint8_t
       }
     }
     __m512i v;
-    if constexpr (sizeof(In) == 1) v = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i)));
+    if constexpr (sizeof(In) == 1)
+      v = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i)));
     else if constexpr (sizeof(In) == 2)
       v = _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)));
-    else v = _mm512_loadu_si512(in + i);
+    else
+      v = _mm512_loadu_si512(in + i);
     const __m512i b0 = _mm512_or_si512(_mm512_and_si512(v, _mm512_set1_epi32(0x3F)), _mm512_set1_epi32(0x80));
     const __m512i b6 =
         _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 6), _mm512_set1_epi32(0x3F)), _mm512_set1_epi32(0x80));
     const __m512i b12 =
         _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 12), _mm512_set1_epi32(0x3F)), _mm512_set1_epi32(0x80));
-    const __m512i two = _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(v, 6), _mm512_set1_epi32(0xC0)),
-                                        _mm512_slli_epi32(b0, 8));
+    const __m512i two =
+        _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(v, 6), _mm512_set1_epi32(0xC0)), _mm512_slli_epi32(b0, 8));
     const __m512i three = _mm512_or_si512(
         _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(v, 12), _mm512_set1_epi32(0xE0)), _mm512_slli_epi32(b6, 8)),
         _mm512_slli_epi32(b0, 16));
@@ -911,7 +913,8 @@ KZ_AVX2 void DecodeAscii32(const In *in, uint32_t &i, uint32_t stop, uint8_t *&o
         return;
       // Packs work within 128-bit halves: the dwords end up in the order 0 2 4 6 1 3 5 7.
       const __m256i words = _mm256_packus_epi32(a, b), words2 = _mm256_packus_epi32(c, d);
-      ascii = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(words, words2), _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+      ascii =
+          _mm256_permutevar8x32_epi32(_mm256_packus_epi16(words, words2), _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), ascii);
     i += 32, out += 32;
@@ -1251,8 +1254,8 @@ UnicodeKernels UnicodeBestKernels() {
 
 UnicodeKernels UnicodeUseKernels(UnicodeKernels kernels) {
 #if KZ_UNICODE_SSE2
-  const UnicodeKernels use = kernels < g_bestKernels ? (kernels < Kernels::kSse2 ? Kernels::kSse2 : kernels)
-                                                     : g_bestKernels;
+  const UnicodeKernels use =
+      kernels < g_bestKernels ? (kernels < Kernels::kSse2 ? Kernels::kSse2 : kernels) : g_bestKernels;
   g_kernels.store(use, std::memory_order_relaxed);
   return use;
 #else

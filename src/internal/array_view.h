@@ -52,8 +52,10 @@ class ArrayView {
 
   // Grow by one step of the rule, as a full array does for one more element.
   Element *Grow() {
-    if constexpr (kBig) BigArrayGrow_(&record_, sizeof(Element), file_, line_);
-    else ArrayGrow_(&record_, sizeof(Element), file_, line_);
+    if constexpr (kBig)
+      BigArrayGrow_(&record_, sizeof(Element), file_, line_);
+    else
+      ArrayGrow_(&record_, sizeof(Element), file_, line_);
     return record_.elements;
   }
 
