@@ -144,8 +144,20 @@ inline uint32_t Group(const unsigned char *in) {
 
 using kz::CodecKernels;
 
+// Builds that cap the kernels, so that the public tests run over each level
+// on a machine that would take a wider one.
+#if defined(KZ_CODEC_SCALAR)
+constexpr CodecKernels kKernelCap = CodecKernels::kScalar;
+#elif defined(KZ_CODEC_MAX_SSSE3)
+constexpr CodecKernels kKernelCap = CodecKernels::kSsse3;
+#elif defined(KZ_CODEC_MAX_AVX2)
+constexpr CodecKernels kKernelCap = CodecKernels::kAvx2;
+#else
+constexpr CodecKernels kKernelCap = CodecKernels::kAvx512;
+#endif
+
 // Static initialisation may run before the compiler's own CPU detection.
-CodecKernels BestKernels() {
+CodecKernels DetectKernels() {
   __builtin_cpu_init();
   if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
       __builtin_cpu_supports("avx512vbmi"))
@@ -153,6 +165,12 @@ CodecKernels BestKernels() {
   if (__builtin_cpu_supports("avx2")) return CodecKernels::kAvx2;
   if (__builtin_cpu_supports("ssse3")) return CodecKernels::kSsse3;
   return CodecKernels::kScalar;
+}
+
+// The detected level within the build's cap.
+CodecKernels BestKernels() {
+  const CodecKernels detected = DetectKernels();
+  return detected < kKernelCap ? detected : kKernelCap;
 }
 
 // Decided when the library loads: a function-local static would make the
