@@ -8,6 +8,10 @@
 //                   OpenSSL block decoder refuses line breaks) on 76-character
 //                   lines ended by CR LF
 //   QPEncode / QPDecode  throughput alone
+//   BM_Simdutf*        simdutf binary_to_base64 / base64_to_binary on 1 MiB
+//                      (one line) into a reused buffer, when CMake finds a copy
+//                      through KZ_SIMDUTF_DIR; time_vs_kz is then kzlib's
+//                      throughput as a fraction of simdutf's
 //   BM_Base64*Scalar   kzlib's scalar code alone (what processors without the
 //                      vector kernels run), throughput only
 //
@@ -36,6 +40,9 @@
 #ifdef KZ_BENCH_HAVE_GLIB
 #include <glib.h>
 #endif
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+#include <simdutf.h>
+#endif
 
 #include "bench_support.h"
 #include "internal/codec_kernels.h"
@@ -46,6 +53,7 @@ using kzbench::Expect;
 using kzbench::Versus;
 
 constexpr size_t kSize = 64 * 1024;
+constexpr size_t kLargeSize = 1024 * 1024;  // the simdutf rows
 
 struct Inputs {
   std::string bytes;    // random
@@ -64,18 +72,20 @@ std::string Encoded(const std::string &bytes, int32_t breakLines, bool qp = fals
   return s;
 }
 
+Inputs MakeInputs(size_t size) {
+  Inputs in;
+  std::mt19937_64 rng(64);
+  in.bytes = kzbench::RandomValues<std::string>(size, rng);
+  in.text = Encoded(in.bytes, 0);
+  in.lines = Encoded(in.bytes, 1);
+  const char *const words[] = {"Gr\xC3\xBC\xC3\x9F" "e ", "plain ", "text ", "a=b ", "line\r\n", "caf\xC3\xA9 "};
+  in.qpText = kzbench::WordText(size, words, rng);
+  in.qp = Encoded(in.qpText, 1, true);
+  return in;
+}
+
 const Inputs &Data() {
-  static const Inputs inputs = [] {
-    Inputs in;
-    std::mt19937_64 rng(64);
-    in.bytes = kzbench::RandomValues<std::string>(kSize, rng);
-    in.text = Encoded(in.bytes, 0);
-    in.lines = Encoded(in.bytes, 1);
-    const char *const words[] = {"Gr\xC3\xBC\xC3\x9F" "e ", "plain ", "text ", "a=b ", "line\r\n", "caf\xC3\xA9 "};
-    in.qpText = kzbench::WordText(kSize, words, rng);
-    in.qp = Encoded(in.qpText, 1, true);
-    return in;
-  }();
+  static const Inputs inputs = MakeInputs(kSize);
   return inputs;
 }
 
@@ -228,6 +238,53 @@ BENCHMARK(BM_OpenSSLDecodeBlock)->UseManualTime();
 #ifdef KZ_BENCH_HAVE_GLIB
 BENCHMARK(BM_GLibDecode)->ArgName("lines")->Arg(0)->Arg(1)->UseManualTime();
 BENCHMARK(BM_GLibDecodeStep)->ArgName("lines")->Arg(0)->Arg(1)->UseManualTime();
+#endif
+
+// ---- simdutf (1 MiB, one line) -------------------------------------------------------
+
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+const Inputs &LargeData() {
+  static const Inputs inputs = MakeInputs(kLargeSize);
+  return inputs;
+}
+
+void BM_SimdutfEncode(benchmark::State &state) {
+  const Inputs &in = LargeData();
+  Kz kz;
+  std::vector<char> buffer(in.text.size() + 64);
+  auto simd = [&] {
+    const size_t n = simdutf::binary_to_base64(in.bytes.data(), in.bytes.size(), buffer.data());
+    benchmark::DoNotOptimize(n);
+  };
+  kz.Encode(in.bytes);
+  Expect(simdutf::binary_to_base64(in.bytes.data(), in.bytes.size(), buffer.data()) == in.text.size() &&
+             std::memcmp(buffer.data(), in.text.data(), in.text.size()) == 0 && kz.str() == in.text,
+         "simdutf encode");
+  Versus(
+      state, [&] { kz.Encode(in.bytes); }, simd);
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(in.bytes.size()));
+}
+
+void BM_SimdutfDecode(benchmark::State &state) {
+  const Inputs &in = LargeData();
+  Kz kz;
+  std::vector<char> buffer(in.bytes.size() + 64);
+  auto simd = [&] {
+    const simdutf::result r = simdutf::base64_to_binary(in.text.data(), in.text.size(), buffer.data());
+    benchmark::DoNotOptimize(r);
+  };
+  kz.Decode(in.text);
+  const simdutf::result r = simdutf::base64_to_binary(in.text.data(), in.text.size(), buffer.data());
+  Expect(r.error == simdutf::SUCCESS && r.count == in.bytes.size() &&
+             std::memcmp(buffer.data(), in.bytes.data(), in.bytes.size()) == 0 && kz.str() == in.bytes,
+         "simdutf decode");
+  Versus(
+      state, [&] { kz.Decode(in.text); }, simd);
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(in.text.size()));
+}
+
+BENCHMARK(BM_SimdutfEncode)->UseManualTime();
+BENCHMARK(BM_SimdutfDecode)->UseManualTime();
 #endif
 
 // ---- the scalar code ---------------------------------------------------------------

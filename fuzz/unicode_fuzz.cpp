@@ -16,7 +16,8 @@
 //   - round trips: UCS2Decode(UCS2Encode(x)) == x and likewise for
 //     ISO-8859-1 and for code points below 0x200000 when encoding succeeds;
 //     UCS2Encode(UCS2Decode(u)) == u; UCS4Encode(UCS4Decode(v)) == v without
-//     the values of 0x200000 and above; ISO88591Encode(ISO88591Decode(b)) == b.
+//     the values of 0x200000 and above; ISO88591Encode(ISO88591Decode(b)) == b;
+//   - all of it at every kernel level the processor has.
 
 #include "kz/unicode.h"
 
@@ -29,6 +30,7 @@
 #include <string_view>
 #include <vector>
 
+#include "internal/unicode_kernels.h"
 #include "kz/array.h"
 #include "kz/error.h"
 #include "reference_unicode.h"
@@ -110,8 +112,9 @@ std::string MadeText(const uint8_t *data, size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size == 0) return 0;
+namespace {
+
+void CheckAll(const uint8_t *data, size_t size) {
   // Starting array: count 0-3, spare room 0, 1-31 or (with bit 7) a lot.
   const uint32_t count0 = data[0] & 3;
   const uint32_t room = (data[0] & 0x80) ? 4096 : (data[0] >> 2) & 31;
@@ -188,5 +191,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ArrayFree_(&b);
   ArrayFree_(&back);
   KZErrorClear();
+}
+
+}  // namespace
+
+// Every kernel level the processor has, from the widest down to the 16-byte
+// blocks without shuffles.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  using kz::UnicodeKernels;
+  if (size == 0) return 0;
+  for (auto level = static_cast<int>(kz::UnicodeBestKernels());; --level) {
+    kz::UnicodeUseKernels(static_cast<UnicodeKernels>(level));
+    CheckAll(data, size);
+    if (level <= static_cast<int>(UnicodeKernels::kSse2)) break;
+  }
+  kz::UnicodeUseKernels(kz::UnicodeBestKernels());
   return 0;
 }

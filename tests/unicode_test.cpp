@@ -167,6 +167,28 @@ TEST(Unicode, FaultAtEveryOffsetMatchesReference) {
   for (std::thread &thread : threads) thread.join();
 }
 
+// The same around the edges of the 32- and 64-byte blocks of the wide
+// kernels: texts of those lengths and a little more, made of each filler
+// repeated, with one sequence put at every offset.
+TEST(Unicode, FaultAtEveryOffsetOfWideBlocks) {
+  std::vector<std::thread> threads;
+  for (std::string_view filler : kFillers)
+    threads.emplace_back([filler] {
+      std::string repeated;
+      while (repeated.size() < 220) repeated += filler;
+      for (size_t length : {31u, 32u, 34u, 63u, 64u, 65u, 66u, 67u, 96u, 127u, 128u, 130u, 131u, 200u})
+        for (size_t at = 0; at <= length; ++at)
+          for (std::string_view insert : kInserts) {
+            const std::string text = std::string(repeated).insert(at, insert).substr(0, length);
+            for (Form form : {Form::kUCS2, Form::kUCS4, Form::kLatin1}) {
+              ASSERT_TRUE(Encodes(form, text, 0, 0));
+              ASSERT_TRUE(Encodes(form, text, 3, 512));
+            }
+          }
+    });
+  for (std::thread &thread : threads) thread.join();
+}
+
 // A decoder on n random elements, mostly ASCII or every length class and its
 // borders mixed, against the reference writer and the growth model.
 template <typename In>
@@ -191,8 +213,8 @@ testing::AssertionResult Decodes(int (*decode)(UByteArray *, const In *, uint32_
 TEST(Unicode, DecodersMatchReferenceAndGrowthModel) {
   std::mt19937 rng(11);
   for (int round = 0; round < 6; ++round)
-    for (size_t length = 0; length <= 40; ++length)
-      for (uint32_t capacity : {0u, 9u, 16u, 23u, 64u})
+    for (size_t length = 0; length <= 40 || (length <= 140 && length % 3 == 0); ++length)
+      for (uint32_t capacity : {0u, 9u, 16u, 23u, 64u, 200u})
         ASSERT_TRUE(Decodes(ISO88591Decode, rng, length, capacity / 3, capacity) &&
                     Decodes(UCS2Decode, rng, length, capacity / 3, capacity) &&
                     Decodes(UCS4Decode, rng, length, capacity / 3, capacity));
