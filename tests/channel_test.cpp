@@ -698,8 +698,9 @@ TEST(ChannelTransfer, PythonPeer) {
   ScopedChannel channel(10000, 10000);
   ASSERT_EQ(ChannelSetFD(channel, accepted.release(), 1), 1);
   Scoped<UByteArray> line;
-  for (const char *word : {"hello", "kz channel", std::string(20000, 'q').c_str()}) {
-    ASSERT_EQ(ChannelWriteString(channel, word), 1);
+  const std::string words[] = {"hello", "kz channel", std::string(20000, 'q')};
+  for (const std::string &word : words) {
+    ASSERT_EQ(ChannelWriteString(channel, word.c_str()), 1);
     ASSERT_EQ(ChannelWriteString(channel, "\n"), 1);
     ASSERT_EQ(ChannelFlush(channel), 1);
     ASSERT_EQ(ChannelReadLine(channel, &line, 0), 1) << KZErrorMessage();

@@ -226,8 +226,10 @@ KZ_API int ChannelGetSecurityFlags(const Channel *channel, uint32_t *flags);
  * raises "not implemented"); an SSL channel returns 1 and does nothing. */
 KZ_API int ChannelShutdown(Channel *channel);
 /* Flushes pending writes, shuts SSL down, disconnects and frees the channel
- * (null is accepted). 1, or 0 with errno -1 when the flush or close failed;
- * the channel is freed either way. */
+ * (null is accepted). Only endpoints with a handle are flushed: flush a
+ * memory or virtual endpoint yourself before closing it. 1, or 0 when the
+ * flush or close failed (errno -1, or -2 when the flush raised an error such
+ * as a time-out); the channel is freed either way. */
 KZ_API int ChannelClose(Channel *channel);
 
 /* ---- sockets ---------------------------------------------------------------- */
