@@ -321,21 +321,30 @@ KZ_API int ChannelReadLine(Channel *channel, UByteArray *line, uint32_t maxLengt
   int last = 0;
   for (;;) {
     if (maxLength != 0 && line->count >= maxLength) break;
-    int byte = NextByte(channel);
-    if (byte < 0) {
-      last = byte;
+    if (channel->readPos >= channel->readFill) {
+      int result = Refill(channel);
+      if (result < 0) {
+        last = result;
+        break;
+      }
+    }
+    // Take the buffered run up to the next LF or CR (or the length limit)
+    // in one piece.
+    const unsigned char *run = channel->readBuffer + channel->readPos;
+    size_t available = static_cast<size_t>(channel->readFill - channel->readPos);
+    if (maxLength != 0 && available > maxLength - line->count) available = maxLength - line->count;
+    const void *lineFeed = std::memchr(run, '\n', available);
+    size_t length = lineFeed ? static_cast<size_t>(static_cast<const unsigned char *>(lineFeed) - run) : available;
+    const void *carriageReturn = std::memchr(run, '\r', length);
+    if (carriageReturn) length = static_cast<size_t>(static_cast<const unsigned char *>(carriageReturn) - run);
+    view.Append(run, length);
+    channel->readPos += static_cast<int32_t>(length);
+    if (carriageReturn) {
+      channel->readPos++;  // dropped wherever it stands; not counted
+    } else if (lineFeed) {
+      channel->readPos++;  // consumed, not stored
       break;
     }
-    if (byte == '\n') break;
-    if (byte == '\r') continue;
-    // Copy the run of plain bytes that follows straight from the buffer.
-    const unsigned char *start = channel->readBuffer + channel->readPos - 1;
-    const unsigned char *end = channel->readBuffer + channel->readFill;
-    uint32_t limit = maxLength ? maxLength - line->count : UINT32_MAX;
-    const unsigned char *q = start;
-    while (q < end && uint32_t(q - start) < limit && *q != '\n' && *q != '\r') ++q;
-    view.Append(start, static_cast<uint64_t>(q - start));
-    channel->readPos += static_cast<int32_t>(q - start - 1);
   }
   view.Reserve(uint64_t(line->count) + 1);
   line->elements[line->count] = '\0';
