@@ -1102,6 +1102,9 @@ TEST(ChannelDescriptor, SetFDAndRawHandles) {
   errno = 0;
   EXPECT_EQ(ChannelSetFD(channel, -1, 1), 0);
   EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ChannelSetFD(channel, 1000, 1), 0);  // not an open descriptor
+  EXPECT_EQ(errno, -1);
+  EXPECT_EQ(KZGetLastError(), EBADF);
   int fds[2];
   ASSERT_EQ(ChannelCreatePipe(fds), 1);
   ASSERT_EQ(ChannelSetFD(channel, fds[1], 0), 1);  // not owned: stays open

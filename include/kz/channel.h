@@ -179,7 +179,8 @@ KZ_API int ChannelMemoryWriter(Channel *channel, UByteArray *target);
 /* Bytes taken from a memory endpoint's source so far; -1 and "null channel"
  * for a channel without one. */
 KZ_API int64_t ChannelMemoryIOReadOffs(const Channel *channel);
-/* Attaches a descriptor (-1: EINVAL). With owns it is closed by the channel. */
+/* Attaches a descriptor (-1: EINVAL; not open: errno -1). With owns it is
+ * closed by the channel. */
 KZ_API int ChannelSetFD(Channel *channel, int descriptor, int owns);
 /* Attaches a raw handle; every kind flag is 0, whatever the handle is. */
 KZ_API int ChannelSetChannelFD(Channel *channel, int64_t handle, int owns);

@@ -562,6 +562,7 @@ KZ_API int ChannelSetFD(Channel *channel, int descriptor, int owns) {
     errno = EINVAL;
     return 0;
   }
+  if (!kz::os::IsOpen(descriptor)) return 0;  // no system handle behind it
   kz::net::ResetEndpoint(channel);
   channel->handle = descriptor;  // the descriptor is the system handle here
   channel->ownsHandle = owns ? 1 : 0;

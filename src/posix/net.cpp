@@ -163,6 +163,12 @@ bool Close(int64_t handle) {
   return false;
 }
 
+bool IsOpen(int64_t handle) {
+  if (fcntl(Fd(handle), F_GETFD) >= 0) return true;
+  FailWithErrno();
+  return false;
+}
+
 bool SetNonBlocking(int64_t handle, bool on) {
   int flags = fcntl(Fd(handle), F_GETFL);
   if (flags < 0 || fcntl(Fd(handle), F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK) < 0) {

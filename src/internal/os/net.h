@@ -52,6 +52,8 @@ int SystemSocketType(int type);
 // socket(systemFamily, systemType, 0), close-on-exec.
 int64_t Socket(int systemFamily, int systemType);
 bool Close(int64_t handle);
+// Whether the descriptor is open (EBADF otherwise).
+bool IsOpen(int64_t handle);
 bool SetNonBlocking(int64_t handle, bool on);
 bool IsNonBlocking(int64_t handle);
 bool Bind(int64_t handle, const SockAddr &address);
