@@ -663,20 +663,20 @@ TEST(ChannelBulk, FileAndMemory) {
     ScopedChannel writer, reader;
     ASSERT_EQ(ChannelMemoryWriter(writer, &collected), 1);
     std::vector<unsigned char> block(1 << 20);
-    for (size_t done = 0; done < kBulk / 4; done += block.size()) {
+    for (size_t done = 0; done < kBulk / 2; done += block.size()) {
       Fill(block.data(), block.size(), done);
       ASSERT_EQ(ChannelWriteBuf(writer, block.data(), block.size() - 3), 1);
       ASSERT_EQ(ChannelWriteBuf(writer, block.data() + block.size() - 3, 3), 1);
     }
     ASSERT_EQ(ChannelFlush(writer), 1);
-    ASSERT_EQ(collected.count, kBulk / 4);
+    ASSERT_EQ(collected.count, kBulk / 2);
     ASSERT_EQ(ChannelMemoryReader(reader, collected.elements, collected.count), 1);
     Checksum sum;
     size_t count;
     while (ChannelReadBuf(reader, block.data(), 12345, &count) == KZ_RECEIVE_OK) sum.Add(block.data(), count);
     sum.Add(block.data(), count);
-    EXPECT_EQ(sum.value(), ExpectedChecksum(kBulk / 4));
-    EXPECT_EQ(ChannelMemoryIOReadOffs(reader), int64_t(kBulk / 4));
+    EXPECT_EQ(sum.value(), ExpectedChecksum(kBulk / 2));
+    EXPECT_EQ(ChannelMemoryIOReadOffs(reader), int64_t(kBulk / 2));
   }
 }
 
