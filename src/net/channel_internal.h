@@ -65,7 +65,10 @@ void Scramble(uint64_t *state, unsigned char *bytes, size_t size);
 struct SslOps {
   // One SSL_write of at most size bytes: > 0 bytes taken, 0 failed (error raised).
   int64_t (*write)(Channel *channel, const void *data, size_t size);
-  // One SSL_read: > 0 bytes, or a negative receive code (error raised for -2).
+  // One SSL_read: > 0 bytes, or a negative receive code whose input error
+  // the SSL family has raised itself (end of input, -1, is not raised).
+  // Registering the thread and clearing the OpenSSL error queue before the
+  // first round of a transfer belong to write and read as well.
   int64_t (*read)(Channel *channel, void *buffer, size_t size);
   // ChannelStartSSL as client (1) or server (0); 1 on success.
   int (*start)(Channel *channel, int client);
