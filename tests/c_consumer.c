@@ -141,6 +141,26 @@ int main(void) {
     ArrayFree(packed);
   }
 
+  /* channels: a memory writer, then a memory reader over what it wrote */
+  {
+    UByteArray written = {0, 0, 0}, line = {0, 0, 0};
+    Channel *channel = ChannelNew(-1, -1);
+    TCPAddr address;
+    int c;
+    CHECK(TCPAddrSetHostPort(&address, "127.0.0.1:80") == 1 && address.port == 80);
+    CHECK(ChannelMemoryWriter(channel, &written) == 1);
+    CHECK(ChannelWriteString(channel, "id ") && ChannelWriteHexInt(channel, 255) && ChannelWriteString(channel, "\r\n"));
+    CHECK(ChannelFlush(channel) == 1 && written.count == 13);
+    CHECK(ChannelMemoryReader(channel, written.elements, written.count) == 1);
+    c = ChannelPeekByte(channel);
+    CHECK(c == 'i' && ChannelReadByte(channel) == 'i');
+    CHECK(ChannelReadLine(channel, &line, 0) == 1 && strcmp((char *)line.elements, "d 000000ff") == 0);
+    CHECK(ChannelGetMemorySize(channel) == 23536);
+    CHECK(ChannelClose(channel) == 1);
+    ArrayFree(written);
+    ArrayFree(line);
+  }
+
   /* random */
   {
     KZRand rng;

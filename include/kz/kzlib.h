@@ -16,6 +16,7 @@
 #include "kz/thread.h"
 #include "kz/lock.h"
 #include "kz/addr.h"
+#include "kz/channel.h"
 #include "kz/url.h"
 #include "kz/random.h"
 #include "kz/file.h"
