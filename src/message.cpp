@@ -12,6 +12,7 @@
 
 #include "internal/array_view.h"
 #include "internal/context.h"
+#include "internal/format.h"
 #include "internal/lazy_lock.h"
 #include "internal/platform.h"
 #include "kz/error.h"
@@ -108,6 +109,20 @@ LazyLock &MessageLock() {
   return lock;
 }
 
+// The message text through the library's formatter; one longer than the
+// stack buffer is left to trio's stream writer.
+void WriteFormatted(FILE *stream, const char *format, va_list args) {
+  va_list again;
+  va_copy(again, args);
+  char text[1024];
+  const int n = FormatV(text, sizeof text, format, args);
+  if (n >= 0 && static_cast<size_t>(n) < sizeof text)
+    fwrite(text, 1, static_cast<size_t>(n), stream);
+  else if (n >= 0)
+    trio_vfprintf(stream, format, again);
+  va_end(again);
+}
+
 void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withError, const char *format,
                     va_list args) {
   const char *errorText = nullptr;
@@ -128,7 +143,7 @@ void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withErr
   }
   if (g_logPid.load(std::memory_order_relaxed))
     trio_fprintf(stream, "[%I64u] ", static_cast<unsigned long long>(os::ProcessId()));
-  trio_vfprintf(stream, format, args);
+  WriteFormatted(stream, format, args);
   if (withError) trio_fprintf(stream, ": %s", errorText ? errorText : "");
   fputs("\r\n", stream);
   fflush(stream);
