@@ -9,7 +9,10 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "internal/array_view.h"
 #include "internal/context.h"
@@ -102,6 +105,99 @@ inline const unsigned char *ScanTo(const unsigned char *p, uint8_t end) {
 }
 inline bool IsHex(uint8_t c) { return kBytes.bits[c] & kHex; }
 
+// ---- scanning 16 bytes at a time ------------------------------------------------------
+//
+// The texts are NUL-terminated with no known length. Loads are 16-byte
+// aligned, so a load never reaches into a page the text does not touch; the
+// bytes after the NUL that it reads are never used. The address sanitizer,
+// which would see those bytes, is told that these loads are deliberate.
+
+#if defined(__SSE2__)
+#define KZ_URL_SIMD 1
+#if defined(__clang__) || defined(__GNUC__)
+#define KZ_UNCHECKED_LOADS __attribute__((no_sanitize_address))
+#else
+#define KZ_UNCHECKED_LOADS
+#endif
+
+// Bit i set when byte i of the block is one of the component's stops.
+struct StopBytes {
+  // Bytes copied as they are: 0x21-0x7e except '"', '#', '%', '<' and '>'.
+  // Everything else stops a run, and so do the component's own end bytes.
+  __m128i extra1, extra2;  // '?' and '/' for paths and segments, else NUL again
+
+  explicit StopBytes(uint8_t endClass)
+      : extra1(_mm_set1_epi8(endClass & (kEndPath | kEndSegment) ? '?' : 0)),
+        extra2(_mm_set1_epi8(endClass & kEndSegment ? '/' : 0)) {}
+
+  unsigned Mask(__m128i v) const {
+    const __m128i printable =
+        _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(0x20)), _mm_cmplt_epi8(v, _mm_set1_epi8(0x7f)));
+    __m128i special = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('"')), _mm_cmpeq_epi8(v, _mm_set1_epi8('#')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, _mm_set1_epi8('%')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, _mm_set1_epi8('<')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, _mm_set1_epi8('>')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, extra1));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, extra2));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_andnot_si128(special, printable))) ^ 0xFFFFu;
+  }
+};
+
+// The authority's end ("/", "?", "#" or the NUL), and with '@' its first "@".
+struct AuthorityBytes {
+  bool at;
+  unsigned Mask(__m128i v) const {
+    __m128i hit = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('/')), _mm_cmpeq_epi8(v, _mm_set1_epi8('?')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('#')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_setzero_si128()));
+    if (at) hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('@')));
+    return static_cast<unsigned>(_mm_movemask_epi8(hit));
+  }
+};
+
+// The first byte from p that the class stops at; the class must stop at NUL.
+template <typename Class>
+KZ_UNCHECKED_LOADS inline const unsigned char *FindFirst(const unsigned char *p, const Class &stops) {
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+  const unsigned char *block = p - offset;
+  unsigned mask = stops.Mask(_mm_load_si128(reinterpret_cast<const __m128i *>(block))) >> offset;
+  if (mask) return p + __builtin_ctz(mask);
+  for (;;) {
+    block += 16;
+    mask = stops.Mask(_mm_load_si128(reinterpret_cast<const __m128i *>(block)));
+    if (mask) return block + __builtin_ctz(mask);
+  }
+}
+
+// Classes of the bytes of [p, p + n), n <= 48, one bit per byte: the
+// lower-case letters and '-', the digits, and '.'.
+struct HostBits {
+  uint64_t nameLike = 0, digit = 0, dot = 0;
+};
+
+KZ_UNCHECKED_LOADS inline HostBits ClassifyHost(const unsigned char *p, size_t n) {
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+  const unsigned char *block = p - offset;
+  HostBits bits;
+  for (unsigned shift = 0; shift < offset + n; shift += 16, block += 16) {
+    const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+    const __m128i lower =
+        _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('z' + 1)));
+    const __m128i digit =
+        _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('9' + 1)));
+    const __m128i nameLike = _mm_or_si128(lower, _mm_cmpeq_epi8(v, _mm_set1_epi8('-')));
+    bits.nameLike |= uint64_t(unsigned(_mm_movemask_epi8(nameLike))) << shift;
+    bits.digit |= uint64_t(unsigned(_mm_movemask_epi8(digit))) << shift;
+    bits.dot |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('.'))))) << shift;
+  }
+  const uint64_t span = (n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1);
+  bits.nameLike = bits.nameLike >> offset & span;
+  bits.digit = bits.digit >> offset & span;
+  bits.dot = bits.dot >> offset & span;
+  return bits;
+}
+#endif
+
 using Bytes = kz::ArrayView<UByteArray>;
 
 Bytes View(UByteArray &array) { return kz::View(array, kSource, 0); }
@@ -155,13 +251,36 @@ const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_
   constexpr uint32_t kChunk = 256;
   unsigned char *w = out.elements + out.count;
   unsigned char *limit = out.elements + out.capacity;
-  for (; !(kBytes.ends[*p] & endClass); ++p) {
-    if (limit - w < 3) {
+  auto reserve = [&](size_t n) {
+    if (static_cast<size_t>(limit - w) >= n) return;
+    out.count = static_cast<uint32_t>(w - out.elements);
+    View(out).Reserve(uint64_t(out.count) + n + kChunk);
+    w = out.elements + out.count;
+    limit = out.elements + out.capacity;
+  };
+#if KZ_URL_SIMD
+  // Runs of bytes that are copied as they are go in one piece; the byte that
+  // stops a run ends the component or is encoded on its own.
+  const StopBytes stops(endClass);
+  for (;;) {
+    const unsigned char *stop = FindFirst(p, stops);
+    const size_t run = static_cast<size_t>(stop - p);
+    reserve(run + 3);
+    std::memcpy(w, p, run);
+    w += run;
+    p = stop;
+    if (kBytes.ends[*p] & endClass) break;
+    unsigned char *next = EncodeByte(w, p);
+    if (!next) {
       out.count = static_cast<uint32_t>(w - out.elements);
-      View(out).Reserve(uint64_t(out.count) + kChunk);
-      w = out.elements + out.count;
-      limit = out.elements + out.capacity;
+      return nullptr;
     }
+    w = next;
+    ++p;
+  }
+#else
+  for (; !(kBytes.ends[*p] & endClass); ++p) {
+    reserve(3);
     unsigned char *next = EncodeByte(w, p);
     if (!next) {
       out.count = static_cast<uint32_t>(w - out.elements);
@@ -169,6 +288,7 @@ const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_
     }
     w = next;
   }
+#endif
   out.count = static_cast<uint32_t>(w - out.elements);
   return p;
 }
@@ -178,19 +298,46 @@ void AppendBytes(UByteArray &out, const void *bytes, size_t n) {
 }
 
 bool IsDigit(uint8_t c) { return c >= '0' && c <= '9'; }
+
+// The first n bytes of text spell the lower-case name in either case (ASCII
+// letters only, as the C locale compares them).
+inline bool SameLetters(const char *name, const unsigned char *text, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    const uint8_t c = text[i];
+    const uint8_t lower = static_cast<uint8_t>(c >= 'A' && c <= 'Z' ? c + 0x20 : c);
+    if (lower != static_cast<uint8_t>(name[i])) return false;
+  }
+  return true;
+}
 bool IsLetter(uint8_t c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; }
 
 // ---- authority ------------------------------------------------------------------
 
-// Parses "//" [user "@"] host [":" port] from [begin, end) into the record.
-bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *end,
+// Port: digits only, 1..65535; none (or nothing after ":") is the default.
+bool ParsePort(URL &url, const unsigned char *p, const unsigned char *end, bool portFollows) {
+  uint32_t port = kSchemes[url.u_scheme].defaultPort;
+  if (portFollows && p < end) {
+    port = 0;
+    for (; p < end; ++p) {
+      if (!IsDigit(*p)) return false;
+      port = port * 10 + (*p - '0');
+      if (port > 65535) return false;
+    }
+    if (port == 0) return false;
+  }
+  url.u_port = static_cast<uint16_t>(port);
+  return true;
+}
+
+// Parses "//" [user "@"] host [":" port] from [begin, end) into the record;
+// at is the first "@" in it, or null.
+bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *end, const unsigned char *at,
                     bool eightBitHost) {
   const unsigned char *p = begin + 2;
 
   // User info: everything before the first "@", with unsafe bytes escaped
   // (a "%" is taken as it is here).
   url.u_user.count = 0;
-  const unsigned char *at = static_cast<const unsigned char *>(std::memchr(p, '@', end - p));
   if (at) {
     Bytes user = View(url.u_user);
     user.Reserve(3 * uint64_t(at - p) + 1);
@@ -218,6 +365,38 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
   Bytes host = View(url.u_host);
   host.Reserve(uint64_t(end - p) + 1);
   const unsigned char *hostStart = p;
+#if KZ_URL_SIMD
+  // Nearly every host is a lower-case name: letters, digits, "-" and ".",
+  // with a letter or "-" somewhere (so no dotted quad), no empty label and no
+  // label starting with "-". Such a name is checked 16 bytes at a time and
+  // copied whole; anything else takes the byte-by-byte rules below, which
+  // give the same result for these names.
+  if (end - p <= 48) {
+    const auto *colon = static_cast<const unsigned char *>(std::memchr(p, ':', end - p));
+    const unsigned char *hostEnd = colon ? colon : end;
+    const size_t n = static_cast<size_t>(hostEnd - p);
+    if (n > 0) {
+      const HostBits bits = ClassifyHost(p, n);
+      const uint64_t span = (uint64_t{1} << n) - 1;
+      if ((bits.nameLike | bits.digit | bits.dot) == span && bits.nameLike != 0) {
+        // Labels start at 0 and after each ".": none may start with "." or "-".
+        const uint64_t starts = (1 | bits.dot << 1) & span;
+        bool startsOk = (starts & bits.dot) == 0;
+        for (uint64_t rest = starts; startsOk && rest; rest &= rest - 1) startsOk = p[__builtin_ctzll(rest)] != '-';
+        if (startsOk) {
+          const size_t kept = p[n - 1] == '.' ? n - 1 : n;  // a single trailing dot goes
+          std::memcpy(url.u_host.elements, p, kept);
+          url.u_host.count = static_cast<uint32_t>(kept);
+          host.Append('\0');
+          p = hostEnd;
+          const bool portFollows = p < end;  // at the ":"
+          if (portFollows) ++p;
+          return ParsePort(url, p, end, portFollows);
+        }
+      }
+    }
+  }
+#endif
   for (; p < end; ++p) {
     uint8_t c = *p;
     if (bracket == kClosed) {
@@ -295,19 +474,7 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
   if (url.u_host.count == 0 && url.u_scheme != SCHEME_FILE) return false;
   View(url.u_host).Append('\0');
 
-  // Port: digits only, 1..65535; none (or nothing after ":") is the default.
-  uint32_t port = kSchemes[url.u_scheme].defaultPort;
-  if (portFollows && p < end) {
-    port = 0;
-    for (; p < end; ++p) {
-      if (!IsDigit(*p)) return false;
-      port = port * 10 + (*p - '0');
-      if (port > 65535) return false;
-    }
-    if (port == 0) return false;
-  }
-  url.u_port = static_cast<uint16_t>(port);
-  return true;
+  return ParsePort(url, p, end, portFollows);
 }
 
 // ---- paths --------------------------------------------------------------------------
@@ -495,8 +662,7 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   if (text[n] == ':') {
     int32_t scheme = -1;
     for (int32_t i = 0; i < SCHEME_NUM; ++i) {
-      if (kSchemes[i].length == n &&
-          strncasecmp(kSchemes[i].name, reinterpret_cast<const char *>(text), n) == 0) {
+      if (kSchemes[i].length == n && SameLetters(kSchemes[i].name, text, n)) {
         scheme = i;
         break;
       }
@@ -515,8 +681,18 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   // Authority.
   bool hasAuthority = false;
   if (p[0] == '/' && p[1] == '/') {
+#if KZ_URL_SIMD
+    const unsigned char *end = FindFirst(p + 2, AuthorityBytes{true});
+    const unsigned char *at = nullptr;
+    if (*end == '@') {
+      at = end;
+      end = FindFirst(end + 1, AuthorityBytes{false});
+    }
+#else
     const unsigned char *end = ScanTo(p + 2, kEndAuthority);
-    if (!ParseAuthority(url, p, end, eightBitHost)) return Fail(786, "invalid authority");
+    const auto *at = static_cast<const unsigned char *>(std::memchr(p + 2, '@', end - (p + 2)));
+#endif
+    if (!ParseAuthority(url, p, end, at, eightBitHost)) return Fail(786, "invalid authority");
     hasAuthority = true;
     p = end;
   } else if (hasScheme) {
@@ -673,7 +849,8 @@ KZ_API uint32_t URLSchemePort(uint32_t scheme) {
 KZ_API int URLParseScheme(const char *name, int32_t *scheme) {
   size_t length = std::strlen(name);
   for (int32_t i = 0; i < SCHEME_NUM; ++i) {
-    if (kSchemes[i].length == length && strcasecmp(kSchemes[i].name, name) == 0) {
+    if (kSchemes[i].length == length &&
+        SameLetters(kSchemes[i].name, reinterpret_cast<const unsigned char *>(name), length)) {
       *scheme = i;
       return 1;
     }
