@@ -68,10 +68,6 @@ inline uint64_t LoadLittle64(const unsigned char *p) {
   return w;
 }
 
-inline uint64_t ByteStep(uint64_t value, unsigned char byte) {
-  return ((uint64_t{byte} << 56) | (value >> 8)) ^ g_table[7][value & 255];
-}
-
 // value * x^64 mod F.
 inline uint64_t WordReduce(uint64_t value) {
   return g_table[0][value & 255] ^ g_table[1][(value >> 8) & 255] ^ g_table[2][(value >> 16) & 255] ^
@@ -101,13 +97,20 @@ uint64_t PowerEntry(unsigned i) { return g_power[i]; }
 uint64_t TableEntry(unsigned k, unsigned byte) { return g_table[k][byte]; }
 
 uint64_t ExtendTables(uint64_t value, const unsigned char *p, size_t n) {
-  while (n > 0 && (reinterpret_cast<uintptr_t>(p) & 7) != 0) {
-    value = ByteStep(value, *p++);
-    n--;
-  }
   for (; n >= 8; p += 8, n -= 8) value = LoadLittle64(p) ^ WordReduce(value);
-  for (; n > 0; n--) value = ByteStep(value, *p++);
-  return value;
+  if (n == 0) return value;
+  // The last n < 8 bytes in one step, value * x^(8n) + tail mod F: byte j of
+  // value (j < n) is pushed past x^63 and reduces through table j + 8 - n (as
+  // in WordReduce, n bytes further along), the rest moves down 8n bits, and
+  // the tail bytes land on the top 8n bits as n byte steps would put them.
+  const unsigned shift = 8 * static_cast<unsigned>(n);
+  uint64_t tail = 0;
+  uint64_t reduced = 0;
+  for (unsigned j = 0; j < n; j++) {
+    tail |= uint64_t{p[j]} << (8 * j);
+    reduced ^= g_table[j + 8 - n][(value >> (8 * j)) & 255];
+  }
+  return (value >> shift) ^ (tail << (64 - shift)) ^ reduced;
 }
 
 #if defined(KZ_FINGERPRINT_HAVE_CLMUL)

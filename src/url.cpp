@@ -196,6 +196,40 @@ KZ_UNCHECKED_LOADS inline HostBits ClassifyHost(const unsigned char *p, size_t n
   bits.dot = bits.dot >> offset & span;
   return bits;
 }
+
+// Whether normalising a path of n bytes changes anything before the default
+// documents: a "/" followed by "." (a dot segment, or maybe one), by "/" when
+// empty segments go (full), or an upper-case byte when letters are lowered
+// (full; every byte from 0xC0 up counts, to be safe). Windows of 48 bytes
+// overlap by one, so every pair of neighbours lies in one of them.
+KZ_UNCHECKED_LOADS inline bool PathNeedsWork(const unsigned char *path, size_t n, bool full) {
+  for (size_t start = 0; start < n; start += 47) {
+    const size_t length = n - start < 48 ? n - start : 48;
+    const unsigned char *p = path + start;
+    const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+    const unsigned char *block = p - offset;
+    uint64_t slash = 0, dot = 0, upper = 0;
+    for (unsigned shift = 0; shift < offset + length; shift += 16, block += 16) {
+      const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+      slash |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('/'))))) << shift;
+      dot |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('.'))))) << shift;
+      if (full) {
+        const __m128i ascii =
+            _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
+        const __m128i latin = _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(0xBF))),
+                                            _mm_cmplt_epi8(v, _mm_setzero_si128()));
+        upper |= uint64_t(unsigned(_mm_movemask_epi8(_mm_or_si128(ascii, latin)))) << shift;
+      }
+    }
+    const uint64_t span = (uint64_t{1} << length) - 1;
+    slash = slash >> offset & span;
+    dot = dot >> offset & span;
+    upper = upper >> offset & span;
+    const uint64_t follows = full ? (slash | dot) : dot;
+    if (upper || (slash & (follows >> 1))) return true;
+  }
+  return false;
+}
 #endif
 
 using Bytes = kz::ArrayView<UByteArray>;
@@ -1078,6 +1112,14 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
   enum { kSegment, kSlash, kDot, kDotDot } state = kSegment;
   const unsigned char *s = src.u_path.elements;
   const unsigned char *end = s + src.u_path.count - 1;
+#if KZ_URL_SIMD
+  // Most paths are normal already: one check, one copy.
+  if (!PathNeedsWork(s, static_cast<size_t>(end - s), full)) {
+    std::memcpy(out, s, static_cast<size_t>(end - s));
+    n = static_cast<uint32_t>(end - s);
+    goto done;
+  }
+#endif
   for (; s < end; ++s) {
     uint8_t c = *s;
     switch (state) {

@@ -23,8 +23,8 @@ void InitTables();
 uint64_t PowerEntry(unsigned i);
 uint64_t TableEntry(unsigned k, unsigned byte);
 
-// Byte steps up to an 8-byte aligned address, then 8 bytes per step through
-// the eight tables, then the last bytes one at a time. No end fold.
+// 8 bytes per step through the eight tables, then the last 0-7 bytes in one
+// step through as many tables. No end fold.
 uint64_t ExtendTables(uint64_t value, const unsigned char *p, size_t n);
 
 #if defined(__x86_64__)
