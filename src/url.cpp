@@ -155,6 +155,17 @@ struct AuthorityBytes {
   }
 };
 
+// The scheme name's end: ":", "/", "?", "#" or the NUL.
+struct SchemeBytes {
+  unsigned Mask(__m128i v) const {
+    __m128i hit = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8(':')), _mm_cmpeq_epi8(v, _mm_set1_epi8('/')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('?')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('#')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_setzero_si128()));
+    return static_cast<unsigned>(_mm_movemask_epi8(hit));
+  }
+};
+
 // The first byte from p that the class stops at; the class must stop at NUL.
 template <typename Class>
 KZ_UNCHECKED_LOADS inline const unsigned char *FindFirst(const unsigned char *p, const Class &stops) {
@@ -172,7 +183,7 @@ KZ_UNCHECKED_LOADS inline const unsigned char *FindFirst(const unsigned char *p,
 // Classes of the bytes of [p, p + n), n <= 48, one bit per byte: the
 // lower-case letters and '-', the digits, and '.'.
 struct HostBits {
-  uint64_t nameLike = 0, digit = 0, dot = 0;
+  uint64_t nameLike = 0, digit = 0, dot = 0, hyphen = 0;
 };
 
 KZ_UNCHECKED_LOADS inline HostBits ClassifyHost(const unsigned char *p, size_t n) {
@@ -185,7 +196,9 @@ KZ_UNCHECKED_LOADS inline HostBits ClassifyHost(const unsigned char *p, size_t n
         _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('z' + 1)));
     const __m128i digit =
         _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('9' + 1)));
-    const __m128i nameLike = _mm_or_si128(lower, _mm_cmpeq_epi8(v, _mm_set1_epi8('-')));
+    const __m128i hyphen = _mm_cmpeq_epi8(v, _mm_set1_epi8('-'));
+    const __m128i nameLike = _mm_or_si128(lower, hyphen);
+    bits.hyphen |= uint64_t(unsigned(_mm_movemask_epi8(hyphen))) << shift;
     bits.nameLike |= uint64_t(unsigned(_mm_movemask_epi8(nameLike))) << shift;
     bits.digit |= uint64_t(unsigned(_mm_movemask_epi8(digit))) << shift;
     bits.dot |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('.'))))) << shift;
@@ -194,6 +207,7 @@ KZ_UNCHECKED_LOADS inline HostBits ClassifyHost(const unsigned char *p, size_t n
   bits.nameLike = bits.nameLike >> offset & span;
   bits.digit = bits.digit >> offset & span;
   bits.dot = bits.dot >> offset & span;
+  bits.hyphen = bits.hyphen >> offset & span;
   return bits;
 }
 
@@ -415,9 +429,7 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
       if ((bits.nameLike | bits.digit | bits.dot) == span && bits.nameLike != 0) {
         // Labels start at 0 and after each ".": none may start with "." or "-".
         const uint64_t starts = (1 | bits.dot << 1) & span;
-        bool startsOk = (starts & bits.dot) == 0;
-        for (uint64_t rest = starts; startsOk && rest; rest &= rest - 1) startsOk = p[__builtin_ctzll(rest)] != '-';
-        if (startsOk) {
+        if ((starts & (bits.dot | bits.hyphen)) == 0) {
           const size_t kept = p[n - 1] == '.' ? n - 1 : n;  // a single trailing dot goes
           std::memcpy(url.u_host.elements, p, kept);
           url.u_host.count = static_cast<uint32_t>(kept);
@@ -690,7 +702,11 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   SetEmptyText(url.u_fragment);
 
   // Scheme.
+#if KZ_URL_SIMD
+  size_t n = FindFirst(text, SchemeBytes{}) - text;
+#else
   size_t n = ScanTo(text, kEndScheme) - text;
+#endif
   const unsigned char *p = text;
   bool hasScheme = false;
   if (text[n] == ':') {
@@ -1128,6 +1144,21 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
         auto *slash = static_cast<const unsigned char *>(std::memchr(s, '/', end - s));
         const unsigned char *stop = slash ? slash : end;
         if (full) {
+#if KZ_URL_SIMD
+          // Sixteen bytes at a time while they last: the output never runs
+          // ahead of the input, so the stores stay within the reserved path.
+          for (; stop - s >= 16; s += 16, n += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s));
+            const __m128i ascii =
+                _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
+            const __m128i latin =
+                _mm_andnot_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8(static_cast<char>(0xD7))),
+                                 _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(0xBF))),
+                                               _mm_cmplt_epi8(v, _mm_set1_epi8(static_cast<char>(0xDF)))));
+            const __m128i lowered = _mm_add_epi8(v, _mm_and_si128(_mm_or_si128(ascii, latin), _mm_set1_epi8(0x20)));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + n), lowered);
+          }
+#endif
           for (; s < stop; ++s) out[n++] = kBytes.latin1Lower[*s];
         } else {
           std::memcpy(out + n, s, stop - s);
@@ -1190,12 +1221,25 @@ done:
   bool noQuery = dst.u_query.count == 1;
   for (;;) {
     uint32_t length = path.count - 1;
+    // Only a last segment of 9-11 bytes can be a default document: look for
+    // its "/" among the last 12 bytes instead of walking a long segment back.
+    const uint32_t nearest = length > 12 ? length - 12 : 0;
     uint32_t segment = length;
-    while (segment > 0 && path.elements[segment - 1] != '/') --segment;
+#if KZ_URL_SIMD
+    if (length >= 16) {
+      // The "/" bits of the last 16 bytes; the last 12 of them are positions 4-15.
+      const __m128i tail = _mm_loadu_si128(reinterpret_cast<const __m128i *>(path.elements + length - 16));
+      const unsigned slashes = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(tail, _mm_set1_epi8('/')))) & 0xFFF0u;
+      if (!slashes) break;  // a last segment of 12 bytes or more
+      segment = length - 16 + (31 - __builtin_clz(slashes)) + 1;
+    }
+#endif
+    while (segment > nearest && path.elements[segment - 1] != '/') --segment;
+    if (segment == nearest && nearest > 0) break;  // a last segment of 12 bytes or more
     uint32_t segmentLength = length - segment;
     bool cut = false;
     for (const auto &document : kDefaultDocuments) {
-      if (document.length == segmentLength &&
+      if (document.length == segmentLength && path.elements[segment] == document.name[0] &&
           std::memcmp(path.elements + segment, document.name, segmentLength) == 0) {
         cut = true;
         break;
