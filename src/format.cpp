@@ -2,12 +2,15 @@
 // directly) and bounded string copies.
 #include "kz/format.h"
 
+#include <errno.h>
 #include <float.h>
 #include <math.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <trio.h>
+
+#include <atomic>
 
 #include "internal/array_view.h"
 #include "internal/format.h"
@@ -239,14 +242,20 @@ int IntegerDigits(long double integral) {
 }
 
 // The decimal point trio writes, learnt once from trio itself (it reads the
-// locale once, on its first use); 0 when it is not a single character.
+// locale once, on its first use); 0 when it is not a single character. An
+// atomic rather than a guarded static: callers never wait, and errno is kept.
 char TrioDecimalPoint() {
-  static const char point = [] {
+  static std::atomic<int> point{-1};
+  int known = point.load(std::memory_order_relaxed);
+  if (known < 0) {
+    const int saved = errno;
     char text[8];
     const int n = trio_snprintf(text, sizeof text, "%#.0f", 0.0);
-    return n == 2 ? text[1] : '\0';
-  }();
-  return point;
+    errno = saved;
+    known = n == 2 ? static_cast<unsigned char>(text[1]) : 0;
+    point.store(known, std::memory_order_relaxed);
+  }
+  return static_cast<char>(known);
 }
 
 // trio's fixed-point writer ("%f", "%F"), with its long double arithmetic
