@@ -8,8 +8,15 @@
 //   libcurl    curl_url_set(CURLUPART_URL) + curl_url_get(CURLUPART_URL) of
 //              the whole URL on one reused CURLU handle, then curl_free
 //   GLib       g_uri_parse + g_uri_to_string + g_free + g_uri_unref
+//   ada        ada::parse<ada::url_aggregator> + get_href (when built with
+//              KZ_ADA_DIR, see bench/CMakeLists.txt), against kzlib's
+//              URLParse3 + URLPrint ("_VsParsePrint") and against the parse +
+//              normalise + fingerprint loop ("_VsFingerprint")
 //
-// The corpus comes from scripts/gen-urls (written into the build directory
+// Two corpora: the shared list of real URLs (../shared/data/urls-kasztp.txt,
+// the "_Real" rows, skipped when absent; the lines kzlib parses as absolute
+// URLs, and that ada parses too when it is compared) and the generated one.
+// The generated corpus comes from scripts/gen-urls (written into the build directory
 // when this benchmark is built). It also holds relative references and
 // invalid lines; a comparison only makes sense where every library does the
 // whole job, so the URL benchmarks use only the lines that all three accept
@@ -47,6 +54,9 @@
 #endif
 #ifdef KZ_BENCH_HAVE_GLIB
 #include <glib.h>
+#endif
+#ifdef KZ_BENCH_HAVE_ADA
+#include <ada.h>
 #endif
 
 namespace {
@@ -235,6 +245,117 @@ void BM_GLibUri(benchmark::State &state) {
 
 BENCHMARK(BM_GLibUri<false>)->Name("BM_GLibUri")->UseManualTime();
 BENCHMARK(BM_GLibUri<true>)->Name("BM_GLibUri_VsPrint")->UseManualTime();
+#endif
+
+// ---- ada, and the real URL list --------------------------------------------------------
+
+// Parse every URL and print the parsed record (no normalisation).
+void KzParsePrintLoop(const std::vector<std::string> &urls, KzRecords &r) {
+    uint64_t sum = 0;
+    for (const std::string &text : urls)
+        if (URLParse3(text.c_str(), r.url, nullptr, 1, 1, 0))
+            sum += static_cast<unsigned char>(URLPrint(&r.printed, r.url)[0]);
+    benchmark::DoNotOptimize(sum);
+}
+
+#ifdef KZ_BENCH_HAVE_ADA
+bool AdaAccepts(const std::string &text) { return ada::parse<ada::url_aggregator>(text).has_value(); }
+
+void AdaRoundTrips(const std::vector<std::string> &urls) {
+    uint64_t sum = 0;
+    for (const std::string &text : urls) {
+        auto url = ada::parse<ada::url_aggregator>(text);
+        if (url) sum += static_cast<unsigned char>(url->get_href()[0]);
+    }
+    benchmark::DoNotOptimize(sum);
+}
+#endif
+
+struct RealUrls {
+    std::vector<std::string> urls;  // parsed by kzlib (and ada when compared)
+    size_t lines = 0, kz = 0, ada = 0;
+};
+
+const RealUrls &TheRealUrls() {
+    static const RealUrls real = [] {
+        RealUrls r;
+        std::ifstream in(KZ_BENCH_DATA "/urls-kasztp.txt", std::ios::binary);
+        if (!in) return r;
+        URL *url = URLNew();
+        std::string line;
+        while (std::getline(in, line)) {
+            if (line.empty()) continue;
+            ++r.lines;
+            bool all = KzAccepts(line, url);
+            r.kz += all;
+#ifdef KZ_BENCH_HAVE_ADA
+            const bool ada = AdaAccepts(line);
+            r.ada += ada;
+            all = all && ada;
+#endif
+            if (all) r.urls.push_back(line);
+        }
+        URLDelete(url);
+        std::fprintf(stderr, "real urls %s: %zu lines; parsed by kzlib %zu, ada %zu; used below %zu\n",
+                     KZ_BENCH_DATA "/urls-kasztp.txt", r.lines, r.kz, r.ada, r.urls.size());
+        return r;
+    }();
+    return real;
+}
+
+bool NeedRealUrls(benchmark::State &state) {
+    const RealUrls &r = TheRealUrls();
+    if (r.urls.empty()) {
+        state.SkipWithError("no real URL list (" KZ_BENCH_DATA "/urls-kasztp.txt)");
+        return false;
+    }
+    state.counters["urls"] = static_cast<double>(r.urls.size());
+    return true;
+}
+
+// kzlib alone on the real list: parse + print, and parse + normalise + fingerprint.
+void BM_KzParsePrint_Real(benchmark::State &state) {
+    if (!NeedRealUrls(state)) return;
+    const auto &urls = TheRealUrls().urls;
+    KzRecords r;
+    for (auto _ : state) KzParsePrintLoop(urls, r);
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
+}
+
+void BM_KzUrlFingerprint_Real(benchmark::State &state) {
+    if (!NeedRealUrls(state)) return;
+    const auto &urls = TheRealUrls().urls;
+    KzRecords r;
+    for (auto _ : state) KzLoop<false>(urls, r);
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
+}
+
+BENCHMARK(BM_KzParsePrint_Real);
+BENCHMARK(BM_KzUrlFingerprint_Real);
+
+#ifdef KZ_BENCH_HAVE_ADA
+// ada's parse + href against kzlib's parse + print (Fingerprint false) or
+// parse + normalise + fingerprint (true), on the real list or the generated
+// corpus.
+template <bool Real, bool Fingerprint>
+void BM_AdaHref(benchmark::State &state) {
+    if (Real ? !NeedRealUrls(state) : !NeedCorpus(state)) return;
+    const auto &urls = Real ? TheRealUrls().urls : TheCorpus().urls;
+    KzRecords r;
+    Versus(
+        state,
+        [&] {
+            if constexpr (Fingerprint) KzLoop<false>(urls, r);
+            else KzParsePrintLoop(urls, r);
+        },
+        [&] { AdaRoundTrips(urls); });
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(urls.size()));
+}
+
+BENCHMARK(BM_AdaHref<true, false>)->Name("BM_AdaHref_VsParsePrint_Real")->UseManualTime();
+BENCHMARK(BM_AdaHref<true, true>)->Name("BM_AdaHref_VsFingerprint_Real")->UseManualTime();
+BENCHMARK(BM_AdaHref<false, false>)->Name("BM_AdaHref_VsParsePrint")->UseManualTime();
+BENCHMARK(BM_AdaHref<false, true>)->Name("BM_AdaHref_VsFingerprint")->UseManualTime();
 #endif
 
 // ---- fingerprint throughput -----------------------------------------------------------------
