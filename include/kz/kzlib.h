@@ -18,5 +18,7 @@
 #include "kz/addr.h"
 #include "kz/url.h"
 #include "kz/random.h"
+#include "kz/config.h"
+#include "kz/env.h"
 
 #endif /* KZ_KZLIB_H */
