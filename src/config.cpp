@@ -315,6 +315,7 @@ void PrefixRange(const char *prefix, uint32_t *start, uint32_t *count) {
 void RemoveRange(const char *prefix, EntryArray *removed) {
   uint32_t start, count;
   PrefixRange(prefix, &start, &count);
+  if (count == 0) return;
   EntryArray &table = g_store.entries;
   for (uint32_t i = start; i < start + count; i++) {
     if (removed)

@@ -521,7 +521,9 @@ TEST_F(Store, PseudoKeys) {
   EXPECT_EQ(GetString("@kzmajor"), "6");
   EXPECT_EQ(GetString("@kzminor"), "3");
   EXPECT_EQ(GetString("@kzbuild"), "20826");
-  if (KZVersionBranch() == 0) EXPECT_EQ(GetString("@kzbranch", "none"), "none");
+  if (KZVersionBranch() == 0) {
+    EXPECT_EQ(GetString("@kzbranch", "none"), "none");
+  }
   EXPECT_EQ(GetString("@other", "none"), "none");
   EXPECT_EQ(GetString("@", "none"), "none");
   // '@' keys cannot be created, and a loaded one is never read back.
