@@ -214,9 +214,17 @@ int Tokenize(const unsigned char *bytes, uint32_t length, const char *fileName, 
 
 // ---- the store -----------------------------------------------------------------------
 
+// A key and its value. The key's first 16 bytes are also kept in the entry,
+// packed big-endian and NUL-padded, so most comparisons while sorting and
+// searching never leave the table; the hash serves the lookup index. Key and
+// value share one allocation until the value is replaced.
 struct Entry {
   char *key;
   char *value;
+  uint64_t head[2];
+  uint64_t sortHead[2];  // head words after the part all keys share, while sorting
+  uint32_t hash;
+  uint32_t keyLength;
 };
 struct EntryArray {
   Entry *elements;
@@ -246,40 +254,166 @@ class Hold {
   Hold &operator=(const Hold &) = delete;
 };
 
-inline int Compare(const char *a, const char *b) { return strcmp(a, b); }  // unsigned bytes
+// A key as the table compares it: its head words and its bytes.
+struct KeyRef {
+  uint64_t head[2];
+  uint32_t hash;
+  uint32_t length;
+  const char *key;
+};
+
+KeyRef MakeKeyRef(const char *key) {
+  KeyRef ref = {{0, 0}, 2166136261u, 0, key};
+  const unsigned char *bytes = reinterpret_cast<const unsigned char *>(key);
+  size_t i = 0;
+  for (; bytes[i]; i++) {
+    if (i < 16) ref.head[i / 8] |= uint64_t(bytes[i]) << (56 - 8 * (i % 8));
+    ref.hash = (ref.hash ^ bytes[i]) * 16777619u;  // FNV-1a
+  }
+  ref.length = static_cast<uint32_t>(i);
+  return ref;
+}
+
+// Unsigned byte order, as strcmp gives it. Keys hold no NUL, so equal heads
+// with a 16th byte of 0 mean both keys ended inside the head.
+inline int CompareKeys(const uint64_t *headA, const char *a, const uint64_t *headB, const char *b) {
+  if (headA[0] != headB[0]) return headA[0] < headB[0] ? -1 : 1;
+  if (headA[1] != headB[1]) return headA[1] < headB[1] ? -1 : 1;
+  if ((headA[1] & 0xFF) == 0) return 0;
+  return strcmp(a + 16, b + 16);
+}
+inline int Compare(const Entry &entry, const KeyRef &ref) {
+  return CompareKeys(entry.head, entry.key, ref.head, ref.key);
+}
+inline int Compare(const Entry &a, const Entry &b) { return CompareKeys(a.head, a.key, b.head, b.key); }
 
 int32_t CompareEntries(const void *a, const void *b, void *) {
-  return Compare(static_cast<const Entry *>(a)->key, static_cast<const Entry *>(b)->key);
+  return Compare(*static_cast<const Entry *>(a), *static_cast<const Entry *>(b));
 }
 
 auto Entries() { return kz::View(g_store.entries, kStoreFile, 0); }
 
+// value null: room for valueLength bytes that the caller fills.
+Entry MakeEntry(const KeyRef &ref, const char *value, size_t valueLength) {
+  char *block = static_cast<char *>(Allocate_(ref.length + valueLength + 2, nullptr, kStoreFile, 0));
+  memcpy(block, ref.key, ref.length + 1);
+  if (value) memcpy(block + ref.length + 1, value, valueLength);
+  block[ref.length + 1 + valueLength] = '\0';
+  return {block, block + ref.length + 1, {ref.head[0], ref.head[1]}, {0, 0}, ref.hash, ref.length};
+}
+
+inline bool ValueSeparate(const Entry &entry) { return entry.value != entry.key + entry.keyLength + 1; }
+
+void SetValue(Entry &entry, const char *value) {
+  char *copy = Strdup_(value, kStoreFile, 0);
+  if (ValueSeparate(entry)) free(entry.value);
+  entry.value = copy;
+}
+
 void FreeEntry(Entry &entry) {
+  if (ValueSeparate(entry)) free(entry.value);
   free(entry.key);
-  free(entry.value);
+}
+
+// ---- the lookup index: open addressing over entry positions ----------------------------
+// Large tables answer exact lookups through a hash index rebuilt lazily after
+// any change that moves entries; small ones are searched directly.
+constexpr uint32_t kIndexMinimum = 64;
+
+struct Index {
+  uint32_t *slots;  // entry position + 1, 0 for empty
+  uint32_t mask;
+  bool valid;
+};
+constinit Index g_index = {};
+
+void IndexInvalidate() { g_index.valid = false; }
+
+void IndexBuild() {
+  const EntryArray &table = g_store.entries;
+  uint32_t size = 1;
+  while (size < table.count * 2u) size <<= 1;
+  if (g_index.mask + 1 != size || !g_index.slots) {
+    free(g_index.slots);
+    g_index.slots = static_cast<uint32_t *>(Allocate_(size * sizeof(uint32_t), nullptr, kStoreFile, 0));
+    g_index.mask = size - 1;
+  }
+  memset(g_index.slots, 0, size * sizeof(uint32_t));
+  for (uint32_t i = 0; i < table.count; i++) {
+    uint32_t slot = table.elements[i].hash & g_index.mask;
+    while (g_index.slots[slot]) slot = (slot + 1) & g_index.mask;
+    g_index.slots[slot] = i + 1;
+  }
+  g_index.valid = true;
 }
 
 // The index of key, or of the first larger key when absent.
-uint32_t LowerBound(const char *key, bool *found) {
+uint32_t LowerBound(const KeyRef &ref, bool *found) {
   uint32_t low = 0, high = g_store.entries.count;
   while (low < high) {
     uint32_t middle = low + (high - low) / 2;
-    if (Compare(g_store.entries.elements[middle].key, key) < 0)
+    if (Compare(g_store.entries.elements[middle], ref) < 0)
       low = middle + 1;
     else
       high = middle;
   }
-  *found = low < g_store.entries.count && Compare(g_store.entries.elements[low].key, key) == 0;
+  *found = low < g_store.entries.count && Compare(g_store.entries.elements[low], ref) == 0;
   return low;
 }
 
+// The position of key in the table, or nullptr.
+Entry *Find(const KeyRef &ref) {
+  const EntryArray &table = g_store.entries;
+  if (table.count < kIndexMinimum) {
+    bool found;
+    uint32_t index = LowerBound(ref, &found);
+    return found ? &table.elements[index] : nullptr;
+  }
+  if (!g_index.valid) IndexBuild();
+  for (uint32_t slot = ref.hash & g_index.mask; g_index.slots[slot]; slot = (slot + 1) & g_index.mask) {
+    Entry &entry = table.elements[g_index.slots[slot] - 1];
+    if (entry.hash == ref.hash && entry.keyLength == ref.length && memcmp(entry.key, ref.key, ref.length) == 0)
+      return &entry;
+  }
+  return nullptr;
+}
+
 // Sorts the table and keeps the first entry of each run of equal keys.
+// Sort head words of the key bytes from offset on (the key is at least offset long).
+void SetSortHead(Entry &entry, uint32_t offset) {
+  entry.sortHead[0] = entry.sortHead[1] = 0;
+  const unsigned char *bytes = reinterpret_cast<const unsigned char *>(entry.key) + offset;
+  for (uint32_t i = 0; i < 16 && bytes[i]; i++) entry.sortHead[i / 8] |= uint64_t(bytes[i]) << (56 - 8 * (i % 8));
+}
+
+int32_t CompareEntriesFrom(const void *a, const void *b, void *context) {
+  const Entry &x = *static_cast<const Entry *>(a), &y = *static_cast<const Entry *>(b);
+  uint32_t offset = *static_cast<const uint32_t *>(context);
+  return CompareKeys(x.sortHead, x.key + offset, y.sortHead, y.key + offset);
+}
+
 void SortUnique() {
   EntryArray &table = g_store.entries;
-  QSort(table.elements, table.count, sizeof(Entry), CompareEntries, nullptr);
+  IndexInvalidate();
+  // Keys of one table often share a long beginning ("server.section..."). The
+  // sort compares head words taken after the part every key shares, so that
+  // most comparisons stay inside the table.
+  uint32_t shared = table.count ? table.elements[0].keyLength : 0;
+  for (uint32_t i = 1; i < table.count && shared; i++) {
+    const char *a = table.elements[0].key, *b = table.elements[i].key;
+    uint32_t n = 0;
+    while (n < shared && a[n] == b[n]) n++;
+    shared = n;
+  }
+  if (shared) {
+    for (uint32_t i = 0; i < table.count; i++) SetSortHead(table.elements[i], shared);
+    QSort(table.elements, table.count, sizeof(Entry), CompareEntriesFrom, &shared);
+  } else {
+    QSort(table.elements, table.count, sizeof(Entry), CompareEntries, nullptr);
+  }
   uint32_t kept = 0;
   for (uint32_t i = 0; i < table.count; i++) {
-    if (kept && Compare(table.elements[kept - 1].key, table.elements[i].key) == 0)
+    if (kept && Compare(table.elements[kept - 1], table.elements[i]) == 0)
       FreeEntry(table.elements[i]);
     else
       table.elements[kept++] = table.elements[i];
@@ -287,16 +421,17 @@ void SortUnique() {
   table.count = kept;
 }
 
-// The entries whose key begins with prefix (all for null or empty).
-void PrefixRange(const char *prefix, uint32_t *start, uint32_t *count) {
+// The entries among the first `sorted` (the sorted part of the table) whose
+// key begins with prefix (all of them for null or empty).
+void PrefixRange(const char *prefix, uint32_t *start, uint32_t *count, uint32_t sorted) {
   EntryArray &table = g_store.entries;
   if (!prefix || !*prefix) {
     *start = 0;
-    *count = table.count;
+    *count = sorted;
     return;
   }
   size_t n = strlen(prefix);
-  uint32_t low = 0, high = table.count;
+  uint32_t low = 0, high = sorted;
   while (low < high) {
     uint32_t middle = low + (high - low) / 2;
     if (strncmp(table.elements[middle].key, prefix, n) < 0)
@@ -305,26 +440,25 @@ void PrefixRange(const char *prefix, uint32_t *start, uint32_t *count) {
       high = middle;
   }
   uint32_t end = low;
-  while (end < table.count && strncmp(table.elements[end].key, prefix, n) == 0) end++;
+  while (end < sorted && strncmp(table.elements[end].key, prefix, n) == 0) end++;
   *start = low;
   *count = end - low;
   if (low + *count > table.count) kzassert_("start + count <= ArrayLength(configEntries)", kStoreFile, 0);
 }
 
 // Takes the prefix range out of the table; into `removed` when given, else freed.
-void RemoveRange(const char *prefix, EntryArray *removed) {
+// Frees the prefix range of the sorted part and closes the gap (entries
+// after the sorted part move down with the rest). Returns how many went.
+uint32_t RemoveRange(const char *prefix, uint32_t sorted) {
   uint32_t start, count;
-  PrefixRange(prefix, &start, &count);
-  if (count == 0) return;
+  PrefixRange(prefix, &start, &count, sorted);
+  if (count == 0) return 0;
+  IndexInvalidate();
   EntryArray &table = g_store.entries;
-  for (uint32_t i = start; i < start + count; i++) {
-    if (removed)
-      kz::View(*removed, kStoreFile, 0).Append(table.elements[i]);
-    else
-      FreeEntry(table.elements[i]);
-  }
+  for (uint32_t i = start; i < start + count; i++) FreeEntry(table.elements[i]);
   memmove(table.elements + start, table.elements + start + count, (table.count - start - count) * sizeof(Entry));
   table.count -= count;
+  return count;
 }
 
 // One change: the serial, the time, and the waiters.
@@ -367,9 +501,8 @@ const char *PseudoValue(const char *key) {
 const char *Lookup(const char *key) {
   if (!key) return nullptr;
   if (key[0] == '@') return PseudoValue(key);
-  bool found;
-  uint32_t index = LowerBound(key, &found);
-  return found ? g_store.entries.elements[index].value : nullptr;
+  Entry *entry = Find(MakeKeyRef(key));
+  return entry ? entry->value : nullptr;
 }
 
 void AppendText(UByteArray &out, const char *text, size_t length) {
@@ -385,8 +518,9 @@ void AppendText(UByteArray &out, const char *text, size_t length) {
 // changed.
 bool SetLocked(const char *key, const char *value, bool replace, UByteArray *oldValue) {
   if (!key) return false;
+  KeyRef ref = MakeKeyRef(key);
   bool found;
-  uint32_t index = LowerBound(key, &found);
+  uint32_t index = LowerBound(ref, &found);
   EntryArray &table = g_store.entries;
   if (!found) {
     if (key[0] == '@') return false;
@@ -396,8 +530,9 @@ bool SetLocked(const char *key, const char *value, bool replace, UByteArray *old
     }
     if (!value) return false;
     Entries().Reserve(uint64_t(table.count) + 1);
+    IndexInvalidate();
     memmove(table.elements + index + 1, table.elements + index, (table.count - index) * sizeof(Entry));
-    table.elements[index] = {Strdup_(key, kStoreFile, 0), Strdup_(value, kStoreFile, 0)};
+    table.elements[index] = MakeEntry(ref, value, strlen(value));
     table.count++;
     return true;
   }
@@ -408,11 +543,10 @@ bool SetLocked(const char *key, const char *value, bool replace, UByteArray *old
   }
   if (value) {
     if (!replace) return false;
-    char *copy = Strdup_(value, kStoreFile, 0);
-    free(entry.value);
-    entry.value = copy;
+    SetValue(entry, value);
     return true;
   }
+  IndexInvalidate();
   FreeEntry(entry);
   memmove(table.elements + index, table.elements + index + 1, (table.count - index - 1) * sizeof(Entry));
   table.count--;
@@ -443,7 +577,7 @@ int EnumerateLocked(KZConfigEnumerator enumerator, void *context, const char *pr
     if (!enumerator(context, pseudo, PseudoValue(pseudo))) return 1;
   }
   uint32_t start, count;
-  PrefixRange(prefix, &start, &count);
+  PrefixRange(prefix, &start, &count, g_store.entries.count);
   // Indexes are checked against the table on each step: an enumerator that
   // breaks the rule and deletes keys ends the walk instead of reading freed entries.
   for (uint32_t i = start; i < start + count && i < g_store.entries.count; i++) {
@@ -461,18 +595,24 @@ int ParseKey(void *, const char *, int line, int argc, char **argv) {
                 static_cast<unsigned>(line), static_cast<unsigned>(argc));
     return 0;
   }
-  size_t length = 0;
-  for (int i = 1; i < argc; i++) length += strlen(argv[i]) + 1;
-  char *value = static_cast<char *>(Allocate_(length, nullptr, kStoreFile, 0));
-  char *end = value;
-  for (int i = 1; i < argc; i++) {
-    size_t n = strlen(argv[i]);
-    memcpy(end, argv[i], n);
-    end += n;
-    *end++ = ' ';
+  KeyRef ref = MakeKeyRef(argv[0]);
+  Entry entry;
+  if (argc == 2) {
+    entry = MakeEntry(ref, argv[1], strlen(argv[1]));
+  } else {
+    size_t length = 0;
+    for (int i = 1; i < argc; i++) length += strlen(argv[i]) + 1;
+    entry = MakeEntry(ref, nullptr, length - 1);  // room for the words and the spaces between them
+    char *end = entry.value;
+    for (int i = 1; i < argc; i++) {
+      size_t n = strlen(argv[i]);
+      memcpy(end, argv[i], n);
+      end += n;
+      if (i + 1 < argc) *end++ = ' ';
+    }
   }
-  end[-1] = '\0';
-  Entries().Append({Strdup_(argv[0], kStoreFile, 0), value});
+  IndexInvalidate();
+  Entries().Append(entry);
   return 1;
 }
 
@@ -527,23 +667,18 @@ KZ_API int ReadConfigFileFromBuffer(const char *buffer, unsigned int length, KZC
 
 KZ_API int LoadConfigurationKeysPrefixed(const char *buffer, unsigned int length, const char *prefix) {
   Hold hold;
-  // Keys removed for the prefix are kept aside until the load has succeeded,
-  // so that a failed load leaves the store as it was.
-  EntryArray removed = {};
-  if (prefix) RemoveRange(prefix, &removed);
+  // The new pairs go behind the sorted table; the prefix range is removed
+  // only once the text has been read, so that a failed load leaves the store
+  // exactly as it was. Nobody can look at the table in between.
   uint32_t before = g_store.entries.count;
   int result = ReadConfigFile_(buffer, length, nullptr, ParseKey, nullptr, 0);
+  IndexInvalidate();
   if (result == 0) {
-    for (uint32_t i = 0; i < removed.count; i++) FreeEntry(removed.elements[i]);
+    if (prefix) RemoveRange(prefix, before);
     SortUnique();
   } else {
     while (g_store.entries.count > before) FreeEntry(g_store.entries.elements[--g_store.entries.count]);
-    if (removed.count) {
-      Entries().Append(removed.elements, removed.count);
-      SortUnique();
-    }
   }
-  ArrayFree_(&removed);
   Changed();
   return result == 0 ? 1 : 0;
 }
@@ -655,7 +790,7 @@ KZ_API int ConfigKeyDelete(const char *key) { return ConfigKeySetString(key, nul
 
 KZ_API int ConfigKeyRemove(const char *prefix) {
   Hold hold;
-  RemoveRange(prefix, nullptr);
+  RemoveRange(prefix, g_store.entries.count);
   Changed();
   return 1;
 }
@@ -678,7 +813,7 @@ KZ_API int ConfigKeyEnumerateAndMerge(KZConfigEnumerator enumerator, KZConfigPro
 KZ_API int ConfigKeyRemoveAndMerge(KZConfigProducer producer, void *context, const char *prefix) {
   Hold hold;
   bool changed = prefix != nullptr;
-  if (prefix) RemoveRange(prefix, nullptr);
+  if (prefix) RemoveRange(prefix, g_store.entries.count);
   if (MergeLocked(producer, context)) changed = true;
   if (!changed) return 0;
   Changed();
