@@ -304,7 +304,10 @@ Entry MakeEntry(const KeyRef &ref, const char *value, size_t valueLength) {
 
 inline bool ValueSeparate(const Entry &entry) { return entry.value != entry.key + entry.keyLength + 1; }
 
+void IndexInvalidate();
+
 void SetValue(Entry &entry, const char *value) {
+  IndexInvalidate();  // the index records where values live
   char *copy = Strdup_(value, kStoreFile, 0);
   if (ValueSeparate(entry)) free(entry.value);
   entry.value = copy;
@@ -320,8 +323,18 @@ void FreeEntry(Entry &entry) {
 // any change that moves entries; small ones are searched directly.
 constexpr uint32_t kIndexMinimum = 64;
 
+// A slot answers a lookup without touching the table: the key's hash, its
+// position + 1 (0: empty slot) with the top bit set when the value lives apart
+// from the key, and the key itself (its value follows it unless apart).
+struct Slot {
+  uint32_t hash;
+  uint32_t position;
+  const char *key;
+};
+constexpr uint32_t kValueApart = 0x80000000u;
+
 struct Index {
-  uint32_t *slots;  // entry position + 1, 0 for empty
+  Slot *slots;
   uint32_t mask;
   bool valid;
 };
@@ -335,14 +348,15 @@ void IndexBuild() {
   while (size < table.count * 2u) size <<= 1;
   if (g_index.mask + 1 != size || !g_index.slots) {
     free(g_index.slots);
-    g_index.slots = static_cast<uint32_t *>(Allocate_(size * sizeof(uint32_t), nullptr, kStoreFile, 0));
+    g_index.slots = static_cast<Slot *>(Allocate_(size * sizeof(Slot), nullptr, kStoreFile, 0));
     g_index.mask = size - 1;
   }
-  memset(g_index.slots, 0, size * sizeof(uint32_t));
+  memset(g_index.slots, 0, size * sizeof(Slot));
   for (uint32_t i = 0; i < table.count; i++) {
-    uint32_t slot = table.elements[i].hash & g_index.mask;
-    while (g_index.slots[slot]) slot = (slot + 1) & g_index.mask;
-    g_index.slots[slot] = i + 1;
+    const Entry &entry = table.elements[i];
+    uint32_t slot = entry.hash & g_index.mask;
+    while (g_index.slots[slot].position) slot = (slot + 1) & g_index.mask;
+    g_index.slots[slot] = {entry.hash, (i + 1) | (ValueSeparate(entry) ? kValueApart : 0), entry.key};
   }
   g_index.valid = true;
 }
@@ -361,19 +375,20 @@ uint32_t LowerBound(const KeyRef &ref, bool *found) {
   return low;
 }
 
-// The position of key in the table, or nullptr.
-Entry *Find(const KeyRef &ref) {
+// The value stored for key, or null.
+const char *FindValue(const KeyRef &ref) {
   const EntryArray &table = g_store.entries;
   if (table.count < kIndexMinimum) {
     bool found;
     uint32_t index = LowerBound(ref, &found);
-    return found ? &table.elements[index] : nullptr;
+    return found ? table.elements[index].value : nullptr;
   }
   if (!g_index.valid) IndexBuild();
-  for (uint32_t slot = ref.hash & g_index.mask; g_index.slots[slot]; slot = (slot + 1) & g_index.mask) {
-    Entry &entry = table.elements[g_index.slots[slot] - 1];
-    if (entry.hash == ref.hash && entry.keyLength == ref.length && memcmp(entry.key, ref.key, ref.length) == 0)
-      return &entry;
+  for (uint32_t i = ref.hash & g_index.mask; g_index.slots[i].position; i = (i + 1) & g_index.mask) {
+    const Slot &slot = g_index.slots[i];
+    if (slot.hash != ref.hash || strcmp(slot.key, ref.key) != 0) continue;
+    if (slot.position & kValueApart) return table.elements[(slot.position & ~kValueApart) - 1].value;
+    return slot.key + ref.length + 1;
   }
   return nullptr;
 }
@@ -501,8 +516,7 @@ const char *PseudoValue(const char *key) {
 const char *Lookup(const char *key) {
   if (!key) return nullptr;
   if (key[0] == '@') return PseudoValue(key);
-  Entry *entry = Find(MakeKeyRef(key));
-  return entry ? entry->value : nullptr;
+  return FindValue(MakeKeyRef(key));
 }
 
 void AppendText(UByteArray &out, const char *text, size_t length) {
