@@ -427,6 +427,17 @@ TEST_F(Store, HundredThousandKeysLoadAndAnswer) {
   EXPECT_EQ(ConfigKeyGetInt("t.big.100000", -1), -1);
   EXPECT_EQ(Table("t.big.1234").size(), 11u);  // 1234 and 12340..12349
   ExpectSortedUnique("t.big.");
+  // Lookups stay right after each kind of change to a large table.
+  EXPECT_EQ(ConfigKeyDelete("t.big.500"), 1);
+  EXPECT_EQ(ConfigKeyGetInt("t.big.500", -1), -1);
+  EXPECT_EQ(ConfigKeyReplaceString("t.big.501", "replaced"), 1);
+  EXPECT_EQ(GetString("t.big.501"), "replaced");
+  EXPECT_EQ(ConfigKeyAddString("t.big.a", "new"), 1);
+  EXPECT_EQ(GetString("t.big.a"), "new");
+  EXPECT_EQ(ConfigKeyGetInt("t.big.502", -1), 502 * 7);
+  EXPECT_EQ(ConfigKeyRemove("t.big.9"), 1);
+  EXPECT_EQ(ConfigKeyGetInt("t.big.99999", -1), -1);
+  EXPECT_EQ(ConfigKeyGetInt("t.big.88888", -1), 88888 * 7);
 }
 
 TEST_F(Store, RegistryIsNotSupported) {
@@ -724,6 +735,9 @@ TEST_F(Store, ReadersWritersAndWaitersTogether) {
   constexpr int kWriters = 2, kReaders = 2, kWaiters = 2, kRounds = 300;
   std::atomic<bool> stop{false};
   std::atomic<int> waits{0};
+  std::string bulk;  // enough keys that lookups go through the hash index
+  for (int i = 0; i < 200; i++) bulk += "t.r.bulk" + std::to_string(i) + " " + std::to_string(i) + "\n";
+  ASSERT_EQ(LoadConfigurationKeys(bulk.data(), bulk.size()), 1);
   std::vector<std::thread> threads;
   for (int w = 0; w < kWriters; w++)
     threads.emplace_back([w] {
@@ -746,6 +760,7 @@ TEST_F(Store, ReadersWritersAndWaitersTogether) {
           std::string key = "t.r." + std::to_string(k);
           int value = ConfigKeyGetInt(key.c_str(), -1);
           EXPECT_GE(value, -1);
+          EXPECT_EQ(ConfigKeyGetInt(("t.r.bulk" + std::to_string(k)).c_str(), -1), k);
           Scoped<UByteArray> out;
           ConfigKeyGetString(key.c_str(), "", &out);
         }
