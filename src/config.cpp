@@ -222,7 +222,6 @@ struct Entry {
   char *key;
   char *value;
   uint64_t head[2];
-  uint64_t sortHead[2];  // head words after the part all keys share, while sorting
   uint32_t hash;
   uint32_t keyLength;
 };
@@ -287,10 +286,6 @@ inline int Compare(const Entry &entry, const KeyRef &ref) {
 }
 inline int Compare(const Entry &a, const Entry &b) { return CompareKeys(a.head, a.key, b.head, b.key); }
 
-int32_t CompareEntries(const void *a, const void *b, void *) {
-  return Compare(*static_cast<const Entry *>(a), *static_cast<const Entry *>(b));
-}
-
 auto Entries() { return kz::View(g_store.entries, kStoreFile, 0); }
 
 // value null: room for valueLength bytes that the caller fills.
@@ -299,7 +294,7 @@ Entry MakeEntry(const KeyRef &ref, const char *value, size_t valueLength) {
   memcpy(block, ref.key, ref.length + 1);
   if (value) memcpy(block + ref.length + 1, value, valueLength);
   block[ref.length + 1 + valueLength] = '\0';
-  return {block, block + ref.length + 1, {ref.head[0], ref.head[1]}, {0, 0}, ref.hash, ref.length};
+  return {block, block + ref.length + 1, {ref.head[0], ref.head[1]}, ref.hash, ref.length};
 }
 
 inline bool ValueSeparate(const Entry &entry) { return entry.value != entry.key + entry.keyLength + 1; }
@@ -393,42 +388,72 @@ const char *FindValue(const KeyRef &ref) {
   return nullptr;
 }
 
+// What the sort moves: the first 32 key bytes as four big-endian words (the
+// entry's head words and the next 16 bytes) and the entry's position. Keys
+// that agree on 32 bytes are compared in the table; all others compare without
+// leaving the items, which sort much faster than the entries themselves.
+struct SortItem {
+  uint64_t head[4];
+  uint32_t position;
+  uint32_t duplicate;  // set after sorting: the key equals the previous one
+};
+// Kept between sorts (under the store's lock), so a reload does not map and
+// fault in a new scratch area each time.
+struct SortItemArray {
+  SortItem *elements;
+  uint32_t count;
+  uint32_t capacity;
+};
+constinit SortItemArray g_sortItems = {};
+
+int32_t CompareItems(const void *a, const void *b, void *context) {
+  const SortItem &x = *static_cast<const SortItem *>(a), &y = *static_cast<const SortItem *>(b);
+  for (int w = 0; w < 4; w++)
+    if (x.head[w] != y.head[w]) return x.head[w] < y.head[w] ? -1 : 1;
+  if ((x.head[3] & 0xFF) == 0) return 0;  // both keys ended within 32 bytes
+  const Entry *entries = static_cast<const Entry *>(context);
+  return strcmp(entries[x.position].key + 32, entries[y.position].key + 32);
+}
+
 // Sorts the table and keeps the first entry of each run of equal keys.
-// Sort head words of the key bytes from offset on (the key is at least offset long).
-void SetSortHead(Entry &entry, uint32_t offset) {
-  entry.sortHead[0] = entry.sortHead[1] = 0;
-  const unsigned char *bytes = reinterpret_cast<const unsigned char *>(entry.key) + offset;
-  for (uint32_t i = 0; i < 16 && bytes[i]; i++) entry.sortHead[i / 8] |= uint64_t(bytes[i]) << (56 - 8 * (i % 8));
-}
-
-int32_t CompareEntriesFrom(const void *a, const void *b, void *context) {
-  const Entry &x = *static_cast<const Entry *>(a), &y = *static_cast<const Entry *>(b);
-  uint32_t offset = *static_cast<const uint32_t *>(context);
-  return CompareKeys(x.sortHead, x.key + offset, y.sortHead, y.key + offset);
-}
-
 void SortUnique() {
   EntryArray &table = g_store.entries;
   IndexInvalidate();
-  // Keys of one table often share a long beginning ("server.section..."). The
-  // sort compares head words taken after the part every key shares, so that
-  // most comparisons stay inside the table.
-  uint32_t shared = table.count ? table.elements[0].keyLength : 0;
-  for (uint32_t i = 1; i < table.count && shared; i++) {
-    const char *a = table.elements[0].key, *b = table.elements[i].key;
-    uint32_t n = 0;
-    while (n < shared && a[n] == b[n]) n++;
-    shared = n;
+  if (table.count > 1) {
+    uint32_t count = table.count;
+    SortItem *items = kz::View(g_sortItems, kStoreFile, 0).Reserve(count);
+    for (uint32_t i = 0; i < count; i++) {
+      const Entry &entry = table.elements[i];
+      items[i] = {{entry.head[0], entry.head[1], 0, 0}, i, 0};
+      if (entry.keyLength <= 16) continue;
+      const unsigned char *bytes = reinterpret_cast<const unsigned char *>(entry.key) + 16;
+      for (uint32_t k = 0; k < 16 && bytes[k]; k++)
+        items[i].head[2 + k / 8] |= uint64_t(bytes[k]) << (56 - 8 * (k % 8));
+    }
+    QSort(items, count, sizeof(SortItem), CompareItems, table.elements);
+    for (uint32_t i = 1; i < count; i++)
+      items[i].duplicate = CompareItems(&items[i - 1], &items[i], table.elements) == 0;
+    // Put the entries in the items' order in place, one cycle of the
+    // permutation at a time; a done item's position becomes kDone.
+    constexpr uint32_t kDone = 0xFFFFFFFFu;
+    for (uint32_t i = 0; i < count; i++) {
+      if (items[i].position == kDone) continue;
+      Entry first = table.elements[i];
+      uint32_t j = i;
+      while (items[j].position != i) {
+        uint32_t from = items[j].position;
+        table.elements[j] = table.elements[from];
+        items[j].position = kDone;
+        j = from;
+      }
+      table.elements[j] = first;
+      items[j].position = kDone;
+    }
   }
-  if (shared) {
-    for (uint32_t i = 0; i < table.count; i++) SetSortHead(table.elements[i], shared);
-    QSort(table.elements, table.count, sizeof(Entry), CompareEntriesFrom, &shared);
-  } else {
-    QSort(table.elements, table.count, sizeof(Entry), CompareEntries, nullptr);
-  }
+  // Each run of equal keys keeps its first entry in sorted order.
   uint32_t kept = 0;
   for (uint32_t i = 0; i < table.count; i++) {
-    if (kept && Compare(table.elements[kept - 1], table.elements[i]) == 0)
+    if (i && g_sortItems.elements[i].duplicate)
       FreeEntry(table.elements[i]);
     else
       table.elements[kept++] = table.elements[i];
