@@ -379,6 +379,14 @@ TEST_F(Store, DuplicateKeysKeepOneValue) {
   EXPECT_TRUE(table[1] == "t.k=1" || table[1] == "t.k=2" || table[1] == "t.k=3") << table[1];
   Load("t.k 9\n");
   EXPECT_EQ(Table("t.k").size(), 1u);
+  // Keys that agree on their first 16 and 32 bytes, and differ only after.
+  const std::string longKey = "t.long.0123456789abcdefghijklmnopqrstuvwxyz.";
+  Load(longKey + "b 2\n" + longKey + "a 1\n" + longKey + "b 3\n" + longKey + " 0\n" + longKey + "ab 4\n");
+  std::vector<std::string> keys;
+  for (const std::string &entry : Table("t.long."))
+    keys.push_back(entry.substr(longKey.size(), entry.find('=') - longKey.size()));
+  EXPECT_EQ(keys, (std::vector<std::string>{"", "a", "ab", "b"}));
+  EXPECT_EQ(GetString((longKey + "ab").c_str()), "4");
 }
 
 TEST_F(Store, ConfigurationFiles) {
