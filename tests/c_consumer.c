@@ -194,6 +194,25 @@ int main(void) {
     CHECK(FileRemove((const char *)where.elements) == 1 && PathIsAbsolute("/x") == 1);
     ArrayFree(name);
     ArrayFree(where);
+  /* configuration and environment */
+  {
+    static const char text[] = "c.port 8080\nc.name \"a b\" c\n";
+    UByteArray value = {0, 0, 0};
+    StringArray env = {0, 0, 0};
+    char *entries[] = {"PATH=/bin", 0};
+    char buffer[16];
+    CHECK(LoadConfigurationKeys(text, sizeof text - 1) == 1);
+    CHECK(ConfigKeyGetInt("c.port", 0) == 8080);
+    CHECK(strcmp(ConfigKeyGetString("c.name", 0, &value), "a b c") == 0);
+    CHECK(ConfigKeyExpandVariables("${c.port}", 9, &value) == 1 && strcmp((char *)value.elements, "a b c8080") == 0);
+    CHECK(ConfigKeyRemove("c.") == 1 && ConfigKeyGetInt("c.port", -1) == -1);
+    CHECK(KZSetEnvironmentVariable("KZ_C_CONSUMER", "\xC3\xA9") == 1);
+    CHECK(KZGetEnvironmentVariable("KZ_C_CONSUMER", buffer, sizeof buffer) == 1 && strcmp(buffer, "\xC3\xA9") == 0);
+    StringArrayAppend(&env, entries);
+    CHECK(StringArrayEnvSet(&env, "path", "/usr/bin") == 0 && strcmp(StringArrayEnvGet(&env, "PATH"), "/usr/bin") == 0);
+    StringArrayClear(&env);
+    ArrayFree(env);
+    ArrayFree(value);
   }
 
   if (failures) return 1;

@@ -19,6 +19,8 @@
 #include "kz/channel.h"
 #include "kz/url.h"
 #include "kz/random.h"
+#include "kz/config.h"
+#include "kz/env.h"
 #include "kz/file.h"
 
 #endif /* KZ_KZLIB_H */
