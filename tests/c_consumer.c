@@ -194,6 +194,8 @@ int main(void) {
     CHECK(FileRemove((const char *)where.elements) == 1 && PathIsAbsolute("/x") == 1);
     ArrayFree(name);
     ArrayFree(where);
+  }
+
   /* configuration and environment */
   {
     static const char text[] = "c.port 8080\nc.name \"a b\" c\n";
