@@ -22,5 +22,6 @@
 #include "kz/config.h"
 #include "kz/env.h"
 #include "kz/file.h"
+#include "kz/process.h"
 
 #endif /* KZ_KZLIB_H */
