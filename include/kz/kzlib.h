@@ -23,5 +23,6 @@
 #include "kz/env.h"
 #include "kz/file.h"
 #include "kz/process.h"
+#include "kz/daemon.h"
 
 #endif /* KZ_KZLIB_H */
