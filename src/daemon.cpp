@@ -110,8 +110,7 @@ bool BelongsToLog(const char *path, const char *name, const char *suffix) {
   return strcmp(p, suffix) == 0;
 }
 
-int Enumerate(const char *directory, const char *name, const char *suffix, KZLogFileCallback callback,
-              void *context) {
+int Enumerate(const char *directory, const char *name, const char *suffix, KZLogFileCallback callback, void *context) {
   void *listing = DirectoryOpen(directory);
   if (!listing) return 0;
   UByteArray entry{};

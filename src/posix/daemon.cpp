@@ -1,8 +1,8 @@
 // Daemon mode on POSIX: directories, standard streams, sessions and the
 // service manager's notification socket.
 #include <errno.h>
-#include <stddef.h>
 #include <fcntl.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
