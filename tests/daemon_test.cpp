@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,6 +107,25 @@ TEST(DaemonTest, ReportsADirectoryItCannotCreate) {
   EXPECT_NE(std::string::npos, child.err.find("daemon: cannot open log file")) << child.err;
 }
 
+// "log.YYYY-MM-DD-hh-mm-ss[.N].log": the stamp and N (0 when absent).
+bool ParseRotatedName(const std::string &name, std::string *stamp, int *counter) {
+  const std::string shape = "dddd-dd-dd-dd-dd-dd";
+  if (name.rfind("log.", 0) != 0 || name.size() < 4 + shape.size() + 4) return false;
+  *stamp = name.substr(4, shape.size());
+  for (size_t k = 0; k < shape.size(); k++)
+    if (shape[k] == 'd' ? !isdigit(static_cast<unsigned char>((*stamp)[k])) : (*stamp)[k] != '-') return false;
+  std::string rest = name.substr(4 + shape.size());
+  if (rest == ".log") {
+    *counter = 0;
+    return true;
+  }
+  if (rest.size() < 6 || rest[0] != '.' || rest.compare(rest.size() - 4, 4, ".log") != 0) return false;
+  std::string digits = rest.substr(1, rest.size() - 5);
+  if (digits.empty() || !std::all_of(digits.begin(), digits.end(), ::isdigit)) return false;
+  *counter = std::stoi(digits);
+  return true;
+}
+
 TEST(DaemonTest, RotationNamesAndStreams) {
   TempDir dir;
   const std::string run = dir / "run";
@@ -134,13 +152,13 @@ TEST(DaemonTest, RotationNamesAndStreams) {
   ASSERT_TRUE(child.Exited(0)) << child.Describe();
 
   // Rotations in one second count up: log.<stamp>.log, log.<stamp>.1.log, ...
-  std::regex rotated(R"(log\.(\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d)(\.(\d+))?\.log)");
   std::map<std::string, std::vector<int>> counters;
   std::vector<std::string> rotatedNames;
   for (const auto &name : Names(run)) {
-    std::smatch match;
-    if (!std::regex_match(name, match, rotated)) continue;
-    counters[match[1]].push_back(match[3].matched ? std::stoi(match[3]) : 0);
+    std::string stamp;
+    int counter = 0;
+    if (!ParseRotatedName(name, &stamp, &counter)) continue;
+    counters[stamp].push_back(counter);
     rotatedNames.push_back(name);
   }
   ASSERT_EQ(3u, rotatedNames.size());
