@@ -344,13 +344,14 @@ KZ_API int KZDaemonRotateLog(const char *name, FILE **stream, KZMutex *lock, int
   if (*stream) fclose(*stream);
   *stream = nullptr;
   Text note;
-  if (!FileRename(current.c_str(), candidate.c_str(), nullptr)) {
+  if (!failure && !FileRename(current.c_str(), candidate.c_str(), nullptr)) {
     failure = ":daemon: cannot rename log file";
     note.Printf("cannot rename log file from '%s' to '%s'", current.c_str(), candidate.c_str());
     AppendToErrorLog(note.c_str());
   }
-  FILE *fresh = FileFOpen(nullptr, current.c_str(), "a");
-  if (!fresh) {
+  // The sequence stops at its first failure: the streams stay where it got.
+  FILE *fresh = failure ? nullptr : FileFOpen(nullptr, current.c_str(), "a");
+  if (!failure && !fresh) {
     failure = ":daemon: cannot open new log file";
     note.Printf("cannot open new log file '%s'", current.c_str());
     AppendToErrorLog(note.c_str());

@@ -147,6 +147,9 @@ TEST(DaemonTest, RotationNamesAndStreams) {
     fputs("new access line\n", other);
     fclose(other);
     MutexDestroy(&lock);
+    // A log that does not exist cannot be renamed: 0, reported, and noted in log.err.
+    FILE *ghost = nullptr;
+    if (KZDaemonRotateLog("ghost", &ghost, nullptr, -1) != 0 || ghost != nullptr) return 21;
     return 0;
   });
   ASSERT_TRUE(child.Exited(0)) << child.Describe();
@@ -181,6 +184,12 @@ TEST(DaemonTest, RotationNamesAndStreams) {
       EXPECT_EQ("access line\n", ReadFile(run + "/" + name));
     }
   EXPECT_EQ(1, accessFiles);
+  EXPECT_FALSE(std::filesystem::exists(run + "/ghost.log"));
+  const std::string errors = ReadFile(run + "/log.err");
+  const std::string renameNote = "cannot rename log file from '" + run + "/ghost.log' to '" + run + "/ghost.";
+  EXPECT_EQ(0u, errors.find(renameNote)) << errors;
+  EXPECT_NE(std::string::npos, errors.find("\n:daemon: cannot rename log file: ")) << errors;
+  EXPECT_NE(std::string::npos, current.find(":daemon: cannot rename log file")) << current;
 }
 
 TEST(DaemonTest, PurgesByAgeAndSizeOnlyTheDatedFilesOfTheLog) {

@@ -56,7 +56,10 @@ KZ_API int KZSetLogFileSuffix(const char *suffix);
  * lock are then ignored, and standard output and error follow the new file).
  * days >= 0 then purges this log's files older than days (see
  * KZDaemonPurgeLogDays). 1 on success or without a daemon directory; 0 with
- * the failure reported and appended to "log.err". */
+ * the failure reported and appended to "log.err" (":daemon: cannot rename log
+ * file", ":daemon: cannot open new log file", ...). The sequence stops at its
+ * first failure: the old stream is closed by then and *stream is null, and
+ * for the own log standard output and error are left on /dev/null. */
 KZ_API int KZDaemonRotateLog(const char *name, FILE **stream, KZMutex *lock, int days);
 
 /* Removes the files of log name (null: "log") whose age in whole days
