@@ -96,7 +96,8 @@ KZ_API const char *KZGetDaemonDir(void);
  *     exits (exit() or the end of main).
  * The run directory is the one given with "-rundir", else defaultDirectory,
  * else the current directory. serviceName names the service in messages
- * (null: the program's name). 1 in daemon or service mode, 0 when no option
+ * (null: the program's name). Call it at the start of main, before other
+ * threads exist: the forked child has only the calling thread. 1 in daemon or service mode, 0 when no option
  * asked for either (nothing changed), -1 when the fork failed (errno -1). */
 KZ_API int KZSetDaemon(int *argc, char **argv, const char *defaultDirectory, const char *serviceName);
 
