@@ -83,7 +83,8 @@ typedef int (*KZLogFileCallback)(void *context, const char *path);
 KZ_API int KZDaemonEnumerateLogFiles(const char *directory, const char *name, KZLogFileCallback callback,
                                      void *context);
 
-/* The daemon directory, or null before KZSetDaemonDir. */
+/* The daemon directory, or null before KZSetDaemonDir; valid until the next
+ * KZSetDaemonDir. */
 KZ_API const char *KZGetDaemonDir(void);
 
 /* The command-line entry. Reads and removes from argv (updating *argc) the
