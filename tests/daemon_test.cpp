@@ -192,6 +192,38 @@ TEST(DaemonTest, RotationNamesAndStreams) {
   EXPECT_NE(std::string::npos, current.find(":daemon: cannot rename log file")) << current;
 }
 
+TEST(DaemonTest, RotationSkipsNamesThatExist) {
+  TempDir dir;
+  const std::string run = dir / "run";
+  std::filesystem::create_directories(run);
+  // Every stamp of the next minute is taken already: the rotation must count on.
+  time_t now = time(nullptr);
+  for (time_t t = now - 1; t < now + 60; t++) {
+    tm local;
+    localtime_r(&t, &local);
+    char name[64];
+    snprintf(name, sizeof name, "log.%04d-%02d-%02d-%02d-%02d-%02d.log", local.tm_year + 1900, local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    std::ofstream(run + "/" + name) << "taken";
+  }
+  kztest::Child child = kztest::RunChild(dir, {}, [&] {
+    KZLibInit("daemon_test");
+    KZSetDaemonDir(run.c_str());
+    KZMessage(2, "rotated away");
+    return KZDaemonRotateLog(nullptr, nullptr, nullptr, -1) == 1 ? 0 : 10;
+  });
+  ASSERT_TRUE(child.Exited(0)) << child.Describe();
+  std::vector<std::string> counted;
+  for (const auto &name : Names(run)) {
+    std::string stamp;
+    int counter = 0;
+    if (ParseRotatedName(name, &stamp, &counter) && counter != 0) counted.push_back(name);
+  }
+  ASSERT_EQ(1u, counted.size());
+  EXPECT_EQ(counted[0].size() - 6, counted[0].rfind(".1.log")) << counted[0];
+  EXPECT_NE(std::string::npos, ReadFile(run + "/" + counted[0]).find("rotated away"));
+}
+
 TEST(DaemonTest, PurgesByAgeAndSizeOnlyTheDatedFilesOfTheLog) {
   TempDir dir;
   const std::string run = dir / "run";
