@@ -112,10 +112,14 @@ FILE *ErrorStream() {
   return stream ? stream : stderr;
 }
 
+}  // namespace
+
 LazyLock &MessageLock() {
   constinit static LazyLock lock;
   return lock;
 }
+
+namespace {
 
 // The message text through the library's formatter; one longer than the
 // stack buffer is left to trio's stream writer.

@@ -217,6 +217,20 @@ int main(void) {
     ArrayFree(value);
   }
 
+  /* processes, libraries and daemon logs */
+  {
+    char *argv[] = {"sh", "-c", "exit 3", 0};
+    int exitCode = -1, signal = -1;
+    Process *child = ProcessExecuteDontInheritHandles("/bin/sh", argv, 0, -1, -1, -1);
+    UByteArray line = {0, 0, 0};
+    CHECK(child != 0 && ProcessWait(child, 1, &exitCode, &signal) == 1 && exitCode == 3 && signal == 0);
+    CHECK(ProcessCommandLine(&line, argv) == 1 && strcmp((char *)line.elements, "sh -c \"exit 3\"") == 0);
+    CHECK(ProcessGetId(ProcessGetCurrent()) == (unsigned int)getpid());
+    CHECK(OpenDLL(0) != 0);
+    CHECK(KZGetDaemonDir() == 0 && KZDaemonPurgeLogDays(0, 1) == 1);
+    ArrayFree(line);
+  }
+
   if (failures) return 1;
   printf("c_consumer: all checks passed\n");
   return 0;

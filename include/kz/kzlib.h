@@ -22,5 +22,7 @@
 #include "kz/config.h"
 #include "kz/env.h"
 #include "kz/file.h"
+#include "kz/process.h"
+#include "kz/daemon.h"
 
 #endif /* KZ_KZLIB_H */
