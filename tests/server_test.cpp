@@ -733,8 +733,8 @@ int MulticastRoundTrip() {
 
 TEST(Multicast, TwoMembersInOneProcessReceiveOverLoopback) {
   if (!GroupRoutesOverLoopback("239.255.42.2"))
-    GTEST_SKIP() << "239.255.42.2 is not routed over the loopback interface here (a route such as " 224.0.0.0 /
-                        4 dev lo src 127.0.0.1 " enables it)";
+    GTEST_SKIP() << "239.255.42.2 is not routed over the loopback interface here "
+                    "(a route such as '224.0.0.0/4 dev lo src 127.0.0.1' enables it)";
   EXPECT_EQ(MulticastRoundTrip(), 0);
 }
 
