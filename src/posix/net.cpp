@@ -519,9 +519,10 @@ uint32_t SocketFamily(int64_t handle) {
     FailWithErrno();
     return KZ_FAMILY_UNSET;
   }
-  return domain == AF_INET ? KZ_FAMILY_IPV4 : domain == AF_INET6 ? KZ_FAMILY_IPV6
-                                          : domain == AF_UNIX  ? KZ_FAMILY_LOCAL
-                                                               : KZ_FAMILY_UNSET;
+  return domain == AF_INET    ? KZ_FAMILY_IPV4
+         : domain == AF_INET6 ? KZ_FAMILY_IPV6
+         : domain == AF_UNIX  ? KZ_FAMILY_LOCAL
+                              : KZ_FAMILY_UNSET;
 }
 
 namespace {
@@ -552,7 +553,8 @@ bool MulticastMembership(int64_t handle, uint32_t family, const unsigned char gr
     std::memcpy(&host, group, 4);
     request.imr_multiaddr.s_addr = htonl(host);
     request.imr_interface.s_addr = htonl(INADDR_ANY);
-    status = setsockopt(Fd(handle), IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request, sizeof request);
+    status =
+        setsockopt(Fd(handle), IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request, sizeof request);
   } else {
     ipv6_mreq request{};
     std::memcpy(&request.ipv6mr_multiaddr, group, 16);
