@@ -8,6 +8,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -219,6 +220,27 @@ TEST(ChannelSelectFD, AtMost64DistinctSocketsTakePart) {
   for (int64_t s : sockets) EXPECT_EQ(UDPClose(s), 1);
 }
 
+// poll underneath: descriptor numbers past FD_SETSIZE (1,024) wait like any.
+TEST(ChannelSelectFD, DescriptorsAboveTheSelectLimitWork) {
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max <= 1500) GTEST_SKIP() << "descriptor limit too low";
+  rlimit raised = limit;
+  if (raised.rlim_cur != RLIM_INFINITY && raised.rlim_cur <= 1500) raised.rlim_cur = 1501;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+  ChannelPair a;
+  Fd high(fcntl(static_cast<int>(a.channel->handle), F_DUPFD_CLOEXEC, 1500));
+  ASSERT_GE(high.get(), 1500);
+  int64_t sockets[] = {high.get()};
+  Scoped<UByteArray> flags;
+  EXPECT_EQ(ChannelSelectFD(nullptr, sockets, 1, &flags, 0), -1);
+  ASSERT_TRUE(kztest::WriteAll(a.client.get(), "z"));
+  EXPECT_EQ(ChannelSelectFD(nullptr, sockets, 1, &flags, 10000), 0);
+  EXPECT_EQ(flags.elements[0], 1);
+  high.reset();
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 // ---- select events --------------------------------------------------------------------
 
 TEST(ChannelSelectEvent, NotifiesQueueAndOneResetDrainsThemAll) {
@@ -320,6 +342,12 @@ TEST(TCPServer, AcceptSetsOptionsAndBlockingModeFromTheChannel) {
   EXPECT_EQ(TCPServerDisconnect(server.server), 1);
   ScopedChannel refused;
   EXPECT_EQ(ChannelConnect(refused, &bound), 0);
+  // Accepting on a disconnected server fails quietly with the system error.
+  ScopedChannel none;
+  EXPECT_EQ(TCPServerAccept(server.server, none), 0);
+  EXPECT_EQ(errno, -1);
+  EXPECT_EQ(KZGetLastError(), EBADF);
+  EXPECT_EQ(ChannelConnected(none), 0);
 }
 
 TEST(TCPServer, AnIPv6WildcardServerAcceptsAnIPv4Client) {
