@@ -161,6 +161,32 @@ int main(void) {
     ArrayFree(line);
   }
 
+  /* servers, datagrams and select: a loopback datagram wakes a wait */
+  {
+    TCPAddr local, bound;
+    UByteArray flags = {0, 0, 0};
+    ChannelSelectEvent event;
+    TCPServer *server;
+    int64_t receiver, sockets[1];
+    char datagram[8];
+    size_t count = 0;
+    TCPAddrLocal(&local, KZ_FAMILY_IPV4, 0);
+    server = TCPServerOpen(&local);
+    CHECK(server != NULL && TCPServerGetAddr(server, &bound) == 1 && bound.port != 0);
+    CHECK(server != NULL && TCPServerClose(server) == 1);
+    receiver = UDPNew(&local);
+    CHECK(receiver != KZ_INVALID_HANDLE && UDPGetAddr(receiver, &bound, 0) == 1);
+    CHECK(UDPSendBuf(&bound, "ping", 4) == 1);
+    CHECK(UDPReceiveBytes(receiver, datagram, sizeof datagram, &count) == 1 && count == 4);
+    CHECK(UDPClose(receiver) == 1);
+    CHECK(ChannelSelectEventNew(&event)->socket != KZ_INVALID_HANDLE);
+    CHECK(ChannelSelectEventNotify(&event) == 1);
+    sockets[0] = ChannelSelectEventGetFD(&event);
+    CHECK(ChannelSelectFD(ChannelSelectContextNew(), sockets, 1, &flags, 1000) == 0 && flags.elements[0] == 1);
+    CHECK(ChannelSelectEventNotifyReset(&event) == 1 && ChannelSelectEventFree(&event) == 1);
+    ArrayFree(flags);
+  }
+
   /* random */
   {
     KZRand rng;

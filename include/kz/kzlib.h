@@ -17,6 +17,8 @@
 #include "kz/lock.h"
 #include "kz/addr.h"
 #include "kz/channel.h"
+#include "kz/select.h"
+#include "kz/server.h"
 #include "kz/url.h"
 #include "kz/random.h"
 #include "kz/config.h"

@@ -424,6 +424,196 @@ bool Pipe(int descriptors[2]) {
   return false;
 }
 
+// ---- servers, waits on many sockets, datagrams ----------------------------------
+
+bool Listen(int64_t handle, int backlog) {
+  if (listen(Fd(handle), backlog) == 0) return true;
+  FailWithErrno();
+  return false;
+}
+
+bool SetV6Only(int64_t handle, bool on) {
+  int value = on ? 1 : 0;
+  if (setsockopt(Fd(handle), IPPROTO_IPV6, IPV6_V6ONLY, &value, sizeof value) == 0) return true;
+  FailWithErrno();
+  return false;
+}
+
+bool SetReuseAddress(int64_t handle) {
+  int on = 1;
+  if (setsockopt(Fd(handle), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0) return true;
+  FailWithErrno();
+  return false;
+}
+
+int64_t Accept(int64_t handle, bool nonBlocking) {
+  int flags = SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
+  int fd = Restarting([&] { return accept4(Fd(handle), nullptr, nullptr, flags); });
+  if (fd < 0) FailWithErrno();
+  return fd;
+}
+
+int WaitMany(const int64_t *handles, uint32_t count, unsigned char *ready, int64_t timeoutMs) {
+  pollfd entries[64];
+  if (count > 64) count = 64;
+  for (uint32_t i = 0; i < count; ++i) entries[i] = pollfd{Fd(handles[i]), POLLIN | POLLPRI, 0};
+  int64_t deadline = timeoutMs < 0 ? 0 : MonotonicMs() + timeoutMs;
+  for (;;) {
+    int wait = -1;
+    if (timeoutMs >= 0) {
+      int64_t left = deadline - MonotonicMs();
+      wait = left < 0 ? 0 : left > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(left);
+    }
+    int n = poll(entries, count, wait);
+    if (n > 0) {
+      for (uint32_t i = 0; i < count; ++i) {
+        if (entries[i].revents & POLLNVAL) {
+          FailWithError(EBADF);
+          return -1;
+        }
+      }
+      for (uint32_t i = 0; i < count; ++i) ready[i] = entries[i].revents ? 1 : 0;
+      return 1;
+    }
+    if (n == 0) {
+      if (timeoutMs >= 0 && MonotonicMs() >= deadline) return 0;
+      continue;
+    }
+    if (errno == EINTR) continue;
+    FailWithErrno();
+    return -1;
+  }
+}
+
+int64_t SendTo(int64_t handle, const SockAddr &address, const void *data, size_t size) {
+  ssize_t n = Restarting([&] {
+    return sendto(Fd(handle), data, size, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(address.bytes),
+                  address.size);
+  });
+  if (n < 0) FailWithErrno();
+  return n;
+}
+
+int64_t ReceiveFrom(int64_t handle, void *buffer, size_t size, SockAddr *from) {
+  std::memset(from, 0, sizeof *from);
+  socklen_t length = sizeof from->bytes;
+  ssize_t n = Restarting([&] {
+    return recvfrom(Fd(handle), buffer, size, MSG_TRUNC, reinterpret_cast<sockaddr *>(from->bytes), &length);
+  });
+  if (n < 0) {
+    FailWithErrno();
+    return -1;
+  }
+  from->size = length;
+  if (static_cast<size_t>(n) > size) {
+    FailWithError(EMSGSIZE);
+    return -1;
+  }
+  return n;
+}
+
+uint32_t SocketFamily(int64_t handle) {
+  int domain = 0;
+  socklen_t size = sizeof domain;
+  if (getsockopt(Fd(handle), SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0) {
+    FailWithErrno();
+    return KZ_FAMILY_UNSET;
+  }
+  return domain == AF_INET    ? KZ_FAMILY_IPV4
+         : domain == AF_INET6 ? KZ_FAMILY_IPV6
+         : domain == AF_UNIX  ? KZ_FAMILY_LOCAL
+                              : KZ_FAMILY_UNSET;
+}
+
+namespace {
+
+bool SetIntOption(int64_t handle, int level, int option, int value) {
+  if (setsockopt(Fd(handle), level, option, &value, sizeof value) == 0) return true;
+  FailWithErrno();
+  return false;
+}
+
+}  // namespace
+
+bool SetMulticastTtl(int64_t handle, int ttl) {
+  if (SocketFamily(handle) == KZ_FAMILY_IPV6) return SetIntOption(handle, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl);
+  return SetIntOption(handle, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
+}
+
+bool SetMulticastLoop(int64_t handle, bool on) {
+  if (SocketFamily(handle) == KZ_FAMILY_IPV6) return SetIntOption(handle, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, on);
+  return SetIntOption(handle, IPPROTO_IP, IP_MULTICAST_LOOP, on);
+}
+
+bool MulticastMembership(int64_t handle, uint32_t family, const unsigned char group[16], bool join) {
+  int status;
+  if (family == KZ_FAMILY_IPV4) {
+    ip_mreq request{};
+    uint32_t host;
+    std::memcpy(&host, group, 4);
+    request.imr_multiaddr.s_addr = htonl(host);
+    request.imr_interface.s_addr = htonl(INADDR_ANY);
+    status =
+        setsockopt(Fd(handle), IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request, sizeof request);
+  } else {
+    ipv6_mreq request{};
+    std::memcpy(&request.ipv6mr_multiaddr, group, 16);
+    request.ipv6mr_interface = 0;
+    status = setsockopt(Fd(handle), IPPROTO_IPV6, join ? IPV6_ADD_MEMBERSHIP : IPV6_DROP_MEMBERSHIP, &request,
+                        sizeof request);
+  }
+  if (status == 0) return true;
+  FailWithErrno();
+  return false;
+}
+
+// ---- local-connection servers -------------------------------------------------------
+
+int64_t ListenLocal(const char *path, unsigned mode, int backlog) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (std::strlen(path) >= sizeof address.sun_path) {
+    FailWithError(ENAMETOOLONG);
+    return -1;
+  }
+  std::strcpy(address.sun_path, path);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    FailWithErrno();
+    return -1;
+  }
+  // Nobody can connect before listen, so the mode is in place in time.
+  if (bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || chmod(path, mode) != 0 ||
+      listen(fd, backlog) != 0) {
+    int error = errno;
+    close(fd);
+    FailWithError(error);
+    return -1;
+  }
+  return fd;
+}
+
+bool PeerUid(int64_t handle, uint32_t *uid) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(Fd(handle), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+    FailWithErrno();
+    return false;
+  }
+  *uid = credentials.uid;
+  return true;
+}
+
+uint32_t EffectiveUid() { return geteuid(); }
+
+unsigned ModeBits(const void *mode) { return *static_cast<const mode_t *>(mode) & 07777; }
+
+bool RemoveFile(const char *path) {
+  if (unlink(path) == 0) return true;
+  FailWithErrno();
+  return false;
+}
+
 // ---- peer processes ----------------------------------------------------------------
 
 namespace {

@@ -113,6 +113,46 @@ int64_t Seek(int64_t handle, int64_t offset, int whence);
 bool Truncate(int64_t handle, int64_t length);
 bool Pipe(int descriptors[2]);
 
+// ---- servers, waits on many sockets, datagrams ----------------------------------
+
+// listen(2) with the backlog (the system caps it).
+bool Listen(int64_t handle, int backlog);
+// IPV6_V6ONLY on an AF_INET6 socket.
+bool SetV6Only(int64_t handle, bool on);
+bool SetReuseAddress(int64_t handle);
+// accept4, close-on-exec (and non-blocking when asked), no peer address.
+int64_t Accept(int64_t handle, bool nonBlocking);
+// Waits until one of the distinct sockets is readable or in an exceptional
+// state (urgent data, error, hang-up); ready[i] gets 1 for those. A descriptor
+// that is not open fails the whole wait (EBADF), as the readiness wait of the
+// other platform does. 1 ready, 0 timed out, -1 failed.
+int WaitMany(const int64_t *handles, uint32_t count, unsigned char *ready, int64_t timeoutMs);
+int64_t SendTo(int64_t handle, const SockAddr &address, const void *data, size_t size);
+// One datagram into buffer, the sender into from. A datagram longer than size
+// fails with EMSGSIZE (and is consumed), as the other platform reports it.
+int64_t ReceiveFrom(int64_t handle, void *buffer, size_t size, SockAddr *from);
+// The socket's address family as a library code (1, 2, 3; 0 otherwise).
+uint32_t SocketFamily(int64_t handle);
+// Multicast options at the level of the socket's family (IPv4 or IPv6).
+bool SetMulticastTtl(int64_t handle, int ttl);
+bool SetMulticastLoop(int64_t handle, bool on);
+// Joins (or leaves) the group of family 1 (host-order address) or 2 on the
+// interface the system chooses.
+bool MulticastMembership(int64_t handle, uint32_t family, const unsigned char group[16], bool join);
+
+// ---- local-connection servers -------------------------------------------------------
+
+// An AF_UNIX stream socket bound to path with the permission bits mode and
+// listening with the backlog.
+int64_t ListenLocal(const char *path, unsigned mode, int backlog);
+// The uid of a connected AF_UNIX peer (SO_PEERCRED).
+bool PeerUid(int64_t handle, uint32_t *uid);
+uint32_t EffectiveUid();
+// The permission bits of a pointer to a mode_t.
+unsigned ModeBits(const void *mode);
+// unlink(2); false (last error set) when it failed, ENOENT included.
+bool RemoveFile(const char *path);
+
 // ---- peer processes ---------------------------------------------------------------
 
 // The KZ_PEER_* flags of the process owning the TCP socket whose local end is
