@@ -71,7 +71,9 @@ TEST(Codec, DocumentedVectors) {
   UByteArray a{};  // nothing to read, nothing written, nothing allocated
   Base64Encode(&a, nullptr, 0, 1);
   Base64Decode(&a, nullptr, 0);
-  EXPECT_TRUE(a.elements == nullptr && a.count == 0 && a.capacity == 0);
+  EXPECT_EQ(a.elements, nullptr);
+  EXPECT_EQ(a.count, 0u);
+  EXPECT_EQ(a.capacity, 0u);
 }
 
 // Every length around the group and line boundaries, a few contents each.
@@ -84,10 +86,13 @@ TEST(Base64, AgreesWithOpenSSL) {
       peer.resize(static_cast<size_t>(EVP_EncodeBlock(raw(peer), raw(bytes), static_cast<int>(n))));
       // EVP_DecodeBlock gives the padding as zero bytes.
       const int got = EVP_DecodeBlock(raw(decoded), raw(encoded), static_cast<int>(encoded.size()));
-      ASSERT_TRUE(encoded == peer && got == static_cast<int>((n + 2) / 3 * 3) && decoded.substr(0, n) == bytes) << n;
+      ASSERT_EQ(encoded, peer) << n;
+      ASSERT_EQ(got, static_cast<int>((n + 2) / 3 * 3)) << n;
+      ASSERT_EQ(decoded.substr(0, n), bytes) << n;
       const std::string broken = CutIntoLines(encoded, 76);
-      ASSERT_TRUE(Apply(kB64Decode, encoded) == bytes && Apply(kB64Encode, bytes, true) == broken &&
-                  Apply(kB64Decode, broken) == bytes) << n;
+      ASSERT_EQ(Apply(kB64Decode, encoded), bytes) << n;
+      ASSERT_EQ(Apply(kB64Encode, bytes, true), broken) << n;
+      ASSERT_EQ(Apply(kB64Decode, broken), bytes) << n;
     }
 }
 
@@ -110,11 +115,13 @@ TEST(QuotedPrintable, RoundTripsAndLineLengths) {
     std::string bytes = i % 2 ? Random(rng, rng() % 400) : "";
     for (size_t n = rng() % 400; i % 2 == 0 && bytes.size() < n;) bytes += pieces[rng() % 8];
     const std::string plain = Apply(kQPEncode, bytes), broken = Apply(kQPEncode, bytes, true);
-    ASSERT_TRUE(plain.find_first_of("\r\n") == std::string::npos && Apply(kQPDecode, plain) == bytes) << i;
+    ASSERT_EQ(plain.find_first_of("\r\n"), std::string::npos) << i;
+    ASSERT_EQ(Apply(kQPDecode, plain), bytes) << i;
     // The CR LF that ends the last line comes back; lines of at most 76 characters (75 and the soft break's
     // "="), printable ASCII only.
-    ASSERT_TRUE(Apply(kQPDecode, broken) == bytes + "\r\n" && InLinesOfAtMost(broken, 76) &&
-                std::all_of(broken.begin(), broken.end(), printable)) << i;
+    ASSERT_EQ(Apply(kQPDecode, broken), bytes + "\r\n") << i;
+    ASSERT_TRUE(InLinesOfAtMost(broken, 76)) << i << ": " << broken;
+    ASSERT_TRUE(std::all_of(broken.begin(), broken.end(), printable)) << i << ": " << broken;
   }
 }
 
@@ -137,7 +144,9 @@ TEST(Codec, AppendsAndGrowsAsByteByByte) {
           SCOPED_TRACE(testing::Message() << coder << " " << count << "/" << capacity << " " << length << " " << lines);
           ASSERT_EQ(kztest::Bytes(a), std::string(count, '\xA5') + Apply(coder, input, lines));
           ASSERT_EQ(a.capacity, ByteByByteCapacity(capacity, a.count));
-          ASSERT_TRUE(a.count >= capacity || a.elements[a.count] == 0xA5);
+          if (a.count < capacity) {
+            ASSERT_EQ(a.elements[a.count], 0xA5);
+          }
         }
 }
 

@@ -56,8 +56,8 @@ TEST(ParseIntegers, EdgeCases) {
         {kS64, "--1", 10, 0, 1}};
     for (const auto &c : cases) {
         int32_t error = -1;
-        EXPECT_TRUE(c.parse(c.text.data(), Len(c.text), c.base, &error) == c.value && error == c.error)
-            << "'" << c.text << "' base " << c.base;
+        EXPECT_EQ(c.parse(c.text.data(), Len(c.text), c.base, &error), c.value) << "'" << c.text << "' base " << c.base;
+        EXPECT_EQ(error, c.error) << "'" << c.text << "' base " << c.base;
     }
 }
 
@@ -119,7 +119,10 @@ TEST(ParseLongC, LenientConversionAndFlag) {
         errno = c.errnoBefore;
         int32_t error = -1;
         EXPECT_EQ(ParseLongC(c.text, c.base, &error), c.value) << c.text;
-        EXPECT_TRUE(error == c.error && (c.errnoBefore != ERANGE || errno == ERANGE)) << c.text << " " << c.errnoBefore;
+        EXPECT_EQ(error, c.error) << c.text << " " << c.errnoBefore;
+        if (c.errnoBefore == ERANGE) {
+          EXPECT_EQ(errno, ERANGE) << c.text;
+        }
     }
     errno = 0;
 }
@@ -147,9 +150,11 @@ TEST(ParseDouble, ValuesAndErrors) {
     for (const auto &c : cases) {
         const std::string text(c.text);
         int32_t error = -1, errorC = -1;
-        EXPECT_TRUE(Bits(ParseDouble(text.data(), Len(text), &error)) == Bits(c.value) && error == c.error &&
-                    Bits(ParseDoubleC(text.c_str(), &errorC)) == Bits(c.value) && errorC == c.error &&
-                    Bits(ParseDoubleC(text.c_str(), nullptr)) == Bits(c.value)) << text;
+        EXPECT_EQ(Bits(ParseDouble(text.data(), Len(text), &error)), Bits(c.value)) << text;
+        EXPECT_EQ(error, c.error) << text;
+        EXPECT_EQ(Bits(ParseDoubleC(text.c_str(), &errorC)), Bits(c.value)) << text;
+        EXPECT_EQ(errorC, c.error) << text;
+        EXPECT_EQ(Bits(ParseDoubleC(text.c_str(), nullptr)), Bits(c.value)) << text;
     }
     EXPECT_TRUE(std::isnan(ParseDoubleC("0e400", nullptr)));  // 10^400 is infinite before the 0 is applied
 }
@@ -159,20 +164,26 @@ TEST(Hash, Fnv1VectorsAndExtend) {
         {"", 0x811c9dc5u, 0xcbf29ce484222325ull}, {"a", 0x050c5d7eu, 0xaf63bd4c8601b7beull},
         {"foo", 0x408f5e13u, 0xd8cbc7186ba13533ull}, {"foobar", 0x31f0b262u, 0x340d8765a4dda9c2ull},
         {"\xff\0\0\x01"sv, 0xb78320a1u, 0xd6b2b17bf4b71261ull}};  // bytes are read unsigned
-    for (const auto &[text, h32, h64] : vectors)
-        EXPECT_TRUE(Hash32(text.data(), text.size()) == h32 && Hash64(text.data(), text.size()) == h64) << text;
+    for (const auto &[text, h32, h64] : vectors) {
+        EXPECT_EQ(Hash32(text.data(), text.size()), h32) << text;
+        EXPECT_EQ(Hash64(text.data(), text.size()), h64) << text;
+    }
     const std::string text = "Extending the hash of a prefix gives the hash of the whole \x80\xff text.";
     const char *p = text.data();
-    for (size_t at = 0, n = text.size(); at <= n; ++at)
-        EXPECT_TRUE(Hash32Extend(p + at, n - at, Hash32(p, at)) == Hash32(p, n) &&
-                    Hash64Extend(p + at, n - at, Hash64(p, at)) == Hash64(p, n)) << at;
+    for (size_t at = 0, n = text.size(); at <= n; ++at) {
+        EXPECT_EQ(Hash32Extend(p + at, n - at, Hash32(p, at)), Hash32(p, n)) << at;
+        EXPECT_EQ(Hash64Extend(p + at, n - at, Hash64(p, at)), Hash64(p, n)) << at;
+    }
 }
 
 // UIntHash's text; checks the count, the NUL and that nothing passes 9 bytes.
 std::string HashText(uint32_t value) {
     char buffer[16] = "XXXXXXXXXXXXXXX";
     const int n = UIntHash(buffer, value);
-    EXPECT_TRUE(n >= 1 && n <= 8 && buffer[n] == '\0' && buffer[9] == 'X') << value << " gave " << n << " characters";
+    EXPECT_GE(n, 1) << value;
+    EXPECT_LE(n, 8) << value;
+    EXPECT_EQ(buffer[std::clamp(n, 0, 8)], '\0') << value;
+    EXPECT_EQ(buffer[9], 'X') << value;
     return std::string(buffer, static_cast<size_t>(std::clamp(n, 0, 8)));
 }
 
@@ -199,11 +210,14 @@ TEST(UIntHash, KnownIdentifiersAndProperties) {
         lost |= difference, exact += difference == 0;
         ASSERT_EQ(HashText(UIntUnhash(Hex(x, i & 1 ? "%x" : "%08X").c_str())), Hex(x & 0x7FFFFFFFu)) << x;
     }
-    EXPECT_TRUE(__builtin_popcount(lost) == 2 && exact > 45000 && exact < 55000) << lost << " " << exact;
+    EXPECT_EQ(__builtin_popcount(lost), 2) << lost;
+    EXPECT_GT(exact, 45000u);
+    EXPECT_LT(exact, 55000u);
     const uint32_t zero = UIntUnhash("0");  // invalid texts unhash as "0"; bit 31 is never read
     for (const char *text : {"", "g", "12x4", " 12", "0x12", "-1", "100000000", "00000000"})
         EXPECT_EQ(UIntUnhash(text), zero) << text;
-    EXPECT_TRUE(UIntUnhash("1") != zero && UIntUnhash("ABCDEF") == UIntUnhash("000000000abcdef"));
+    EXPECT_NE(UIntUnhash("1"), zero);
+    EXPECT_EQ(UIntUnhash("ABCDEF"), UIntUnhash("000000000abcdef"));
     EXPECT_EQ(UIntUnhash("ffffffff"), UIntUnhash("7fffffff"));
 }
 
@@ -213,7 +227,9 @@ std::string Text(const A &a) { return std::string(reinterpret_cast<const char *>
 template <typename A>
 void CheckPrintf(int (*print)(A *, const char *, ...)) {
     A a{};
-    EXPECT_TRUE(print(&a, "abc") == 1 && a.count == 3 && a.capacity == 4 && a.elements[3] == '\0');
+    EXPECT_EQ(print(&a, "abc"), 1);
+    EXPECT_EQ(Text(a) + char(a.elements[a.count]), "abc\0"s);
+    EXPECT_EQ(a.capacity, 4u);
     ASSERT_EQ(print(&a, "%I64u|%I64d|%016I64x|%I64d|%d-%s", 18446744073709551615ull, -5ll, 0xabcull,
                     -9223372036854775807ll - 1, 42, "x"), 1);
     ASSERT_EQ(print(&a, ""), 1);
@@ -224,13 +240,19 @@ void CheckPrintf(int (*print)(A *, const char *, ...)) {
     // One pass when the text and its NUL fit, else a second after growing by the growth rule.
     const std::string big(10000, 'q');
     A b{}, c{static_cast<unsigned char *>(malloc(16)), 0, 16};
-    EXPECT_TRUE(print(&b, "%s", big.c_str()) == 1 && Text(b) == big && !b.elements[10000] && b.capacity == 16384);
+    EXPECT_EQ(print(&b, "%s", big.c_str()), 1);
+    EXPECT_EQ(Text(b) + char(b.elements[b.count]), big + '\0');
+    EXPECT_EQ(b.capacity, 16384u);
     free(b.elements);
     unsigned char *const storage = c.elements;
-    EXPECT_TRUE(print(&c, "%s", "fifteen-chars!!") == 1 && c.capacity == 16 && c.elements == storage);
+    EXPECT_EQ(print(&c, "%s", "fifteen-chars!!"), 1);
+    EXPECT_EQ(c.capacity, 16u);
+    EXPECT_EQ(c.elements, storage);
     c.count = 0;
-    EXPECT_TRUE(print(&c, "%s%d", "sixteen-chars!!", 7) == 1 && c.capacity == 64u);
-    EXPECT_TRUE(print(&c, "<%s>%I64u", big.c_str() + 9900, 99ull) == 1 && c.capacity == 256);
+    EXPECT_EQ(print(&c, "%s%d", "sixteen-chars!!", 7), 1);
+    EXPECT_EQ(c.capacity, 64u);
+    EXPECT_EQ(print(&c, "<%s>%I64u", big.c_str() + 9900, 99ull), 1);
+    EXPECT_EQ(c.capacity, 256u);
     EXPECT_EQ(Text(c) + char(c.elements[c.count]), "sixteen-chars!!7<" + big.substr(9900) + ">99" + '\0');
     free(c.elements);
 }
@@ -253,7 +275,8 @@ TEST(Printf, ArraysAndAllocated) {
     const std::string big(10000, 'a');
     for (char *(*alloc)(const char *, ...) : {AllocPrintf, ThroughVaList<AllocVprintf>}) {
         char *text = alloc("%s=%I64u|%s", "n", 18446744073709551615ull, big.c_str());
-        EXPECT_TRUE(text && std::string(text) == "n=18446744073709551615|" + big);
+        ASSERT_NE(text, nullptr);
+        EXPECT_EQ(std::string(text), "n=18446744073709551615|" + big);
         free(text);
         EXPECT_EQ(alloc("%y"), nullptr);
     }
@@ -376,7 +399,8 @@ TEST(StrlcpyStrlcat, EdgeCases) {
         char buffer[11] = "##########";  // 10 bytes in use
         if (c.destination) std::memcpy(buffer, c.destination, std::strlen(c.destination) + 1);
         const size_t result = c.destination ? strlcat(buffer, c.source, c.size) : strlcpy(buffer, c.source, c.size);
-        EXPECT_TRUE(result == c.result && std::string_view(buffer, 10) == c.after) << c.source << " size " << c.size;
+        EXPECT_EQ(result, c.result) << c.source << " size " << c.size;
+        EXPECT_EQ(std::string_view(buffer, 10), c.after) << c.source << " size " << c.size;
     }
 }
 
