@@ -56,17 +56,19 @@ constexpr size_t kSize = 64 * 1024;
 constexpr size_t kLargeSize = 1024 * 1024;  // the simdutf rows
 
 struct Inputs {
-  std::string bytes;    // random
-  std::string text;     // its Base64, one line
-  std::string lines;    // its Base64 in 76-character lines with CR LF
-  std::string qpText;   // mostly-ASCII text for quoted-printable
-  std::string qp;       // its quoted-printable encoding with line breaks
+  std::string bytes;   // random
+  std::string text;    // its Base64, one line
+  std::string lines;   // its Base64 in 76-character lines with CR LF
+  std::string qpText;  // mostly-ASCII text for quoted-printable
+  std::string qp;      // its quoted-printable encoding with line breaks
 };
 
 std::string Encoded(const std::string &bytes, int32_t breakLines, bool qp = false) {
   UByteArray a{};
-  if (qp) QPEncode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
-  else Base64Encode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
+  if (qp)
+    QPEncode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
+  else
+    Base64Encode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
   std::string s(reinterpret_cast<const char *>(a.elements), a.count);
   std::free(a.elements);
   return s;
@@ -78,7 +80,14 @@ Inputs MakeInputs(size_t size) {
   in.bytes = kzbench::RandomValues<std::string>(size, rng);
   in.text = Encoded(in.bytes, 0);
   in.lines = Encoded(in.bytes, 1);
-  const char *const words[] = {"Gr\xC3\xBC\xC3\x9F" "e ", "plain ", "text ", "a=b ", "line\r\n", "caf\xC3\xA9 "};
+  const char *const words[] = {
+      "Gr\xC3\xBC\xC3\x9F"
+      "e ",
+      "plain ",
+      "text ",
+      "a=b ",
+      "line\r\n",
+      "caf\xC3\xA9 "};
   in.qpText = kzbench::WordText(size, words, rng);
   in.qp = Encoded(in.qpText, 1, true);
   return in;
@@ -126,13 +135,14 @@ void OpenSSLBlock(benchmark::State &state, const std::string &input, const std::
   // bytes for every group of four characters, padding included.
   std::vector<unsigned char> buffer(std::max(expected.size() + 1, input.size()));
   auto openssl = [&] {
-    const int n = Block(buffer.data(), reinterpret_cast<const unsigned char *>(input.data()),
-                        static_cast<int>(input.size()));
+    const int n =
+        Block(buffer.data(), reinterpret_cast<const unsigned char *>(input.data()), static_cast<int>(input.size()));
     benchmark::DoNotOptimize(n);
   };
   openssl(), (kz.*KzCode)(input);
   Expect(std::memcmp(buffer.data(), expected.data(), expected.size()) == 0 && kz.str() == expected, what);
-  Versus(state, [&] { (kz.*KzCode)(input); }, openssl);
+  Versus(
+      state, [&] { (kz.*KzCode)(input); }, openssl);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(input.size()));
 }
 
@@ -152,7 +162,8 @@ void BM_GLibEncode(benchmark::State &state) {
   gchar *check = g_base64_encode(reinterpret_cast<const guchar *>(in.bytes.data()), in.bytes.size());
   Expect(in.text == check, "glib encode");
   g_free(check);
-  Versus(state, [&] { kz.Encode(in.bytes); }, glib);
+  Versus(
+      state, [&] { kz.Encode(in.bytes); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 
@@ -169,7 +180,8 @@ void BM_GLibEncodeStep(benchmark::State &state) {
   };
   glib();
   Expect(std::memcmp(buffer.data(), in.text.data(), in.text.size()) == 0, "glib encode step");
-  Versus(state, [&] { kz.Encode(in.bytes); }, glib);
+  Versus(
+      state, [&] { kz.Encode(in.bytes); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 #endif
@@ -204,7 +216,8 @@ void BM_GLibDecode(benchmark::State &state) {
   kz.Decode(text);
   Expect(n == in.bytes.size() && std::memcmp(check, in.bytes.data(), n) == 0 && kz.str() == in.bytes, "glib decode");
   g_free(check);
-  Versus(state, [&] { kz.Decode(text); }, glib);
+  Versus(
+      state, [&] { kz.Decode(text); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 
@@ -222,7 +235,8 @@ void BM_GLibDecodeStep(benchmark::State &state) {
   };
   glib();
   Expect(n == in.bytes.size() && std::memcmp(buffer.data(), in.bytes.data(), n) == 0, "glib decode step");
-  Versus(state, [&] { kz.Decode(text); }, glib);
+  Versus(
+      state, [&] { kz.Decode(text); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 #endif

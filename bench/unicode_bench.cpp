@@ -79,10 +79,10 @@ void AppendUtf8(std::string &s, uint32_t c) {
 
 std::string MakeText(Script script, Size size) {
   std::mt19937 rng(42 + script);
-  static const char *const kWords[] = {"the", "of", "and", "to", "in", "a", "is", "that", "for", "it", "as", "was",
-                                       "with", "be", "by", "on", "not", "he", "this", "are", "or", "his", "from",
-                                       "at", "which", "but", "have", "an", "had", "they", "you", "were", "their",
-                                       "one", "all", "we", "can", "her", "has", "there", "been", "if", "more"};
+  static const char *const kWords[] = {
+      "the", "of",   "and",   "to",   "in",  "a",  "is",  "that", "for", "it",    "as",   "was",  "with", "be",  "by",
+      "on",  "not",  "he",    "this", "are", "or", "his", "from", "at",  "which", "but",  "have", "an",   "had", "they",
+      "you", "were", "their", "one",  "all", "we", "can", "her",  "has", "there", "been", "if",   "more"};
   std::string s;
   while (s.size() < kTextBytes[size]) {
     if (script == kAscii) {
@@ -335,9 +335,11 @@ void BM_Iconv(benchmark::State &state) {
   Kz<C> kz;
   kz(in);
   Iconv ic(C::kTo, C::kFrom, Bytes(out) + 64);
-  Expect(kz.Holds(out) && ic.Run(in.data(), Bytes(in)) == Bytes(out) && std::memcmp(ic.data(), out.data(), Bytes(out)) == 0,
+  Expect(kz.Holds(out) && ic.Run(in.data(), Bytes(in)) == Bytes(out) &&
+             std::memcmp(ic.data(), out.data(), Bytes(out)) == 0,
          Named("iconv", C::kTo, C::kFrom).c_str());
-  Versus(state, [&] { kz(in); }, [&] { ic.Run(in.data(), Bytes(in)); });
+  Versus(
+      state, [&] { kz(in); }, [&] { ic.Run(in.data(), Bytes(in)); });
   Processed(state, S);
 }
 
@@ -381,13 +383,14 @@ void BM_GLib(benchmark::State &state) {
   Expect(check && static_cast<size_t>(written) == out.size() && std::memcmp(check, out.data(), Bytes(out)) == 0,
          Named("GLib", C::kTo, C::kFrom).c_str());
   g_free(check);
-  Versus(state, [&] { kz(in); },
-         [&] {
-           glong n = 0;
-           auto *result = C::GLib(in, &n);
-           benchmark::DoNotOptimize(result);
-           g_free(result);
-         });
+  Versus(
+      state, [&] { kz(in); },
+      [&] {
+        glong n = 0;
+        auto *result = C::GLib(in, &n);
+        benchmark::DoNotOptimize(result);
+        g_free(result);
+      });
   Processed(state, S);
 }
 
@@ -396,18 +399,19 @@ void BM_GLib(benchmark::State &state) {
 template <typename C, Script S>
 void BM_GLibFreshKz(benchmark::State &state) {
   const auto &in = C::In(S);
-  Versus(state,
-         [&] {
-           typename C::Record a{};
-           C::Convert(&a, in.data(), static_cast<uint32_t>(in.size()));
-           benchmark::DoNotOptimize(a.elements);
-           ArrayFree_(&a);
-         },
-         [&] {
-           auto *result = C::GLib(in, nullptr);
-           benchmark::DoNotOptimize(result);
-           g_free(result);
-         });
+  Versus(
+      state,
+      [&] {
+        typename C::Record a{};
+        C::Convert(&a, in.data(), static_cast<uint32_t>(in.size()));
+        benchmark::DoNotOptimize(a.elements);
+        ArrayFree_(&a);
+      },
+      [&] {
+        auto *result = C::GLib(in, nullptr);
+        benchmark::DoNotOptimize(result);
+        g_free(result);
+      });
   Processed(state, S);
 }
 
@@ -418,27 +422,27 @@ void BM_GLibFreshKz(benchmark::State &state) {
 
 // ---- registration (the names the figures in the docs use) -----------------------------------------------
 
-#define KZ_KZ_BENCH(C, S, name) BENCHMARK(BM_Kz<C, S>)->Name(name)
+#define KZ_KZ_BENCH(C, S, name)    BENCHMARK(BM_Kz<C, S>)->Name(name)
 #define KZ_ICONV_BENCH(C, S, name) BENCHMARK(BM_Iconv<C, S>)->Name(name)->UseManualTime()
 
-#define KZ_UNICODE_BENCHES(S)                                                              \
-  KZ_KZ_BENCH(Utf8ToUtf16, S, "BM_UCS2Encode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf8ToUtf16, S, "BM_Iconv_Utf8ToUtf16<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16<" #S ">");                   \
-  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16_FreshKz<" #S ">");    \
-  KZ_KZ_BENCH(Utf16ToUtf8, S, "BM_UCS2Decode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf16ToUtf8, S, "BM_Iconv_Utf16ToUtf8<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8<" #S ">");                   \
-  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8_FreshKz<" #S ">");    \
-  KZ_KZ_BENCH(Utf8ToUtf32, S, "BM_UCS4Encode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf8ToUtf32, S, "BM_Iconv_Utf8ToUtf32<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf32, S, "BM_GLib_Utf8ToUcs4<" #S ">");                    \
-  KZ_KZ_BENCH(Utf32ToUtf8, S, "BM_UCS4Decode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf32ToUtf8, S, "BM_Iconv_Utf32ToUtf8<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf32ToUtf8, S, "BM_GLib_Ucs4ToUtf8<" #S ">");                   \
-  KZ_SIMDUTF_BENCH(Utf8ToUtf16, S, "BM_Simdutf_Utf8ToUtf16<" #S ">");                      \
-  KZ_SIMDUTF_BENCH(Utf16ToUtf8, S, "BM_Simdutf_Utf16ToUtf8<" #S ">");                      \
-  KZ_SIMDUTF_BENCH(Utf8ToUtf32, S, "BM_Simdutf_Utf8ToUtf32<" #S ">");                      \
+#define KZ_UNICODE_BENCHES(S)                                                           \
+  KZ_KZ_BENCH(Utf8ToUtf16, S, "BM_UCS2Encode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf8ToUtf16, S, "BM_Iconv_Utf8ToUtf16<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16<" #S ">");                \
+  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16_FreshKz<" #S ">"); \
+  KZ_KZ_BENCH(Utf16ToUtf8, S, "BM_UCS2Decode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf16ToUtf8, S, "BM_Iconv_Utf16ToUtf8<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8<" #S ">");                \
+  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8_FreshKz<" #S ">"); \
+  KZ_KZ_BENCH(Utf8ToUtf32, S, "BM_UCS4Encode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf8ToUtf32, S, "BM_Iconv_Utf8ToUtf32<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf32, S, "BM_GLib_Utf8ToUcs4<" #S ">");                 \
+  KZ_KZ_BENCH(Utf32ToUtf8, S, "BM_UCS4Decode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf32ToUtf8, S, "BM_Iconv_Utf32ToUtf8<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf32ToUtf8, S, "BM_GLib_Ucs4ToUtf8<" #S ">");                 \
+  KZ_SIMDUTF_BENCH(Utf8ToUtf16, S, "BM_Simdutf_Utf8ToUtf16<" #S ">");                   \
+  KZ_SIMDUTF_BENCH(Utf16ToUtf8, S, "BM_Simdutf_Utf16ToUtf8<" #S ">");                   \
+  KZ_SIMDUTF_BENCH(Utf8ToUtf32, S, "BM_Simdutf_Utf8ToUtf32<" #S ">");                   \
   KZ_SIMDUTF_BENCH(Utf32ToUtf8, S, "BM_Simdutf_Utf32ToUtf8<" #S ">")
 
 KZ_UNICODE_BENCHES(kAscii);

@@ -33,7 +33,6 @@ namespace {
 using kzfuzz::Require;
 using namespace kzref;
 
-
 using Coder = void (*)(UByteArray *, const std::string &, int32_t);
 
 void B64Encode(UByteArray *a, const std::string &s, int32_t lines) {

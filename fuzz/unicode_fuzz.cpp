@@ -59,10 +59,12 @@ void CheckEncoder(Form form, int (*convert)(Record *, const char *, uint32_t), s
     return result;
   };
   Require(Converts<Record>(encode, ok, count0, capacity0, ref.values, ok,
-                           ModelEncode(count0, capacity0, ref.values.size(), ok)).empty(),
+                           ModelEncode(count0, capacity0, ref.values.size(), ok))
+              .empty(),
           what, text.size());
   if (ref.outcome == Outcome::kInvalid || ref.outcome == Outcome::kTooLarge) {
-    const char *message = ref.outcome == Outcome::kInvalid ? "Invalid UTF-8 sequence" : "Unicode character larger than FFFF";
+    const char *message =
+        ref.outcome == Outcome::kInvalid ? "Invalid UTF-8 sequence" : "Unicode character larger than FFFF";
     Require(KZErrorCode() == 0x200000003ull && std::strcmp(KZErrorMessage(), message) == 0, what, text.size());
     uint32_t line = 0;
     Require(std::strcmp(KZErrorLocation(&line), "kzlib/unicode/unicode") == 0, what, text.size());
@@ -77,7 +79,9 @@ void CheckDecoder(int (*convert)(UByteArray *, const In *, uint32_t), const std:
   uint64_t capacity = capacity0;
   const std::vector<uint32_t> expected = RefDecode(in, count0, &capacity);
   const In none = 0;
-  auto decode = [&](UByteArray *a) { return convert(a, in.empty() ? &none : in.data(), static_cast<uint32_t>(in.size())); };
+  auto decode = [&](UByteArray *a) {
+    return convert(a, in.empty() ? &none : in.data(), static_cast<uint32_t>(in.size()));
+  };
   Require(Converts<UByteArray>(decode, 1, count0, capacity0, expected, true, capacity).empty(), what, size);
 }
 
@@ -172,7 +176,8 @@ void CheckAll(const uint8_t *data, size_t size) {
   const uint32_t noPoint = 0;
   Require(UCS2Decode(&back, units.empty() ? &noUnit : units.data(), static_cast<uint32_t>(units.size())) == 1 &&
               UCS2Encode(&u, reinterpret_cast<const char *>(back.elements), back.count) == 1 &&
-              u.count == units.size() && (units.empty() || std::memcmp(u.elements, units.data(), units.size() * 2) == 0),
+              u.count == units.size() &&
+              (units.empty() || std::memcmp(u.elements, units.data(), units.size() * 2) == 0),
           "UCS2Encode(UCS2Decode(u))", size);
   back.count = 0;
   std::vector<uint32_t> kept;

@@ -126,8 +126,7 @@ constexpr const uint32_t *kValue = kDecode.shifted[3];  // the plain 6-bit value
 // The 24-bit value of four characters, with kBad set if any of them is outside
 // the alphabet.
 inline uint32_t Group(const unsigned char *in) {
-  return kDecode.shifted[0][in[0]] | kDecode.shifted[1][in[1]] | kDecode.shifted[2][in[2]] |
-         kDecode.shifted[3][in[3]];
+  return kDecode.shifted[0][in[0]] | kDecode.shifted[1][in[1]] | kDecode.shifted[2][in[2]] | kDecode.shifted[3][in[3]];
 }
 
 // ---- vector kernels ---------------------------------------------------------------
@@ -274,10 +273,10 @@ struct Decoded {
 __attribute__((target("ssse3"))) bool DecodeBlockSsse3(const unsigned char *in, size_t chars, unsigned char *to,
                                                        size_t room, Decoded &done) {
   if (chars - done.chars < 16 || room - done.bytes < 12) return false;
-  const __m128i invalidColumns = _mm_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13,
-                                               0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
-  const __m128i rowClass = _mm_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10,
-                                         0x10, 0x10, 0x10, 0x10);
+  const __m128i invalidColumns =
+      _mm_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13, 0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
+  const __m128i rowClass =
+      _mm_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10);
   const __m128i rowOffset = _mm_setr_epi8(0, 16, 19, 4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0);
   const __m128i nibble = _mm_set1_epi8(0x0F);
   const __m128i toBigEndian = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
@@ -726,11 +725,12 @@ KZ_API void QPDecode(UByteArray *out, const char *text, uint32_t length) {
         }
         break;
       case kLineEnd:
-        if (!softBreak) sink.Put(c);
-        else if (c == '\n') softBreak = false;
+        if (!softBreak)
+          sink.Put(c);
+        else if (c == '\n')
+          softBreak = false;
         break;
-      default:
-        break;
+      default: break;
     }
   }
   sink.Finish();

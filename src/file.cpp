@@ -33,7 +33,6 @@ constexpr size_t kPathLimit = 260;         // longest absolute path made, and lo
 constexpr size_t kZeroBlock = 1u << 20;    // zero-filling writes at most this much at once
 constexpr size_t kModulePathBuffer = 259;  // the running program's path, as the executable search reads it
 
-
 // The library's UTF-8 rules for paths, the same that UCS2Encode applies, so a
 // path is refused alike on every platform: one- to three-byte sequences with
 // no overlong forms (unpaired surrogates pass), nothing cut off.

@@ -425,11 +425,13 @@ __attribute__((always_inline)) inline bool ReadMixed(__m128i v, uint32_t nonAsci
   const __m128i next2 = _mm_srli_si128(v, 2);
   for (int half = 0; half < 2; ++half) {
     const __m128i cur = half ? _mm_unpackhi_epi8(v, zero) : _mm_unpacklo_epi8(v, zero);
-    const __m128i c1 = _mm_and_si128(half ? _mm_unpackhi_epi8(next1, zero) : _mm_unpacklo_epi8(next1, zero), Words(0x3F));
+    const __m128i c1 =
+        _mm_and_si128(half ? _mm_unpackhi_epi8(next1, zero) : _mm_unpacklo_epi8(next1, zero), Words(0x3F));
     const __m128i two = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(cur, Words(0x1F)), 6), c1);
     __m128i value = Select(_mm_cmpgt_epi16(cur, Words(0xBF)), two, cur);
     if constexpr (F != Form::kLatin1) {
-      const __m128i c2 = _mm_and_si128(half ? _mm_unpackhi_epi8(next2, zero) : _mm_unpacklo_epi8(next2, zero), Words(0x3F));
+      const __m128i c2 =
+          _mm_and_si128(half ? _mm_unpackhi_epi8(next2, zero) : _mm_unpacklo_epi8(next2, zero), Words(0x3F));
       const __m128i three = _mm_or_si128(_mm_or_si128(_mm_slli_epi16(cur, 12), _mm_slli_epi16(c1, 6)), c2);
       value = Select(_mm_cmpgt_epi16(cur, Words(0xDF)), three, value);
     }
@@ -503,8 +505,10 @@ __attribute__((always_inline)) inline void EncodeBlocks(const uint8_t *&p, const
     }
     Mixed m;
     if (ReadMixed<F>(v, nonAscii, &m)) {
-      if constexpr (kShuffle) out += CompactShuffle(m, out);
-      else out += CompactSlots(m, out);
+      if constexpr (kShuffle)
+        out += CompactShuffle(m, out);
+      else
+        out += CompactSlots(m, out);
       p += m.consumed;
       continue;
     }
@@ -730,11 +734,11 @@ inline uint8_t *Ucs4Block(__m128i v, uint8_t *out) {
   const __m128i b6 = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(v, 6), Dwords(0x3F)), Dwords(0x80));
   const __m128i b12 = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(v, 12), Dwords(0x3F)), Dwords(0x80));
   const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 6), Dwords(0xC0)), _mm_slli_epi32(b0, 8));
-  const __m128i three = _mm_or_si128(_mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 12), Dwords(0xE0)), _mm_slli_epi32(b6, 8)),
-                                     _mm_slli_epi32(b0, 16));
-  const __m128i four = _mm_or_si128(
-      _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 18), Dwords(0xF0)), _mm_slli_epi32(b12, 8)),
-      _mm_or_si128(_mm_slli_epi32(b6, 16), _mm_slli_epi32(b0, 24)));
+  const __m128i three = _mm_or_si128(
+      _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 12), Dwords(0xE0)), _mm_slli_epi32(b6, 8)), _mm_slli_epi32(b0, 16));
+  const __m128i four =
+      _mm_or_si128(_mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 18), Dwords(0xF0)), _mm_slli_epi32(b12, 8)),
+                   _mm_or_si128(_mm_slli_epi32(b6, 16), _mm_slli_epi32(b0, 24)));
   const __m128i bytes = Select(below80, v, Select(below800, two, Select(below10000, three, four)));
   const uint64_t words[2] = {Low64(bytes), High64(bytes)};
   const __m128i lengths = _mm_add_epi32(_mm_add_epi32(_mm_add_epi32(Dwords(4), below80), below800), below10000);
@@ -1187,7 +1191,9 @@ int Encode(typename EncodeTraits<F>::Record *array, const char *text, uint32_t b
 
 // Most bytes one input element can produce.
 template <typename In>
-constexpr uint32_t kMaxBytes = sizeof(In) == 1 ? 2 : sizeof(In) == 2 ? 3 : 4;
+constexpr uint32_t kMaxBytes = sizeof(In) == 1   ? 2
+                               : sizeof(In) == 2 ? 3
+                                                 : 4;
 
 template <typename In>
 int Decode(UByteArray *array, const In *in, uint32_t count) {

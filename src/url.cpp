@@ -40,9 +40,8 @@ struct Scheme {
 };
 
 constexpr Scheme kSchemes[SCHEME_NUM] = {
-    {"http", 4, 80, true, "http://"},     {"https", 5, 443, true, "https://"},
-    {"ftp", 3, 21, true, "ftp://"},       {"file", 4, 0, true, "file://"},
-    {"mailto", 6, 0, false, "mailto://"}, {"news", 4, 119, false, "news://"},
+    {"http", 4, 80, true, "http://"}, {"https", 5, 443, true, "https://"},  {"ftp", 3, 21, true, "ftp://"},
+    {"file", 4, 0, true, "file://"},  {"mailto", 6, 0, false, "mailto://"}, {"news", 4, 119, false, "news://"},
 };
 
 // Byte classes of the component and user-info rules.
@@ -56,9 +55,7 @@ enum : uint8_t {
 // the authority at "/", "?", "#"; the path at "?", "#"; the query at "#";
 // the fragment at the end of the text (every part also ends there).
 // A path segment of a relative reference ends at the next "/" or the path's end.
-enum : uint8_t {
-  kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16, kEndSegment = 32
-};
+enum : uint8_t { kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16, kEndSegment = 32 };
 
 struct ByteClasses {
   uint8_t bits[256] = {};
@@ -71,8 +68,7 @@ struct ByteClasses {
     for (int c = 'A'; c <= 'Z'; ++c) bits[c] |= kAllowed | kUnreserved;
     for (int c = '0'; c <= '9'; ++c) bits[c] |= kAllowed | kUnreserved;
     for (const char *p = "-_.!~*'()"; *p; ++p) bits[static_cast<uint8_t>(*p)] |= kUnreserved;
-    for (const char *p = "-_.!~*'();/?:@&=+$,{}|\\^[]`"; *p; ++p)
-      bits[static_cast<uint8_t>(*p)] |= kAllowed;
+    for (const char *p = "-_.!~*'();/?:@&=+$,{}|\\^[]`"; *p; ++p) bits[static_cast<uint8_t>(*p)] |= kAllowed;
     for (int c = 0; c < 10; ++c) {
       bits['0' + c] |= kHex;
       hexValue['0' + c] = static_cast<uint8_t>(c);
@@ -280,8 +276,10 @@ inline unsigned char *EncodeByte(unsigned char *w, const unsigned char *&p) {
   } else if (c == '%') {
     if (!IsHex(p[1]) || !IsHex(p[2])) return nullptr;
     uint8_t decoded = static_cast<uint8_t>(kBytes.hexValue[p[1]] << 4 | kBytes.hexValue[p[2]]);
-    if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved)) *w++ = decoded;
-    else w = PutEscape(w, decoded);
+    if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved))
+      *w++ = decoded;
+    else
+      w = PutEscape(w, decoded);
     p += 2;
   } else {
     return nullptr;
@@ -392,8 +390,10 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
     unsigned char *w = url.u_user.elements;
     for (; p < at; ++p) {
       uint8_t c = *p;
-      if ((c != 0 && Allowed(c)) || c == '%' || c == ':') *w++ = c;
-      else w = PutEscape(w, c);
+      if ((c != 0 && Allowed(c)) || c == '%' || c == ':')
+        *w++ = c;
+      else
+        w = PutEscape(w, c);
     }
     url.u_user.count = static_cast<uint32_t>(w - url.u_user.elements);
     p = at + 1;
@@ -467,8 +467,10 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
       url.u_host.elements[url.u_host.count++] = c;
       label = 0;
       ++dots;
-      if (dots < 4) octets[dots] = 0;
-      else mayBeIPv4 = false;
+      if (dots < 4)
+        octets[dots] = 0;
+      else
+        mayBeIPv4 = false;
       continue;
     } else if (c == '-' || c == '_') {
       if (bracket == kInside || label == 0) return false;
@@ -584,8 +586,8 @@ inline const unsigned char *NextSlash(const unsigned char *p, const unsigned cha
 // Resolves a relative path (non-empty, not starting with "/") against a base
 // path. Differs from the textbook merge on purpose: a trailing "/." or "/.."
 // leaves no "/" behind ("a/." against "/b/c" is "/b/a", "a/.." is "/b").
-bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *relEnd,
-               const unsigned char *base, const unsigned char *baseEnd, bool strict) {
+bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *relEnd, const unsigned char *base,
+               const unsigned char *baseEnd, bool strict) {
   out.count = 0;
   View(out).Reserve(uint64_t(baseEnd - base) + 3 * uint64_t(relEnd - rel) + 2);
   OffsetStack stack;
@@ -676,27 +678,26 @@ bool Fail(uint32_t line, const char *message) {
 
 void CheckPath(const UByteArray &path) {
   if (!(path.count > 1 && path.elements[0] == '/' && path.elements[path.count - 1] == '\0'))
-    kzassert_("ArrayLength(src->u_path) > 1 && ArrayNth(src->u_path, 0) == '/' && "
-              "ArrayLast(src->u_path) == '\\0'",
-              kSource, 1033);
+    kzassert_(
+        "ArrayLength(src->u_path) > 1 && ArrayNth(src->u_path, 0) == '/' && "
+        "ArrayLast(src->u_path) == '\\0'",
+        kSource, 1033);
 }
 
 void CheckQuery(const UByteArray &query) {
-  if (!(query.count > 0 && query.elements[query.count - 1] == '\0' &&
-        (query.count == 1 || query.elements[0] == '?')))
-    kzassert_("ArrayLength(src->u_query) > 0 && ArrayLast(src->u_query) == '\\0' && "
-              "(ArrayLength(src->u_query) == 1 || ArrayNth(src->u_query, 0) == '?')",
-              kSource, 1034);
+  if (!(query.count > 0 && query.elements[query.count - 1] == '\0' && (query.count == 1 || query.elements[0] == '?')))
+    kzassert_(
+        "ArrayLength(src->u_query) > 0 && ArrayLast(src->u_query) == '\\0' && "
+        "(ArrayLength(src->u_query) == 1 || ArrayNth(src->u_query, 0) == '?')",
+        kSource, 1034);
 }
 
 void CheckScheme(uint32_t scheme, uint32_t line) {
   if (scheme >= SCHEME_NUM) kzassert_("scheme < SCHEME_NUM", kSource, line);
 }
 
-bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool acceptQuery, bool strict,
-               bool eightBitHost) {
-  if (base && (static_cast<uint32_t>(base->u_scheme) >= SCHEME_NUM ||
-               !kSchemes[base->u_scheme].hierarchical))
+bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool acceptQuery, bool strict, bool eightBitHost) {
+  if (base && (static_cast<uint32_t>(base->u_scheme) >= SCHEME_NUM || !kSchemes[base->u_scheme].hierarchical))
     base = nullptr;
 
   SetEmptyText(url.u_fragment);
@@ -828,7 +829,7 @@ inline char *PutDecimal(char *w, uint32_t v) {
 
 struct UrlPool {
   KZ_ARRAY(URL *) idle = {nullptr, 0, 0};  // released records, most recent last
-  uint32_t count = 0;  // records handed out
+  uint32_t count = 0;                      // records handed out
   KZMutex lock = reinterpret_cast<KZMutex>(~uintptr_t(0));
   KZCondition available = KZ_CONDITION_INITIALIZER;
 };
@@ -861,12 +862,10 @@ bool FingerprintStartup() {
   return true;
 }
 
-const bool g_fingerprintRegistered =
-    kz::startup::Register(kz::startup::Step::kFingerprintTables, FingerprintStartup);
+const bool g_fingerprintRegistered = kz::startup::Register(kz::startup::Step::kFingerprintTables, FingerprintStartup);
 
 inline uint64_t ExtendFolded(uint64_t value, const void *bytes, size_t length) {
-  return kz::fingerprint::FoldEnd(
-      kz::fingerprint::Extend(value, static_cast<const unsigned char *>(bytes), length));
+  return kz::fingerprint::FoldEnd(kz::fingerprint::Extend(value, static_cast<const unsigned char *>(bytes), length));
 }
 
 uint64_t HostFingerprint(const URL &url) {
@@ -988,23 +987,20 @@ KZ_API void URLPoolCompact(void) {
 
 KZ_API int32_t URLGetScheme(const URL *url) { return url->u_scheme; }
 
-KZ_API int URLIsSimpleHTTP(const URL *url) {
-  return url->u_scheme == SCHEME_HTTP && url->u_user.count < 2;
-}
+KZ_API int URLIsSimpleHTTP(const URL *url) { return url->u_scheme == SCHEME_HTTP && url->u_user.count < 2; }
 
 // ---- parsing -----------------------------------------------------------------------------
 
-KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict,
-                     int eightBitHost) {
+KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict, int eightBitHost) {
   if (base != url) {
-    return ParseInto(reinterpret_cast<const unsigned char *>(text), *url, base, acceptQuery != 0,
-                     strict != 0, eightBitHost != 0);
+    return ParseInto(reinterpret_cast<const unsigned char *>(text), *url, base, acceptQuery != 0, strict != 0,
+                     eightBitHost != 0);
   }
   // Resolving a record against itself: parse against a copy of the base.
   URL *copy = URLAcquire();
   URLCopy(copy, base);
-  bool ok = ParseInto(reinterpret_cast<const unsigned char *>(text), *url, copy, acceptQuery != 0,
-                      strict != 0, eightBitHost != 0);
+  bool ok = ParseInto(reinterpret_cast<const unsigned char *>(text), *url, copy, acceptQuery != 0, strict != 0,
+                      eightBitHost != 0);
   URLRelease(copy);
   return ok;
 }
@@ -1032,11 +1028,8 @@ KZ_API int URLIsValid(const URL *url) {
   if (!noneOrText(url->u_user)) return 0;
   if (!lastIsNul(url->u_path)) return 0;
   if (kSchemes[url->u_scheme].hierarchical && url->u_path.elements[0] != '/') return 0;
-  if (!lastIsNul(url->u_query) || (url->u_query.count != 1 && url->u_query.elements[0] != '?'))
-    return 0;
-  if (!noneOrText(url->u_fragment) ||
-      (url->u_fragment.count > 1 && url->u_fragment.elements[0] != '#'))
-    return 0;
+  if (!lastIsNul(url->u_query) || (url->u_query.count != 1 && url->u_query.elements[0] != '?')) return 0;
+  if (!noneOrText(url->u_fragment) || (url->u_fragment.count > 1 && url->u_fragment.elements[0] != '#')) return 0;
   return 1;
 }
 
@@ -1046,8 +1039,7 @@ KZ_API uint32_t URLPrintSize(const URL *url) {
   CheckScheme(static_cast<uint32_t>(url->u_scheme), 1101);
   // Each component's NUL pays for one character of "://"; the user info's
   // NUL pays for its "@".
-  uint32_t size = kSchemes[url->u_scheme].length + url->u_host.count + url->u_path.count +
-                  url->u_query.count;
+  uint32_t size = kSchemes[url->u_scheme].length + url->u_host.count + url->u_path.count + url->u_query.count;
   if (url->u_user.count >= 2) size += url->u_user.count;
   if (PrintsPort(*url)) size += 1 + DecimalDigits(url->u_port);
   return size;
@@ -1110,8 +1102,10 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
 
   // Query: a lone "?" goes (full only), then trailing "&" are trimmed.
   CheckQuery(src.u_query);
-  if (full && src.u_query.count <= 2) SetEmptyText(dst.u_query);
-  else ArrayCopy_(&dst.u_query, 1, &src.u_query, 1, kSource, 1186);
+  if (full && src.u_query.count <= 2)
+    SetEmptyText(dst.u_query);
+  else
+    ArrayCopy_(&dst.u_query, 1, &src.u_query, 1, kSource, 1186);
   while (dst.u_query.count > 2 && dst.u_query.elements[dst.u_query.count - 2] == '&') {
     dst.u_query.elements[dst.u_query.count - 2] = '\0';
     --dst.u_query.count;
@@ -1225,8 +1219,8 @@ done:
   static constexpr struct {
     const char *name;
     uint32_t length;
-  } kDefaultDocuments[] = {{"index.html", 10}, {"index.htm", 9}, {"index.asp", 9},
-                           {"default.htm", 11}, {"default.asp", 11}};
+  } kDefaultDocuments[] = {
+      {"index.html", 10}, {"index.htm", 9}, {"index.asp", 9}, {"default.htm", 11}, {"default.asp", 11}};
   bool noQuery = dst.u_query.count == 1;
   for (;;) {
     uint32_t length = path.count - 1;

@@ -28,12 +28,12 @@ static int32_t CompareInts(const void *a, const void *b, void *context) {
   (void)context;
   return x < y ? -1 : x > y;
 }
-#define CHECK(condition)                                                   \
-  do {                                                                     \
-    if (!(condition)) {                                                    \
+#define CHECK(condition)                                                            \
+  do {                                                                              \
+    if (!(condition)) {                                                             \
       fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      failures++;                                                          \
-    }                                                                      \
+      failures++;                                                                   \
+    }                                                                               \
   } while (0)
 
 static void CountEntropy(void *argument, const void *bytes, size_t length) {
@@ -149,7 +149,8 @@ int main(void) {
     int c;
     CHECK(TCPAddrSetHostPort(&address, "127.0.0.1:80") == 1 && address.port == 80);
     CHECK(ChannelMemoryWriter(channel, &written) == 1);
-    CHECK(ChannelWriteString(channel, "id ") && ChannelWriteHexInt(channel, 255) && ChannelWriteString(channel, "\r\n"));
+    CHECK(ChannelWriteString(channel, "id ") && ChannelWriteHexInt(channel, 255) &&
+          ChannelWriteString(channel, "\r\n"));
     CHECK(ChannelFlush(channel) == 1 && written.count == 13);
     CHECK(ChannelMemoryReader(channel, written.elements, written.count) == 1);
     c = ChannelPeekByte(channel);

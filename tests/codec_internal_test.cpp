@@ -15,8 +15,10 @@
 static std::string Base64(const std::string &in, bool decode, uint32_t option) {
   kztest::Scoped<UByteArray> a;
   if (decode && option) ArrayGrowExact(a, option);
-  if (decode) Base64Decode(&a, in.data(), static_cast<uint32_t>(in.size()));
-  else Base64Encode(&a, in.data(), static_cast<uint32_t>(in.size()), static_cast<int32_t>(option));
+  if (decode)
+    Base64Decode(&a, in.data(), static_cast<uint32_t>(in.size()));
+  else
+    Base64Encode(&a, in.data(), static_cast<uint32_t>(in.size()), static_cast<int32_t>(option));
   return kztest::Bytes(a);
 }
 

@@ -73,7 +73,6 @@ TEST_F(FingerprintKernel, MethodsAgreeOnLargeBuffers) {
 #endif
 }
 
-
 // Short inputs, where the last 1-7 bytes take one step through several
 // tables: every length up to 40 at every alignment, against the reference.
 TEST_F(FingerprintKernel, ShortTailsMatchTheReference) {

@@ -25,17 +25,29 @@ auto Locked(KZMutex *lock, Read read) {
   auto value = (MutexLock(lock), read());
   return MutexUnlock(lock), value;
 }
-uint32_t Waiters(KZCondition *c) { return Locked(&c->lock, [&] { return c->waiters; }); }
-int32_t WaitingWriters(KZRWLock *l) { return Locked(&l->lock, [&] { return l->waitingWriters; }); }
-Pair StateAndUpgradable(KZRWULock *l) { return Locked(&l->lock, [&] { return Pair(l->state, l->upgradable); }); }
+uint32_t Waiters(KZCondition *c) {
+  return Locked(&c->lock, [&] { return c->waiters; });
+}
+int32_t WaitingWriters(KZRWLock *l) {
+  return Locked(&l->lock, [&] { return l->waitingWriters; });
+}
+Pair StateAndUpgradable(KZRWULock *l) {
+  return Locked(&l->lock, [&] { return Pair(l->state, l->upgradable); });
+}
 
 // A thread running body(), expected to block until the test lets it go.
 struct Background {
   std::atomic<bool> done{false};
   std::thread thread;
-  explicit Background(const std::function<void()> &body) : thread([this, body] { body(); done = true; }) {}
+  explicit Background(const std::function<void()> &body)
+      : thread([this, body] {
+          body();
+          done = true;
+        }) {}
   // After a failure it may be stuck: end the program rather than hang.
-  ~Background() { Eventually([&] { return done.load(); }) ? thread.join() : std::abort(); }
+  ~Background() {
+    Eventually([&] { return done.load(); }) ? thread.join() : std::abort();
+  }
   bool StillBlocked() { return std::this_thread::sleep_for(20ms), !done; }
 };
 
@@ -73,12 +85,15 @@ TEST(Condition, LostSignalTimedWaitReentrantMutexAndBroadcastWaitingForAllToLeav
   KZMutex mutex = KZ_MUTEX_INITIALIZER;
   KZCondition cv = KZ_CONDITION_INITIALIZER;
   ConditionSignal(&cv), ConditionBroadcast(&cv);  // no waiter: both return at once
-  MutexLock(&mutex);  // the signal was not kept:
+  MutexLock(&mutex);                              // the signal was not kept:
   EXPECT_EQ(ConditionTimedWait(&cv, &mutex, 0), 0);
   EXPECT_EQ(ConditionTimedWait(&cv, &mutex, 30), 0);
   EXPECT_EQ(Waiters(&cv), 0u);
   MutexLock(&mutex);
-  Background other([&] { MutexLock(&mutex); MutexUnlock(&mutex); });
+  Background other([&] {
+    MutexLock(&mutex);
+    MutexUnlock(&mutex);
+  });
   EXPECT_TRUE(other.StillBlocked());
   MutexUnlock(&mutex);
   EXPECT_TRUE(other.StillBlocked());
@@ -143,7 +158,11 @@ TEST(RWLock, WaitingWriterHoldsBackNewReadersAndTimeoutsGiveUp) {
   KZRWLock lock = KZ_RWLOCK_INITIALIZER;
   EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 0), 1);
   std::atomic<bool> written{false}, read{false}, writtenBeforeRead{false};
-  std::thread writer([&] { RWLockAcquireWrite(&lock); written = true; RWLockRelease(&lock); });
+  std::thread writer([&] {
+    RWLockAcquireWrite(&lock);
+    written = true;
+    RWLockRelease(&lock);
+  });
   ASSERT_TRUE(Eventually([&] { return WaitingWriters(&lock) == 1; }));
   // A reader holds the lock, but a writer waits: a new reader gives up or
   // waits until the writer is done.
@@ -156,7 +175,7 @@ TEST(RWLock, WaitingWriterHoldsBackNewReadersAndTimeoutsGiveUp) {
   EXPECT_TRUE((RWLockRelease(&lock), writer.join(), reader.join(), writtenBeforeRead.load()));
   EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 0), 1);
   EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 20), 0);  // given up on
-  RWLockRelease(&lock), RWLockAcquireRead(&lock);  // the writer that gave up is no longer counted
+  RWLockRelease(&lock), RWLockAcquireRead(&lock);     // the writer that gave up is no longer counted
   EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 20), 0);
   EXPECT_EQ(WaitingWriters(&lock), 0);
   RWLockRelease(&lock), RWLockDestroy(&lock);
@@ -196,7 +215,7 @@ TEST(RWLock, ReadersHeldBackByAWriterThatGivesUpGetTheLock) {
 TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   KZRWULock lock = KZ_RWULOCK_INITIALIZER;
   RWULockAcquireRead(&lock), RWULockAcquireRead(&lock);  // two plain read holds
-  std::atomic<int> step{0};  // the upgrader's progress
+  std::atomic<int> step{0};                              // the upgrader's progress
   std::latch goDowngrade(1), goRelease(1);
   std::thread upgrader([&] {
     RWULockAcquireUpgradable(&lock), step = 1, RWULockUpgrade(&lock), step = 2, goDowngrade.wait();
@@ -205,7 +224,10 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   ASSERT_TRUE(Eventually([&] { return StateAndUpgradable(&lock).second == -1 || step >= 2; }));
   ASSERT_EQ(step.load(), 1);
   // A new reader is held back while the upgrade is pending.
-  Background lateReader([&] { RWULockAcquireRead(&lock); RWULockRelease(&lock); });
+  Background lateReader([&] {
+    RWULockAcquireRead(&lock);
+    RWULockRelease(&lock);
+  });
   ASSERT_TRUE(Eventually([&] { return Waiters(&lock.readersCondition) == 1 || lateReader.done; }));
   // Still waiting for the other read hold.
   EXPECT_EQ((RWULockRelease(&lock), StateAndUpgradable(&lock)), Pair(2, -1));
@@ -227,19 +249,32 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
 // ---- fatal messages and assertions --------------------------------------------------
 
 KZRecursiveMutex g_held = KZ_RECURSIVE_MUTEX_INITIALIZER;  // each case runs in a new process
-KZCondition DestroyedCondition() { KZCondition c; return ConditionInit(&c), ConditionDestroy(&c), c; }
+KZCondition DestroyedCondition() {
+  KZCondition c;
+  return ConditionInit(&c), ConditionDestroy(&c), c;
+}
 
 TEST(LockDeathTest, FatalMessagesAndAssertions) {
   const kztest::FatalCase cases[] = {
       {[] { RecursiveMutexLock(&g_held), std::thread(RecursiveMutexUnlock, &g_held).join(); },  // by another thread
        1, "\"kzthread:895\": mutex operation failed: Operation not permitted"},
-      {[] { RecursiveMutexLock(&g_held), RecursiveMutexDestroy(&g_held); },
-       1, "\"kzthread:895\": mutex operation failed: Device or resource busy"},
-      {[] { KZCondition c = DestroyedCondition(); MutexLock(&g_lazy), ConditionTimedWait(&c, &g_lazy, 0); },
+      {[] { RecursiveMutexLock(&g_held), RecursiveMutexDestroy(&g_held); }, 1,
+       "\"kzthread:895\": mutex operation failed: Device or resource busy"},
+      {[] {
+         KZCondition c = DestroyedCondition();
+         MutexLock(&g_lazy), ConditionTimedWait(&c, &g_lazy, 0);
+       },
        0, "\"kzthread:992\": WaitForSingleObject failed: Bad file descriptor"},
-      {[] { KZCondition condition = DestroyedCondition(); condition.waiters = 2; ConditionBroadcast(&condition); },
+      {[] {
+         KZCondition condition = DestroyedCondition();
+         condition.waiters = 2;
+         ConditionBroadcast(&condition);
+       },
        0, "\"kzthread:1066\": ReleaseSemaphore failed: Bad file descriptor"},
-      {[] { KZRWLock lock = KZ_RWLOCK_INITIALIZER; RWLockRelease(&lock); },
+      {[] {
+         KZRWLock lock = KZ_RWLOCK_INITIALIZER;
+         RWLockRelease(&lock);
+       },
        0, "'lock->state > 0' failed at kzlib/kzthread:1370"},
   };
   for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);

@@ -63,7 +63,12 @@ TEST(CheckedAllocationDeathTest, FailedAllocationAndZeroAlignmentEndTheProcess) 
                "kzlib: \"site.c:77\": malloc failed: ptr=0x.* size=12345, "
                "process=\\{PeakWorkingSetSize=[0-9]+, WorkingSetSize=[0-9]+, .*PeakPagefileUsage=[0-9]+\\}"
                ": Cannot allocate memory\r\n");
-  EXPECT_DEATH({ void *aligned; AllocateAligned(16, 0, &aligned); }, "'align > 0' failed at kzlib/kzlib:4335\n");
+  EXPECT_DEATH(
+      {
+        void *aligned;
+        AllocateAligned(16, 0, &aligned);
+      },
+      "'align > 0' failed at kzlib/kzlib:4335\n");
 }
 
 TEST(PageProtectionDeathTest, ReadOnlyAndDisabledPagesFault) {

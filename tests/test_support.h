@@ -2,10 +2,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <string>

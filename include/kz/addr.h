@@ -26,8 +26,8 @@ KZ_BEGIN_DECLS
 /* Address families: 0 is unset (where a function says so, the library's
  * default family), then IPv4, IPv6 and local connections. */
 #define KZ_FAMILY_UNSET 0u
-#define KZ_FAMILY_IPV4 1u
-#define KZ_FAMILY_IPV6 2u
+#define KZ_FAMILY_IPV4  1u
+#define KZ_FAMILY_IPV6  2u
 #define KZ_FAMILY_LOCAL 3u
 
 /* Longest local-connection name (the 16 address bytes hold it with its NUL). */
@@ -47,8 +47,16 @@ typedef struct TCPAddr {
 
 /* Arrays of addresses (kz/array.h records), filled by the ...Multiple
  * resolvers and taken by ChannelConnectMultiple. */
-typedef struct IPAddrArray { IPAddr *elements; uint32_t count; uint32_t capacity; } IPAddrArray;
-typedef struct TCPAddrArray { TCPAddr *elements; uint32_t count; uint32_t capacity; } TCPAddrArray;
+typedef struct IPAddrArray {
+  IPAddr *elements;
+  uint32_t count;
+  uint32_t capacity;
+} IPAddrArray;
+typedef struct TCPAddrArray {
+  TCPAddr *elements;
+  uint32_t count;
+  uint32_t capacity;
+} TCPAddrArray;
 
 /* ---- families ------------------------------------------------------------ */
 
@@ -224,7 +232,7 @@ KZ_API void TCPAddrIpPort(TCPAddr *out, const IPAddr *address, uint16_t port);
  * without the connection tables raises "not available on this platform"; a
  * connection not in the tables fails with errno ENOENT. */
 #define KZ_PEER_ADMINISTRATORS 0x1u
-#define KZ_PEER_SYSTEM 0x2u
+#define KZ_PEER_SYSTEM         0x2u
 /* local: this side's address; peer: the other side's. */
 KZ_API int TCPAddrPeerGetSecurityFlags(const TCPAddr *local, const TCPAddr *peer, uint32_t *flags);
 

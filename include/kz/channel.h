@@ -43,25 +43,25 @@ KZ_BEGIN_DECLS
 /* The number writers flush first when more than this is buffered, so the at
  * most 30 characters of a number always fit. */
 #define KZ_CHANNEL_NUMBER_THRESHOLD 11650
-#define KZ_INVALID_HANDLE ((int64_t)-1)
+#define KZ_INVALID_HANDLE           ((int64_t)-1)
 /* ChannelSetObfuscationKey's value that turns scrambling off. */
 #define KZ_OBFUSCATION_OFF 0xFFFFFFFFFFFFFFFFull
 /* The memory-I/O record's magic. */
 #define MEMIO_MAGIC 0xC6EC2F9A4E80752Aull
 
-#define KZ_RECEIVE_OK 0
-#define KZ_RECEIVE_EOF (-1)
-#define KZ_RECEIVE_ERROR (-2)
-#define KZ_RECEIVE_TIMEOUT (-3)
-#define KZ_RECEIVE_PROTOCOL (-4)
+#define KZ_RECEIVE_OK        0
+#define KZ_RECEIVE_EOF       (-1)
+#define KZ_RECEIVE_ERROR     (-2)
+#define KZ_RECEIVE_TIMEOUT   (-3)
+#define KZ_RECEIVE_PROTOCOL  (-4)
 #define KZ_RECEIVE_TRUNCATED (-5)
 
 /* Callbacks of a virtual endpoint; each gets the userData given at attach. */
-typedef int64_t (*ChannelVirtualRead)(void *buffer, size_t size, void *userData);       /* >0 bytes, 0 end, <0 failure */
-typedef int64_t (*ChannelVirtualWrite)(const void *data, size_t size, void *userData);  /* >=0 taken, <0 failure */
-typedef void (*ChannelVirtualRelease)(void *userData);  /* once, when the channel lets go */
-typedef int (*ChannelVirtualShutdown)(void *userData);  /* 0 success */
-typedef int (*ChannelVirtualSync)(void *userData);      /* 0 success */
+typedef int64_t (*ChannelVirtualRead)(void *buffer, size_t size, void *userData);      /* >0 bytes, 0 end, <0 failure */
+typedef int64_t (*ChannelVirtualWrite)(const void *data, size_t size, void *userData); /* >=0 taken, <0 failure */
+typedef void (*ChannelVirtualRelease)(void *userData); /* once, when the channel lets go */
+typedef int (*ChannelVirtualShutdown)(void *userData); /* 0 success */
+typedef int (*ChannelVirtualSync)(void *userData);     /* 0 success */
 
 typedef struct ChannelVirtualIO {
   ChannelVirtualRead read;
@@ -76,24 +76,24 @@ typedef struct ChannelVirtualIO {
  * through the functions below and the byte-read macros, which use readPos,
  * readFill and readBuffer. */
 typedef struct Channel {
-  int64_t handle;          /* KZ_INVALID_HANDLE when none */
-  int32_t readTimeout;     /* ms, -1 for ever */
-  int32_t writeTimeout;    /* ms (seconds on local connections), -1 for ever */
-  int32_t connectTimeout;  /* ms (seconds for busy local listeners), -1 blocking */
-  uint16_t portRangeMin;   /* 0: the system chooses the local port */
+  int64_t handle;         /* KZ_INVALID_HANDLE when none */
+  int32_t readTimeout;    /* ms, -1 for ever */
+  int32_t writeTimeout;   /* ms (seconds on local connections), -1 for ever */
+  int32_t connectTimeout; /* ms (seconds for busy local listeners), -1 blocking */
+  uint16_t portRangeMin;  /* 0: the system chooses the local port */
   uint16_t portRangeMax;
   uint16_t nextPort;
   uint32_t ownsHandle;
-  int32_t crtDescriptor;   /* descriptor closed instead of the handle, or -1 */
-  uint32_t isSocket;       /* a TCP socket */
+  int32_t crtDescriptor; /* descriptor closed instead of the handle, or -1 */
+  uint32_t isSocket;     /* a TCP socket */
   uint32_t sslRequested;
   uint32_t requireCert;
-  void *ssl;               /* the SSL session, or null */
-  void *sslContext;        /* an SSL context owned by the channel, or null */
-  uint32_t isNamedPipe;    /* a local connection */
+  void *ssl;            /* the SSL session, or null */
+  void *sslContext;     /* an SSL context owned by the channel, or null */
+  uint32_t isNamedPipe; /* a local connection */
   uint32_t obfuscated;
-  uint64_t readOverlapped[4];   /* reserved (no use on POSIX) */
-  uint64_t writeOverlapped[4];  /* reserved */
+  uint64_t readOverlapped[4];  /* reserved (no use on POSIX) */
+  uint64_t writeOverlapped[4]; /* reserved */
   uint64_t readKeyState;
   int32_t readPos;
   int32_t readFill;

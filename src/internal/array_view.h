@@ -43,8 +43,7 @@ class ArrayView {
       if (next >= 2147483647u) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
       ArrayGrowExact_(&record_, static_cast<uint32_t>(next), sizeof(Element), file_, line_);
     } else {
-      if (next >= 9223372036854775807ull)
-        kzassert_("eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
+      if (next >= 9223372036854775807ull) kzassert_("eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
       BigArrayGrowExact_(&record_, next, sizeof(Element), file_, line_);
     }
     return record_.elements;
@@ -93,7 +92,10 @@ class ArrayView {
   void Clear() { record_.count = 0; }
 
   void Free() {
-    if constexpr (kBig) BigArrayFree_(&record_); else ArrayFree_(&record_);
+    if constexpr (kBig)
+      BigArrayFree_(&record_);
+    else
+      ArrayFree_(&record_);
   }
 
  private:

@@ -58,4 +58,3 @@ void SetDebugger(const char *program);
 int64_t RunProtected(KZProtectedFunction function, void *argument, KZCrashReport report);
 
 }  // namespace kz::crash
-
