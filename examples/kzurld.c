@@ -147,10 +147,10 @@ static int CheckKey(void *context, const char *key, const char *value) {
 
 /* The value of key (the built-in one when the file has none); valid until
  * the next call. */
+static UByteArray valueText;
 static const char *Value(const char *key) {
-  static UByteArray text;
-  text.count = 0;
-  return ConfigKeyGetString(key, "", &text);
+  valueText.count = 0;
+  return ConfigKeyGetString(key, "", &valueText);
 }
 
 static int Number(const char *key, uint32_t min, uint32_t max, uint32_t *out) {
@@ -718,7 +718,7 @@ static int ParseOptions(int argc, char **argv) {
   } overrides[] = {{"--port", "port"}, {"--local", "local"}, {"--tls-port", "tls-port"},
                    {"--cert", "cert"}, {"--key", "key"},     {NULL, NULL}};
   const char *config = NULL;
-  int i, k;
+  int i, k, status;
   for (i = 1; i < argc; i++) {
     const char *arg = argv[i];
     if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
@@ -757,7 +757,9 @@ static int ParseOptions(int argc, char **argv) {
         break;
       }
   }
-  return ReadSettings() ? 0 : 2;
+  status = ReadSettings() ? 0 : 2;
+  ArrayFree(valueText);
+  return status;
 }
 
 int main(int argc, char **argv) {

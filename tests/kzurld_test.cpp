@@ -233,6 +233,25 @@ TEST_F(Kzurld, DaemonServesAndStopsOnSignal) {
     ASSERT_TRUE(WriteAll(client.get(), line[0] + "\n"));
     EXPECT_EQ(ReadLines(client.get(), 1, Clock::now() + 10s), KzurlAnswers(dir, line)[0] + "\n");
   }
+  // SIGHUP rotates the log: the old one is renamed with its time stamp.
+  kill(daemon, SIGHUP);
+  auto Rotated = [&] {
+    for (const auto &entry : std::filesystem::directory_iterator(dir / "run")) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with("log.") && name.ends_with(".log") && name != "log.log") return name;
+    }
+    return std::string();
+  };
+  for (const auto limit = Clock::now() + 10s; Rotated().empty() && Clock::now() < limit;)
+    std::this_thread::sleep_for(5ms);
+  const std::string rotated = Rotated();
+  EXPECT_TRUE(
+      std::regex_match(rotated, std::regex("log\\.[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{2}-[0-9]{2}-[0-9]{2}\\.log")))
+      << rotated;
+  if (!rotated.empty()) {
+    EXPECT_NE(ReadFile(dir / ("run/" + rotated)).find("ready on"), std::string::npos);
+  }
+
   kill(daemon, SIGTERM);
   int status = 0;
   pid_t ended = 0;
