@@ -125,6 +125,7 @@ int BioRead(BIO *bio, char *buffer, int size) {
   BIO_clear_retry_flags(bio);
   int64_t n = kz::os::Receive(BioHandle(bio), buffer, static_cast<size_t>(size), true);
   if (n < 0 && kz::os::Classify(KZGetLastError()) == kz::os::ErrorClass::kWouldBlock) BIO_set_retry_read(bio);
+  if (n == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
   return static_cast<int>(n);
 }
 
@@ -197,6 +198,13 @@ int32_t HandshakeWait(const Channel *channel) {
 
 bool TimedOut() { return KZErrorCode() == KZ_ERR_TIMEOUT; }
 
+// Whether a call that failed with SSL_ERROR_SYSCALL and nothing queued met
+// the end of the connection. OpenSSL 1.0 answered such a call with 0, OpenSSL
+// 3 answers -1: the socket BIO's end-of-input mark tells instead.
+bool ClosedByPeer(SSL *ssl, int result) {
+  return result == 0 || BIO_test_flags(SSL_get_rbio(ssl), BIO_FLAGS_IN_EOF) != 0;
+}
+
 // ---- SSLInit's steps ------------------------------------------------------------------
 
 void InitOnce() {
@@ -253,7 +261,7 @@ bool HandshakeStepFailed(Channel *channel, SSL *ssl, int result, bool client) {
     case SSL_ERROR_SYSCALL:
       if (ERR_peek_error() != 0)
         SSLErrorThrow();
-      else if (result == 0)
+      else if (ClosedByPeer(ssl, result))
         SSL_FAIL("ChannelStartSSL", "SSL handshake failed: connection closed");
       else
         errno = -1;
@@ -264,10 +272,14 @@ bool HandshakeStepFailed(Channel *channel, SSL *ssl, int result, bool client) {
   }
 }
 
-// Gives a client session of the shared context the client certificate.
+// Gives a client session of the shared context the client certificate, or
+// none: the context's own certificate is the servers'.
 bool UseClientIdentity(SSL *ssl) {
   kz::LazyLockGuard hold(g_identityLock);
-  if (!g_clientIdentity.certificate) return true;
+  if (!g_clientIdentity.certificate) {
+    SSL_certs_clear(ssl);
+    return true;
+  }
   return SSL_use_cert_and_key(ssl, g_clientIdentity.certificate, g_clientIdentity.key, g_clientIdentity.chain, 1) == 1;
 }
 
@@ -290,7 +302,7 @@ int64_t SeamWrite(Channel *channel, const void *data, size_t size) {
       case SSL_ERROR_SYSCALL:
         if (ERR_peek_error() != 0)
           SSLErrorThrow();
-        else if (n == 0)
+        else if (ClosedByPeer(ssl, n))
           SSL_FAIL("ChannelSend", "SSL write failed: connection closed");
         else
           errno = -1;
@@ -322,7 +334,7 @@ int64_t SeamRead(Channel *channel, void *buffer, size_t size) {
           SSLErrorThrow();
           return KZ_RECEIVE_ERROR;
         }
-        if (n == 0) {
+        if (ClosedByPeer(ssl, n)) {
           errno = 0;
           return KZ_RECEIVE_EOF;
         }
@@ -709,7 +721,7 @@ KZ_API int ShutdownSSL(Channel *channel, int *state) {
       case SSL_ERROR_SYSCALL:
         if (ERR_peek_error() != 0)
           SSLErrorThrow();
-        else if (result == 0)
+        else if (ClosedByPeer(ssl, result))
           SSL_FAIL("ShutdownSSL", "SSL shutdown failed: connection closed");
         else
           errno = -1;
