@@ -191,26 +191,22 @@ static int ReadTls(void) {
   char *cert = Strdup(Value("cert"));
   const char *key = Value("key");
   int ok = 1;
+#if !KZ_WITH_SSL
+  /* A library built without SSL: a configuration that asks for TLS cannot be
+   * served. */
+  if (settings.tlsPort != 0 || *cert || *key) {
+    fprintf(stderr, "kzurld: TLS is not available in this build (tls-port, cert and key must stay unset)\n");
+    ok = 0;
+  }
+#else
   if (!*cert && !*key) {
     if (settings.tlsPort != 0) ok = ConfigError("tls-port needs cert and key");
   } else if (!*cert || !*key) {
     ok = ConfigError("cert and key go together: %s is not set", *cert ? "key" : "cert");
+  } else if (LoadServerSSLCert(cert, key, NULL)) {
+    settings.tls = 1;
   } else {
-#if KZ_WITH_SSL
-    if (LoadServerSSLCert(cert, key, NULL))
-      settings.tls = 1;
-    else
-      ok = ConfigError("cannot use certificate %s with key %s: %s", cert, key, KZErrorMessage());
-#else
-    ok = 0;
-#endif
-  }
-#if !KZ_WITH_SSL
-  if (settings.tlsPort != 0 || *cert || *key) {
-    /* A library built without SSL: a configuration that asks for TLS cannot
-     * be served. */
-    fprintf(stderr, "kzurld: TLS is not available in this build (tls-port, cert and key must stay unset)\n");
-    ok = 0;
+    ok = ConfigError("cannot use certificate %s with key %s: %s", cert, key, KZErrorMessage());
   }
 #endif
   free(cert);
@@ -532,17 +528,6 @@ static void CloseIdle(Worker *worker, uint64_t now) {
   }
 }
 
-/* Milliseconds until the connection has been silent for the idle time-out;
- * -1: it may stay silent for ever. */
-static int32_t IdleLeft(const Connection *connection, uint64_t now) {
-  uint64_t due;
-  if (settings.idleTimeout == 0) return -1;
-  due = connection->lastActive + (uint64_t)settings.idleTimeout;
-  return due <= now ? 0 : (int32_t)(due - now > 0x7FFFFFFF ? 0x7FFFFFFF : due - now);
-}
-
-static int IdleTooLong(const Connection *connection, uint64_t now) { return IdleLeft(connection, now) == 0; }
-
 static int64_t WorkerMain(void *argument) {
   Worker *worker = (Worker *)argument;
   Channel *waitOn[KZ_SELECT_MAX_SOCKETS];
@@ -608,6 +593,15 @@ static uint32_t tlsSlotCount; /* tls-connections + TLS_REFUSERS */
 /* Notified once at the stop; every TLS connection's wait holds it. */
 static ChannelSelectEvent tlsStop;
 
+/* Milliseconds until the connection has been silent for the idle time-out;
+ * -1: it may stay silent for ever. */
+static int32_t IdleLeft(const Connection *connection, uint64_t now) {
+  uint64_t due;
+  if (settings.idleTimeout == 0) return -1;
+  due = connection->lastActive + (uint64_t)settings.idleTimeout;
+  return due <= now ? 0 : (int32_t)(due - now > 0x7FFFFFFF ? 0x7FFFFFFF : due - now);
+}
+
 /* Closes a TLS connection: with the close notification when the session is
  * sound, else at once. */
 static void CloseTls(TlsSlot *slot, Connection *connection) {
@@ -665,7 +659,7 @@ static void ServeTls(TlsSlot *slot, Connection *connection, int refuse) {
       KZMessage(KZ_LEVEL_ERROR, "%s: waiting failed: %s", connection->peer, KZErrorMessage());
       break;
     }
-    if (waited < 0 && !connection->pending && IdleTooLong(connection, NowMs())) {
+    if (waited < 0 && !connection->pending && IdleLeft(connection, NowMs()) == 0) {
       LOG(LOG_DEBUG, "%s: idle for %" PRId32 " ms", connection->peer, settings.idleTimeout);
       break;
     }

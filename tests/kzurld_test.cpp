@@ -115,12 +115,21 @@ TEST_F(Kzurld, BadClientsDoNotHoldBackOthers) {
 }
 
 TEST_F(Kzurld, IdleConnectionsAreClosed) {
+  const bool tls = TlsMissing().empty();
   Server server;
-  ASSERT_TRUE(server.Start(TestConfiguration() + "idle-timeout 100\n")) << server.log() << server.Errors();
+  ASSERT_TRUE(server.Start(TestConfiguration() + "idle-timeout 100\n" + (tls ? TlsFiles::Get().Configuration() : "")))
+      << server.log() << server.Errors();
   Fd idle = server.Connect(KZ_FAMILY_IPV4), midLine = server.Connect(KZ_FAMILY_LOCAL);
   ASSERT_TRUE(WriteAll(midLine.get(), "http://exam"));
   EXPECT_TRUE(ClosedBy(idle.get(), Clock::now() + 10s));
   EXPECT_TRUE(ClosedBy(midLine.get(), Clock::now() + 10s));
+  if (tls) {  // a TLS client mid-line, closed with the close notification
+    SClient client;
+    ASSERT_TRUE(client.Start(server.dir(), server.tlsPort()));
+    ASSERT_TRUE(WriteAll(client.in(), "http://exam"));
+    EXPECT_EQ(client.Wait(10s), 0) << client.Errors();
+    EXPECT_EQ(client.Errors().find("unexpected eof"), std::string::npos) << client.Errors();
+  }
   EXPECT_EQ(server.Stop(SIGTERM, 10s), 0) << server.log() << server.Errors();
 }
 
@@ -362,7 +371,8 @@ TEST_F(Kzurld, TlsConnectionsAreClosedCleanlyOnStop) {
   }
   EXPECT_TRUE(ClosedBy(silent.get(), Clock::now() + 1s));
   EXPECT_TRUE(ClosedBy(plain.get(), Clock::now() + 1s));
-  EXPECT_TRUE(std::regex_search(server.log(), std::regex("kzurld stopped: [67] connections, 6 requests, 0 answered ERR")))
+  EXPECT_TRUE(
+      std::regex_search(server.log(), std::regex("kzurld stopped: [67] connections, 6 requests, 0 answered ERR")))
       << server.log();
 }
 
