@@ -100,7 +100,7 @@ TEST_F(Kzurld, BadClientsDoNotHoldBackOthers) {
   for (int i = 0; i < 16; ++i) ASSERT_TRUE(WriteAll(flood.get(), chunk));
   ASSERT_TRUE(WriteAll(stalled.get(), lines[1].substr(0, 12)));
   ASSERT_TRUE(WriteAll(garbage.get(), lines[2] + "\n"));
-  EXPECT_EQ(ReadLines(garbage.get(), 1, Clock::now() + 10s), expected[2] + "\n");
+  EXPECT_EQ(ReadLines(garbage.get(), 1, Clock::now() + 10s), expected[2] + "\n") << server.Errors();
   for (int round = 0; round < 3; ++round) {
     ASSERT_TRUE(WriteAll(good.get(), lines[0] + "\n"));
     EXPECT_EQ(ReadLines(good.get(), 1, Clock::now() + 10s), expected[0] + "\n") << "round " << round;
