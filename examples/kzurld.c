@@ -628,6 +628,7 @@ static void ServeTls(TlsSlot *slot, Connection *connection, int refuse) {
   Worker *worker = &slot->work;
   Channel *channel = connection->channel;
   int64_t waitOn[2];
+  int serve;
   if (!ChannelStartSSL(channel, 0)) {
     LOG(LOG_DEBUG, "%s: %s", connection->peer, KZErrorMessage());
     connection->broken = 1;
@@ -646,12 +647,12 @@ static void ServeTls(TlsSlot *slot, Connection *connection, int refuse) {
   connection->lastActive = NowMs();
   waitOn[0] = connection->handle;
   waitOn[1] = ChannelSelectEventGetFD(&tlsStop);
-  for (;;) {
+  for (serve = 1;;) {
     int32_t timeout;
     int waited;
     /* Serve reads until nothing is left in OpenSSL or the socket (or a batch
      * is full): only then may the wait look at the socket alone. */
-    if (Serve(worker, connection) == CLOSE) break;
+    if (serve && Serve(worker, connection) == CLOSE) break;
     timeout = connection->pending ? 0 : IdleLeft(connection, NowMs());
     waited = ChannelSelectFD(NULL, waitOn, 2, &worker->ready, timeout);
     if (waited == 0 && worker->ready.elements[1]) break; /* the stop */
@@ -659,7 +660,9 @@ static void ServeTls(TlsSlot *slot, Connection *connection, int refuse) {
       KZMessage(KZ_LEVEL_ERROR, "%s: waiting failed: %s", connection->peer, KZErrorMessage());
       break;
     }
-    if (waited < 0 && !connection->pending && IdleLeft(connection, NowMs()) == 0) {
+    /* Serving counts as activity: only input or a full batch is served. */
+    serve = connection->pending || (waited == 0 && worker->ready.elements[0]);
+    if (!serve && IdleLeft(connection, NowMs()) == 0) {
       LOG(LOG_DEBUG, "%s: idle for %" PRId32 " ms", connection->peer, settings.idleTimeout);
       break;
     }
