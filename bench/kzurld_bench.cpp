@@ -218,8 +218,8 @@ void BM_ServerTls(benchmark::State &state) {
   const size_t perConnection = 20000 / connections + kDepth;
   std::vector<Channel *> channels;
   TCPAddr address;
-  const std::string spec = "127.0.0.1:" + std::to_string(server.tlsPort);
-  TCPAddrSetHostPort(&address, spec.c_str());
+  const std::string where = "127.0.0.1:" + std::to_string(server.tlsPort);
+  TCPAddrSetHostPort(&address, where.c_str());
   bool connected = true;
   for (size_t c = 0; c < connections; ++c) {
     Channel *channel = ChannelNewEx(30000, 30000, 10000);

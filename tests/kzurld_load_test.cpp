@@ -38,9 +38,10 @@ struct Script {
 // answers are what is tested here); null when it cannot connect.
 Channel *ConnectTls(uint32_t family, uint16_t port) {
   TCPAddr address;
-  const std::string spec = (family == KZ_FAMILY_IPV6 ? "[::1]:" : "127.0.0.1:") + std::to_string(port);
+  const std::string where = (family == KZ_FAMILY_IPV6 ? "[::1]:" : "127.0.0.1:") + std::to_string(port);
   Channel *channel = ChannelNewEx(60000, 60000, 10000);
-  if (!TCPAddrSetHostPort(&address, spec.c_str()) || !ChannelSetSSL(channel, 1) || !ChannelConnect(channel, &address)) {
+  if (!TCPAddrSetHostPort(&address, where.c_str()) || !ChannelSetSSL(channel, 1) ||
+      !ChannelConnect(channel, &address)) {
     ChannelClose(channel);
     return nullptr;
   }
