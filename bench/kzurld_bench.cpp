@@ -1,12 +1,13 @@
 // kzurld's throughput on loopback: requests per second with 1, 8 and 64
-// connections, each keeping a pipeline of requests in flight, next to the URL
-// work alone (parse, normalise, print, fingerprint, format the answer) in one
-// thread. The difference is what the server adds: reading and cutting lines,
+// connections, each keeping a pipeline of requests in flight, and with 8 TLS
+// connections, next to the URL work alone (parse, normalise, print,
+// fingerprint, format the answer) in one thread. The difference is what the server adds: reading and cutting lines,
 // the waits, the writes, and the client's side of the loopback.
 //
 // The server is the built kzurld program with its default 4 workers, started
-// once on a port the system picks. Lines: the shared real URL list when
-// present, else the generated URL corpus.
+// once on a port the system picks (and a TLS port, with a self-signed
+// certificate made by the openssl command when it is there). Lines: the
+// shared real URL list when present, else the generated URL corpus.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -59,15 +60,29 @@ const std::vector<std::string> &Lines() {
 // kzurld, started on first use and stopped at exit.
 struct ServerProcess {
   pid_t pid = -1;
-  uint16_t port = 0;
+  uint16_t port = 0, tlsPort = 0;
+  std::string certificateDir;
   ServerProcess() {
     if (!*KZURLD_PATH) return;
+    char dir[] = "/tmp/kzurld-bench-XXXXXX";
+    if (mkdtemp(dir)) {
+      const std::string make = std::string("cd ") + dir +
+                               " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1"
+                               " -subj /CN=localhost -keyout key.pem -out cert.pem >/dev/null 2>&1";
+      certificateDir = dir;
+      if (std::system(make.c_str()) != 0) certificateDir.clear(), rmdir(dir);
+    }
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return;
     if ((pid = fork()) == 0) {
       dup2(ends[1], 1);
       std::string local = "kzb" + std::to_string(getpid() % 100000);
-      execl(KZURLD_PATH, KZURLD_PATH, "--port", "0", "--local", local.c_str(), static_cast<char *>(nullptr));
+      std::string cert = certificateDir + "/cert.pem", key = certificateDir + "/key.pem";
+      if (certificateDir.empty())
+        execl(KZURLD_PATH, KZURLD_PATH, "--port", "0", "--local", local.c_str(), static_cast<char *>(nullptr));
+      else
+        execl(KZURLD_PATH, KZURLD_PATH, "--port", "0", "--local", local.c_str(), "--tls-port", "0", "--cert",
+              cert.c_str(), "--key", key.c_str(), static_cast<char *>(nullptr));
       _exit(127);
     }
     close(ends[1]);
@@ -82,9 +97,12 @@ struct ServerProcess {
       log.append(chunk, static_cast<size_t>(n));
     }
     if (std::regex_search(log, match, ready)) port = static_cast<uint16_t>(std::stoul(match[1]));
+    static const std::regex tls("tls:127\\.0\\.0\\.1:([0-9]+) ");
+    if (std::regex_search(log, match, tls)) tlsPort = static_cast<uint16_t>(std::stoul(match[1]));
     close(ends[0]);
   }
   ~ServerProcess() {
+    if (!certificateDir.empty()) std::system(("rm -rf '" + certificateDir + "'").c_str());
     if (pid <= 0) return;
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
@@ -164,6 +182,70 @@ void BM_Server(benchmark::State &state) {
   state.SetItemsProcessed(int64_t(total));
 }
 BENCHMARK(BM_Server)->Arg(1)->Arg(8)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2);
+
+// One TLS connection's share, as RunConnection, through the library's SSL
+// channels (no certificate check: the cost is what is measured).
+size_t RunTlsConnection(Channel *channel, size_t first, size_t requests) {
+  const std::vector<std::string> &lines = Lines();
+  std::string batch;
+  char buffer[65536];
+  size_t answered = 0;
+  for (size_t sent = 0; sent < requests;) {
+    batch.clear();
+    size_t count = std::min(kDepth, requests - sent);
+    for (size_t i = 0; i < count; ++i) batch += lines[(first + sent + i) % lines.size()] + "\n";
+    if (!ChannelWriteBuf(channel, batch.data(), batch.size()) || !ChannelFlush(channel)) return answered;
+    sent += count;
+    for (size_t got = 0; got < count;) {
+      size_t n = 0;
+      int result = ChannelReceive(channel, buffer, sizeof buffer, 0, &n, 1);
+      if (n == 0 && result < 0) return answered;
+      for (size_t i = 0; i < n; ++i) got += buffer[i] == '\n';
+    }
+    answered += count;
+  }
+  return answered;
+}
+
+// Requests per second through kzurld's TLS port with state.range(0)
+// connections (handshakes before the timing).
+void BM_ServerTls(benchmark::State &state) {
+  ServerProcess &server = Server();
+  if (server.tlsPort == 0) return state.SkipWithError("kzurld has no TLS port (no openssl command?)");
+  static const bool started = (KZLibInit(nullptr), true);
+  (void)started;
+  const size_t connections = static_cast<size_t>(state.range(0));
+  const size_t perConnection = 20000 / connections + kDepth;
+  std::vector<Channel *> channels;
+  TCPAddr address;
+  const std::string where = "127.0.0.1:" + std::to_string(server.tlsPort);
+  TCPAddrSetHostPort(&address, where.c_str());
+  bool connected = true;
+  for (size_t c = 0; c < connections; ++c) {
+    Channel *channel = ChannelNewEx(30000, 30000, 10000);
+    connected = connected && ChannelSetSSL(channel, 1) && ChannelConnect(channel, &address);
+    channels.push_back(channel);
+  }
+  size_t total = 0;
+  if (!connected) state.SkipWithError("cannot connect to kzurld's TLS port");
+  for (auto _ : state) {
+    if (!connected) break;
+    std::atomic<size_t> answered{0};
+    std::vector<std::thread> threads;
+    for (size_t c = 0; c < connections; ++c)
+      threads.emplace_back([&, c] { answered += RunTlsConnection(channels[c], c * 997, perConnection); });
+    for (std::thread &thread : threads) thread.join();
+    if (answered != connections * perConnection) {
+      state.SkipWithError("answers went missing");
+      break;
+    }
+    total += answered;
+  }
+  for (Channel *channel : channels) ChannelClose(channel);
+  state.counters["requests_per_s"] = benchmark::Counter(double(total), benchmark::Counter::kIsRate);
+  state.SetItemsProcessed(int64_t(total));
+}
+BENCHMARK(BM_ServerTls)->Arg(8)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2);
 
 // The same work without the server: what one worker does per request.
 void BM_UrlWorkOneThread(benchmark::State &state) {

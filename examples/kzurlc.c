@@ -8,11 +8,16 @@
  * on standard error, with exit status 1 when there was such a line. --raw
  * prints every answer as it came, ERR lines included, on standard output.
  *
- *   kzurlc [--connect ADDRESS] [--raw] [--timeout MS] [FILE...]
+ *   kzurlc [--connect ADDRESS] [--tls [--ca FILE | --insecure]] [--raw]
+ *          [--timeout MS] [FILE...]
  *
  * ADDRESS is HOST:PORT for TCP or /NAME[:PORT] for kzurld's local connection
  * (default 127.0.0.1:7171; a local name without port takes 7171). The files
  * are read in turn, standard input when none is given or a name is "-".
+ * --tls speaks TLS to kzurld's TLS port; the server's certificate is verified
+ * against the certificates of the --ca file, and must name HOST (an IP
+ * address among its IP subjectAltNames), unless --insecure is given. One of
+ * the two is required: there is no silent default trust.
  *
  * Lines go out as they are read, each exactly as it stands in the input
  * (carriage returns and all), and answers are read while more requests are
@@ -142,12 +147,56 @@ static int SendInput(Client *client, uint32_t file) {
   return 1;
 }
 
+#if KZ_WITH_SSL
+/* Trusts the --ca file and makes the next connect start TLS (the handshake
+ * waits at most the time-out per step). */
+static int StartTls(Channel *server, const char *connect, const char *ca, int insecure) {
+  (void)insecure;
+  if (ca && !SetVerifyCertPath(ca, NULL)) {
+    fprintf(stderr, "kzurlc: cannot use %s: %s\n", ca, KZErrorMessage());
+    return 0;
+  }
+  if (!ChannelSetSSL(server, 1)) {
+    fprintf(stderr, "kzurlc: cannot speak TLS to %s: %s\n", connect, KZErrorMessage());
+    return 0;
+  }
+  return 1;
+}
+
+/* The server's certificate must chain to the --ca certificates and name the
+ * host of the address (brackets of an IPv6 literal taken off). */
+static int VerifyServer(Channel *server, const char *connect) {
+  char host[300];
+  const char *colon = strrchr(connect, ':');
+  size_t length = colon ? (size_t)(colon - connect) : strlen(connect);
+  if (length >= 2 && connect[0] == '[' && connect[length - 1] == ']') connect++, length -= 2;
+  snprintf(host, sizeof host, "%.*s", (int)length, connect);
+  if (ChannelVerifyCertSSL(server, host)) return 1;
+  fprintf(stderr, "kzurlc: the server at %s is not trusted: %s\n", host, KZErrorMessage());
+  return 0;
+}
+#else
+static int StartTls(Channel *server, const char *connect, const char *ca, int insecure) {
+  (void)server, (void)connect, (void)ca, (void)insecure;
+  fprintf(stderr, "kzurlc: TLS is not available in this build\n");
+  return 0;
+}
+
+static int VerifyServer(Channel *server, const char *connect) {
+  (void)server, (void)connect;
+  return 0;
+}
+#endif
+
 static const char usage[] =
-    "usage: kzurlc [--connect ADDRESS] [--raw] [--timeout MS] [FILE...]\n"
+    "usage: kzurlc [--connect ADDRESS] [--tls [--ca FILE | --insecure]] [--raw] [--timeout MS] [FILE...]\n"
     "Sends the URL lines of the files (standard input when none, or \"-\") to kzurld\n"
     "and prints its answers as kzurl prints its lines.\n"
     "  --connect ADDRESS  HOST:PORT, or /NAME[:PORT] for the local connection\n"
     "                     (default 127.0.0.1:7171)\n"
+    "  --tls              TLS (to kzurld's TLS port); needs --ca or --insecure\n"
+    "  --ca FILE          verify the server's certificate against these (PEM) and HOST\n"
+    "  --insecure         do not verify the server's certificate\n"
     "  --raw              print every answer, ERR lines included, on standard output\n"
     "  --timeout MS       give up when the server is silent this long (default 30000)\n";
 
@@ -164,6 +213,8 @@ int main(int argc, char **argv) {
   const char *connect = "127.0.0.1:7171";
   char spec[300];
   TCPAddr address;
+  const char *ca = NULL;
+  int tls = 0, insecure = 0;
   int32_t timeout = 30000, ioTimeout, i, first = argc, failed = 0;
   uint32_t files, file;
 
@@ -189,6 +240,13 @@ int main(int argc, char **argv) {
         timeout = ParseInt(value, (uint32_t)strlen(value), 10, &error);
         if (error || timeout < 1) return UsageError("--timeout takes milliseconds, not '%s'", value);
       }
+    } else if (strcmp(arg, "--ca") == 0) {
+      if (i + 1 == argc) return UsageError("%s needs a value", arg);
+      ca = argv[++i];
+    } else if (strcmp(arg, "--tls") == 0) {
+      tls = 1;
+    } else if (strcmp(arg, "--insecure") == 0) {
+      insecure = 1;
     } else if (strcmp(arg, "--raw") == 0) {
       client.raw = 1;
     } else if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
@@ -204,11 +262,23 @@ int main(int argc, char **argv) {
     fprintf(stderr, "kzurlc: bad address '%s': %s\n", connect, KZErrorMessage());
     return 2;
   }
+  if ((ca || insecure) && !tls) return UsageError("%s goes with --tls", ca ? "--ca" : "--insecure");
+  if (tls && !ca && !insecure) return UsageError("%s needs --ca FILE to verify the server, or --insecure", "--tls");
+  if (tls && address.family == KZ_FAMILY_LOCAL) return UsageError("%s needs a TCP address", "--tls");
   /* Local connections count their write and connect time-outs in seconds. */
   ioTimeout = address.family == KZ_FAMILY_LOCAL ? (timeout + 999) / 1000 : timeout;
   client.server = ChannelNewEx(timeout, ioTimeout, ioTimeout);
+  if (tls && !StartTls(client.server, connect, ca, insecure)) {
+    ChannelClose(client.server);
+    return 1;
+  }
   if (!ChannelConnect(client.server, &address)) {
     fprintf(stderr, "kzurlc: cannot connect to %s: %s\n", connect, Reason());
+    ChannelClose(client.server);
+    return 1;
+  }
+  if (tls && !insecure && !VerifyServer(client.server, connect)) {
+    ChannelDisconnect(client.server);
     ChannelClose(client.server);
     return 1;
   }

@@ -3,7 +3,7 @@
  *   kzurld [--config FILE] [--port N] [--local NAME]
  *          [--tls-port N --cert FILE --key FILE] [-daemon [-rundir DIR]]
  *
- * Clients send URLs, one per line, over TCP or the local connection; every
+ * Clients send URLs, one per line, over TCP, TLS or the local connection; every
  * line is answered with exactly the line kzurl prints for it, the normalised
  * URL, a blank and its 16-digit fingerprint, or "ERR <reason>" where kzurl
  * reports the line as an error. Empty lines (and lines holding only a
@@ -28,7 +28,14 @@
  * ChannelSelectEx; a signal thread turns SIGTERM and SIGINT into the stop
  * event the main thread waits on. Nothing in a request can stall another
  * client: a worker reads only what has arrived (its channels have a read
- * time-out of 0) and keeps an unfinished line until the rest comes. */
+ * time-out of 0) and keeps an unfinished line until the rest comes.
+ *
+ * TLS connections cannot join a worker's wait (ChannelSelectEx refuses SSL
+ * channels, and OpenSSL may hold decrypted bytes the socket no longer shows):
+ * each has a thread of its own from a bounded pool, which runs the handshake
+ * (bounded by tls-handshake-timeout) and then serves the connection alone,
+ * waiting on its socket and the stop event with ChannelSelectFD only after a
+ * read found nothing left, in OpenSSL or in the socket. */
 #define _POSIX_C_SOURCE 200809L
 
 #include <errno.h>
@@ -51,6 +58,13 @@
 /* How long the stop waits for the workers to close their connections before
  * it shuts down the sockets a worker may still be writing to. */
 #define STOP_GRACE_MS 300
+/* TLS threads beyond tls-connections that only complete the handshake, answer
+ * "ERR server busy" and close; past them a TLS client is closed at once. */
+#define TLS_REFUSERS        4
+#define MAX_TLS_CONNECTIONS 1024
+/* The longest a closing TLS connection waits to send its close notification
+ * (ChannelClose's exchange waits the read time-out, set to this). */
+#define CLOSE_NOTIFY_WAIT_MS 250
 
 static const char defaultConfiguration[] =
     "# kzurld's built-in configuration; a --config file overrides any of these keys\n"
@@ -60,6 +74,8 @@ static const char defaultConfiguration[] =
     "tls-port 0\n"
     "cert \"\"\n"
     "key \"\"\n"
+    "tls-connections 64\n"
+    "tls-handshake-timeout 10000\n"
     "base \"\"\n"
     "strict true\n"
     "workers 4\n"
@@ -68,9 +84,10 @@ static const char defaultConfiguration[] =
     "write-timeout 10000\n"
     "log-level info\n";
 
-static const char *const knownKeys[] = {"listen",       "port",          "local",     "tls-port", "cert",
-                                        "key",          "base",          "strict",    "workers",  "line-limit",
-                                        "idle-timeout", "write-timeout", "log-level", NULL};
+static const char *const knownKeys[] = {"listen",       "port",          "local",           "tls-port",
+                                        "cert",         "key",           "tls-connections", "tls-handshake-timeout",
+                                        "base",         "strict",        "workers",         "line-limit",
+                                        "idle-timeout", "write-timeout", "log-level",       NULL};
 
 enum { LOG_ERROR, LOG_INFO, LOG_DEBUG };
 
@@ -80,6 +97,9 @@ typedef struct Settings {
   uint16_t port;
   char local[KZ_LOCAL_NAME_MAX + 1]; /* empty: no local connection */
   uint16_t tlsPort;
+  int tls; /* a certificate is loaded: serve TLS on tlsPort */
+  uint32_t tlsConnections;
+  int32_t tlsHandshakeTimeout;
   URL *base; /* null: relative references fail */
   int strict;
   uint32_t workers;
@@ -163,6 +183,36 @@ static int Number(const char *key, uint32_t min, uint32_t max, uint32_t *out) {
   return 1;
 }
 
+/* TLS is on when a certificate and its key are configured; tls-port is then
+ * its port (0: the system picks one). The certificate is loaded here, before
+ * the daemon leaves the current directory, so that a bad one stops the start
+ * with the configuration errors. */
+static int ReadTls(void) {
+  char *cert = Strdup(Value("cert"));
+  const char *key = Value("key");
+  int ok = 1;
+#if !KZ_WITH_SSL
+  /* A library built without SSL: a configuration that asks for TLS cannot be
+   * served. */
+  if (settings.tlsPort != 0 || *cert || *key) {
+    fprintf(stderr, "kzurld: TLS is not available in this build (tls-port, cert and key must stay unset)\n");
+    ok = 0;
+  }
+#else
+  if (!*cert && !*key) {
+    if (settings.tlsPort != 0) ok = ConfigError("tls-port needs cert and key");
+  } else if (!*cert || !*key) {
+    ok = ConfigError("cert and key go together: %s is not set", *cert ? "key" : "cert");
+  } else if (LoadServerSSLCert(cert, key, NULL)) {
+    settings.tls = 1;
+  } else {
+    ok = ConfigError("cannot use certificate %s with key %s: %s", cert, key, KZErrorMessage());
+  }
+#endif
+  free(cert);
+  return ok;
+}
+
 static int ReadSettings(void) {
   uint32_t number;
   const char *text;
@@ -219,12 +269,15 @@ static int ReadSettings(void) {
     settings.tlsPort = (uint16_t)number;
   else
     ok = 0;
-  /* TLS needs the SSL family, which this build does not have yet: a
-   * configuration that asks for it cannot be served. */
-  if (settings.tlsPort != 0 || *Value("cert") || *Value("key")) {
-    fprintf(stderr, "kzurld: TLS is not available in this build (tls-port, cert and key must stay unset)\n");
+  if (Number("tls-connections", 1, MAX_TLS_CONNECTIONS, &number))
+    settings.tlsConnections = number;
+  else
     ok = 0;
-  }
+  if (Number("tls-handshake-timeout", 1, 0x7FFFFFFF, &number))
+    settings.tlsHandshakeTimeout = (int32_t)number;
+  else
+    ok = 0;
+  if (!ReadTls()) ok = 0;
 
   text = Value("base");
   if (*text) {
@@ -273,6 +326,7 @@ static int ReadSettings(void) {
 
   if (ok && settings.listenCount == 0 && settings.local[0] == '\0')
     ok = ConfigError("nothing to listen on (listen and local are both empty)");
+  if (ok && settings.tls && settings.listenCount == 0) ok = ConfigError("TLS needs a listen address");
   return ok;
 }
 
@@ -286,6 +340,7 @@ typedef struct Connection {
   UByteArray line;   /* the request read so far */
   uint32_t overflow; /* the line passed the limit: the rest is being discarded */
   uint32_t pending;  /* a full batch was served: input may wait in the buffer */
+  uint32_t broken;   /* answers could not be sent: close without any exchange */
   uint64_t lastActive;
   char peer[72];
 } Connection;
@@ -363,7 +418,10 @@ static int SendAnswers(Worker *worker, Connection *connection) {
     sent = ChannelWriteBuf(connection->channel, worker->answer.elements, worker->answer.count);
   worker->answer.count = 0;
   if (sent) sent = ChannelFlush(connection->channel);
-  if (!sent) LOG(LOG_DEBUG, "%s: cannot send answers: %s", connection->peer, KZErrorMessage());
+  if (!sent) {
+    LOG(LOG_DEBUG, "%s: cannot send answers: %s", connection->peer, KZErrorMessage());
+    connection->broken = 1;
+  }
   return sent;
 }
 
@@ -517,19 +575,192 @@ static int64_t WorkerMain(void *argument) {
   return 0;
 }
 
+/* ---- TLS connections: a thread each, from a bounded pool ------------------------------ */
+
+#if KZ_WITH_SSL
+typedef struct TlsSlot {
+  Worker work; /* its thread, URL objects, buffers and counts */
+  KZCondition wake;
+  /* Under the server lock: the connection handed over (null: the slot is
+   * free), whether it is only to be refused, whether the thread exists. */
+  Connection *connection;
+  int refuse;
+  int started;
+} TlsSlot;
+
+static TlsSlot *tlsSlots;
+static uint32_t tlsSlotCount; /* tls-connections + TLS_REFUSERS */
+/* Notified once at the stop; every TLS connection's wait holds it. */
+static ChannelSelectEvent tlsStop;
+
+/* Milliseconds until the connection has been silent for the idle time-out;
+ * -1: it may stay silent for ever. */
+static int32_t IdleLeft(const Connection *connection, uint64_t now) {
+  uint64_t due;
+  if (settings.idleTimeout == 0) return -1;
+  due = connection->lastActive + (uint64_t)settings.idleTimeout;
+  return due <= now ? 0 : (int32_t)(due - now > 0x7FFFFFFF ? 0x7FFFFFFF : due - now);
+}
+
+/* Closes a TLS connection: with the close notification when the session is
+ * sound, else at once. */
+static void CloseTls(TlsSlot *slot, Connection *connection) {
+  Channel *channel = connection->channel;
+  MutexLock(&serverLock);
+  slot->connection = NULL;
+  MutexUnlock(&serverLock);
+  LOG(LOG_DEBUG, "%s: closed", connection->peer);
+  if (connection->broken) {
+    ChannelDisconnect(channel);
+  } else {
+    /* ChannelClose's exchange waits the read time-out per step: sending the
+     * close notification must not hold the stop. */
+    ChannelSetReadTimeout(channel, CLOSE_NOTIFY_WAIT_MS);
+  }
+  ChannelClose(channel);
+  ArrayFree(connection->line);
+  free(connection);
+}
+
+/* Runs the handshake, then answers the connection's lines until the client
+ * leaves, stays idle too long or the server stops. */
+static void ServeTls(TlsSlot *slot, Connection *connection, int refuse) {
+  Worker *worker = &slot->work;
+  Channel *channel = connection->channel;
+  int64_t waitOn[2];
+  int serve;
+  if (!ChannelStartSSL(channel, 0)) {
+    LOG(LOG_DEBUG, "%s: %s", connection->peer, KZErrorMessage());
+    connection->broken = 1;
+    CloseTls(slot, connection);
+    return;
+  }
+  if (refuse) {
+    LOG(LOG_INFO, "%s: refused, every TLS thread is busy", connection->peer);
+    if (!ChannelWriteString(channel, "ERR server busy\n") || !ChannelFlush(channel)) connection->broken = 1;
+    CloseTls(slot, connection);
+    return;
+  }
+  worker->connections++;
+  /* From here reads take only what OpenSSL holds or the socket has. */
+  ChannelSetReadTimeout(channel, 0);
+  connection->lastActive = NowMs();
+  waitOn[0] = connection->handle;
+  waitOn[1] = ChannelSelectEventGetFD(&tlsStop);
+  for (serve = 1;;) {
+    int32_t timeout;
+    int waited;
+    /* Serve reads until nothing is left in OpenSSL or the socket (or a batch
+     * is full): only then may the wait look at the socket alone. */
+    if (serve && Serve(worker, connection) == CLOSE) break;
+    timeout = connection->pending ? 0 : IdleLeft(connection, NowMs());
+    waited = ChannelSelectFD(NULL, waitOn, 2, &worker->ready, timeout);
+    if (waited == 0 && worker->ready.elements[1]) break; /* the stop */
+    if (waited < 0 && KZErrorCode() != KZ_ERR_TIMEOUT) {
+      KZMessage(KZ_LEVEL_ERROR, "%s: waiting failed: %s", connection->peer, KZErrorMessage());
+      break;
+    }
+    /* Serving counts as activity: only input or a full batch is served. */
+    serve = connection->pending || (waited == 0 && worker->ready.elements[0]);
+    if (!serve && IdleLeft(connection, NowMs()) == 0) {
+      LOG(LOG_DEBUG, "%s: idle for %" PRId32 " ms", connection->peer, settings.idleTimeout);
+      break;
+    }
+  }
+  CloseTls(slot, connection);
+}
+
+static int64_t TlsMain(void *argument) {
+  TlsSlot *slot = (TlsSlot *)argument;
+  Worker *worker = &slot->work;
+  char name[32];
+  snprintf(name, sizeof name, "kzurld tls %" PRIu32, worker->index);
+  ThreadSetName(name);
+  worker->url = URLNew();
+  worker->normal = URLNew();
+  MutexLock(&serverLock);
+  for (;;) {
+    Connection *connection;
+    int refuse;
+    while (!slot->connection && !stopping) ConditionWait(&slot->wake, &serverLock);
+    connection = slot->connection;
+    refuse = slot->refuse;
+    if (!connection) break;
+    if (stopping) {
+      /* Handed over just before the stop: not worth a handshake. */
+      MutexUnlock(&serverLock);
+      connection->broken = 1;
+      CloseTls(slot, connection);
+    } else {
+      MutexUnlock(&serverLock);
+      ServeTls(slot, connection, refuse);
+    }
+    MutexLock(&serverLock);
+  }
+  MutexUnlock(&serverLock);
+  URLDelete(worker->url);
+  URLDelete(worker->normal);
+  ArrayFree(worker->printed);
+  ArrayFree(worker->answer);
+  ArrayFree(worker->ready);
+  MutexLock(&serverLock);
+  workersRunning--;
+  ConditionBroadcast(&workersDone);
+  MutexUnlock(&serverLock);
+  return 0;
+}
+
+/* Hands a freshly accepted TLS connection to a free thread of the pool (a
+ * refusing one when every serving one is taken), starting the thread the
+ * first time its slot is used; 0 when every slot is taken. */
+static int HandToTls(Connection *connection) {
+  TlsSlot *slot = NULL;
+  uint32_t i;
+  MutexLock(&serverLock);
+  for (i = 0; i < tlsSlotCount && !slot; i++)
+    if (!tlsSlots[i].connection) slot = &tlsSlots[i];
+  if (slot) {
+    slot->connection = connection;
+    slot->refuse = (uint32_t)(slot - tlsSlots) >= settings.tlsConnections;
+    if (!slot->started) {
+      slot->started = 1;
+      workersRunning++;
+      slot->work.thread = ThreadCreate(TlsMain, slot, 0);
+    } else {
+      ConditionSignal(&slot->wake);
+    }
+  }
+  MutexUnlock(&serverLock);
+  return slot != NULL;
+}
+
+static int StartTls(void) {
+  uint32_t i;
+  if (!settings.tls) return 1;
+  if (ChannelSelectEventNew(&tlsStop)->socket == KZ_INVALID_HANDLE) {
+    fprintf(stderr, "kzurld: cannot create the TLS stop event: %s\n", KZErrorMessage());
+    return 0;
+  }
+  tlsSlotCount = settings.tlsConnections + TLS_REFUSERS;
+  tlsSlots = (TlsSlot *)Allocate0(sizeof(TlsSlot) * tlsSlotCount);
+  for (i = 0; i < tlsSlotCount; i++) {
+    tlsSlots[i].work.index = i + 1;
+    ConditionInit(&tlsSlots[i].wake);
+  }
+  return 1;
+}
+#endif /* KZ_WITH_SSL */
+
 /* ---- listening and accepting ------------------------------------------------------- */
 
 typedef struct Listener {
   TCPServer *server;
   int local;
-  /* TLS listeners start the session right after the accept, in the one call
-   * marked below, once the SSL family is part of the library; until then
-   * ReadSettings refuses a TLS port and no listener has this set. */
-  int tls;
+  int tls; /* the connections are handed to the TLS pool */
   char name[72];
 } Listener;
 
-static Listener listeners[MAX_LISTEN_ADDRESSES + 2];
+static Listener listeners[2 * MAX_LISTEN_ADDRESSES + 1];
 static uint32_t listenerCount;
 
 static void AddressText(const TCPAddr *address, char *out, size_t size) {
@@ -543,28 +774,30 @@ static void AddressText(const TCPAddr *address, char *out, size_t size) {
 
 /* Opens one listener; port 0 takes the port the system chooses, which the
  * later listeners then share. */
-static int Listen(TCPAddr *address, int local) {
+static int Listen(TCPAddr *address, int local, int tls) {
   Listener *listener = &listeners[listenerCount];
-  char text[72];
+  uint16_t *port = tls ? &settings.tlsPort : &settings.port;
+  char text[64];
   AddressText(address, text, sizeof text);
   listener->server = TCPServerOpen(address);
   if (!listener->server) {
     fprintf(stderr, "kzurld: cannot listen on %s: %s\n", text, KZErrorMessage());
     return 0;
   }
-  if (!local && settings.port == 0) {
+  if (!local && *port == 0) {
     TCPAddr bound;
-    if (TCPServerGetAddr(listener->server, &bound)) settings.port = bound.port;
+    if (TCPServerGetAddr(listener->server, &bound)) *port = bound.port;
     AddressText(&bound, text, sizeof text);
   }
   listener->local = local;
-  listener->tls = 0;
-  snprintf(listener->name, sizeof listener->name, "%s", text);
+  listener->tls = tls;
+  snprintf(listener->name, sizeof listener->name, "%s%s", tls ? "tls:" : "", text);
   listenerCount++;
   return 1;
 }
 
-static int OpenListeners(void) {
+/* The TCP listeners (TLS ones with tls set) on every listen address. */
+static int OpenTcpListeners(int tls) {
   uint32_t i;
   for (i = 0; i < settings.listenCount; i++) {
     TCPAddr address = settings.listen[i];
@@ -579,14 +812,27 @@ static int OpenListeners(void) {
       KZMessage(KZ_LEVEL_ERROR, ":%s cannot be bound on this machine: skipped", text);
       continue;
     }
-    address.port = settings.port;
-    if (!Listen(&address, 0)) return 0;
+    address.port = tls ? settings.tlsPort : settings.port;
+    if (!Listen(&address, 0, tls)) return 0;
   }
+  return 1;
+}
+
+static int OpenListeners(void) {
+  if (!OpenTcpListeners(0)) return 0;
   if (settings.local[0]) {
     TCPAddr address;
     char spec[64];
     snprintf(spec, sizeof spec, "/%s:%u", settings.local, (unsigned)settings.port);
-    if (!TCPAddrSetHostPort(&address, spec) || !Listen(&address, 1)) return 0;
+    if (!TCPAddrSetHostPort(&address, spec) || !Listen(&address, 1, 0)) return 0;
+  }
+  if (settings.tls) {
+    uint32_t before = listenerCount;
+    if (!OpenTcpListeners(1)) return 0;
+    if (listenerCount == before) {
+      fprintf(stderr, "kzurld: none of the listen addresses can be bound for TLS\n");
+      return 0;
+    }
   }
   if (listenerCount == 0) {
     fprintf(stderr, "kzurld: none of the listen addresses can be bound\n");
@@ -606,9 +852,11 @@ static Worker *LeastBusy(void) {
 
 static void Accept(Listener *listener) {
   /* Reads poll (time-out 0): a worker never waits on one client. Local
-   * connections count their write time-out in seconds. */
+   * connections count their write time-out in seconds. A TLS connection's
+   * read time-out bounds each step of its handshake, which its own thread
+   * runs; the thread then sets it to 0. */
   int32_t writeTimeout = listener->local ? (settings.writeTimeout + 999) / 1000 : settings.writeTimeout;
-  Channel *channel = ChannelNewEx(0, writeTimeout, -1);
+  Channel *channel = ChannelNewEx(listener->tls ? settings.tlsHandshakeTimeout : 0, writeTimeout, -1);
   Connection *connection;
   Worker *worker;
   TCPAddr peer;
@@ -617,7 +865,6 @@ static void Accept(Listener *listener) {
     ChannelClose(channel);
     return;
   }
-  /* TLS: the session would start here (see Listener). */
   connection = (Connection *)Allocate0(sizeof *connection);
   connection->channel = channel;
   connection->handle = channel->handle;
@@ -626,6 +873,20 @@ static void Accept(Listener *listener) {
   else
     snprintf(connection->peer, sizeof connection->peer, "%s", listener->name);
 
+#if KZ_WITH_SSL
+  if (listener->tls) {
+    if (HandToTls(connection)) {
+      LOG(LOG_DEBUG, "%s: connected on %s", connection->peer, listener->name);
+      return;
+    }
+    /* Not even a refusing thread is free: no handshake, no answer. */
+    LOG(LOG_INFO, "%s: refused, every TLS thread is busy", connection->peer);
+    ChannelDisconnect(channel);
+    ChannelClose(channel);
+    free(connection);
+    return;
+  }
+#endif
   MutexLock(&serverLock);
   worker = LeastBusy();
   if (worker) {
@@ -671,16 +932,33 @@ static int64_t SignalMain(void *argument) {
  * a client that does not read after the grace time has its sockets shut
  * down under it, which ends the write at once. */
 static void StopWorkers(void) {
+  uint64_t deadline = NowMs() + STOP_GRACE_MS;
   uint32_t i, j;
   MutexLock(&serverLock);
   stopping = 1;
+#if KZ_WITH_SSL
+  for (i = 0; i < tlsSlotCount; i++) ConditionSignal(&tlsSlots[i].wake);
+#endif
   MutexUnlock(&serverLock);
   for (i = 0; i < settings.workers; i++) ChannelSelectEventNotify(&workers[i].wake);
+#if KZ_WITH_SSL
+  if (settings.tls) ChannelSelectEventNotify(&tlsStop);
+#endif
   MutexLock(&serverLock);
-  if (workersRunning > 0) ConditionTimedWait(&workersDone, &serverLock, STOP_GRACE_MS);
-  if (workersRunning > 0)
+  for (;;) {
+    uint64_t now = NowMs();
+    if (workersRunning == 0 || now >= deadline) break;
+    ConditionTimedWait(&workersDone, &serverLock, (uint32_t)(deadline - now));
+  }
+  if (workersRunning > 0) {
     for (i = 0; i < settings.workers; i++)
       for (j = 0; j < workers[i].servingCount; j++) ChannelDisconnectFD(workers[i].serving[j]->handle);
+#if KZ_WITH_SSL
+    /* TLS connections still in a handshake or a write. */
+    for (i = 0; i < tlsSlotCount; i++)
+      if (tlsSlots[i].connection) ChannelDisconnectFD(tlsSlots[i].connection->handle);
+#endif
+  }
   MutexUnlock(&serverLock);
   for (i = 0; i < settings.workers; i++) {
     ThreadJoin(workers[i].thread);
@@ -688,6 +966,13 @@ static void StopWorkers(void) {
     ChannelClose(workers[i].wakeChannel);
     ChannelSelectEventFree(&workers[i].wake);
   }
+#if KZ_WITH_SSL
+  for (i = 0; i < tlsSlotCount; i++) {
+    if (tlsSlots[i].started) ThreadJoin(tlsSlots[i].work.thread);
+    ConditionDestroy(&tlsSlots[i].wake);
+  }
+  if (settings.tls) ChannelSelectEventFree(&tlsStop);
+#endif
 }
 
 /* ---- command line ---------------------------------------------------------------------- */
@@ -700,7 +985,9 @@ static const char usage[] =
     "  --config FILE   configuration file (keys: see docs/kzurld.md)\n"
     "  --port N        TCP port for every listen address (0: the system picks one)\n"
     "  --local NAME    local connection name (\"\": none)\n"
-    "  --tls-port N, --cert FILE, --key FILE   TLS (not available in this build)\n"
+    "  --tls-port N    TLS port for every listen address (0: the system picks one)\n"
+    "  --cert FILE     certificate chain (PEM) for TLS; TLS is on when cert and key are set\n"
+    "  --key FILE      its private key (PEM, unencrypted)\n"
     "  -daemon         run in the background, logging to the run directory\n"
     "Without --config it listens on 127.0.0.1 and ::1, port 7171, and on the local\n"
     "connection \"kzurld\".\n";
@@ -765,7 +1052,7 @@ static int ParseOptions(int argc, char **argv) {
 int main(int argc, char **argv) {
   KZThread signalThread;
   UByteArray flags = {0};
-  int64_t waitOn[MAX_LISTEN_ADDRESSES + 3];
+  int64_t waitOn[2 * MAX_LISTEN_ADDRESSES + 2];
   sigset_t signals;
   uint64_t connections = 0, requests = 0, errors = 0;
   uint32_t i;
@@ -785,6 +1072,9 @@ int main(int argc, char **argv) {
   pthread_sigmask(SIG_BLOCK, &signals, NULL);
 
   if (!OpenListeners()) return 1;
+#if KZ_WITH_SSL
+  if (!StartTls()) return 1;
+#endif
   if (ChannelSelectEventNew(&stopEvent)->socket == KZ_INVALID_HANDLE) {
     fprintf(stderr, "kzurld: cannot create the stop event: %s\n", KZErrorMessage());
     return 1;
@@ -813,7 +1103,11 @@ int main(int argc, char **argv) {
     UByteArray names = {0};
     UByteArrayPrintf(&names, "%s", "");
     for (i = 0; i < listenerCount; i++) UByteArrayPrintf(&names, " %s", listeners[i].name);
-    LOG(LOG_INFO, "kzurld ready on%s (%" PRIu32 " workers)", (const char *)names.elements, settings.workers);
+    if (settings.tls)
+      LOG(LOG_INFO, "kzurld ready on%s (%" PRIu32 " workers, %" PRIu32 " TLS connections)",
+          (const char *)names.elements, settings.workers, settings.tlsConnections);
+    else
+      LOG(LOG_INFO, "kzurld ready on%s (%" PRIu32 " workers)", (const char *)names.elements, settings.workers);
     ArrayFree(names);
   }
   fflush(stdout);
@@ -839,6 +1133,14 @@ int main(int argc, char **argv) {
     requests += workers[i].requests;
     errors += workers[i].errors;
   }
+#if KZ_WITH_SSL
+  for (i = 0; i < tlsSlotCount; i++) {
+    connections += tlsSlots[i].work.connections;
+    requests += tlsSlots[i].work.requests;
+    errors += tlsSlots[i].work.errors;
+  }
+  free(tlsSlots);
+#endif
   LOG(LOG_INFO, "kzurld stopped: %" PRIu64 " connections, %" PRIu64 " requests, %" PRIu64 " answered ERR", connections,
       requests, errors);
   free(workers);

@@ -12,8 +12,10 @@
 #include <map>
 #include <random>
 #include <regex>
+#include <thread>
 
 #include "child_process.h"
+#include "kz/features.h"
 #include "net_support.h"
 #include "test_support.h"
 
@@ -216,6 +218,114 @@ inline int OpenDescriptors() {
   return count - 1;  // the directory's own descriptor
 }
 
+inline bool HaveProgram(const char *name) {
+  const std::string command = std::string("command -v ") + name + " >/dev/null 2>&1";
+  return std::system(command.c_str()) == 0;
+}
+
+// Files for TLS made once per program with the openssl command: a
+// self-signed certificate for 127.0.0.1, ::1 and localhost with its key,
+// another key with a certificate of its own for 127.0.0.1, and a file that
+// is no certificate. ok() is false when the
+// command is missing or failed.
+class TlsFiles {
+ public:
+  static TlsFiles &Get() {
+    static TlsFiles files;
+    return files;
+  }
+  bool ok() const { return ok_; }
+  std::string operator[](const std::string &name) const { return dir_ / name; }
+  // The configuration lines that switch TLS on, on a port the system picks.
+  std::string Configuration() const {
+    return "tls-port 0\ncert \"" + (dir_ / "cert.pem") + "\"\nkey \"" + (dir_ / "key.pem") + "\"\n";
+  }
+
+ private:
+  TlsFiles() {
+    if (dir_.path().empty() || !HaveProgram("openssl")) return;
+    const std::string script = "set -e\ncd '" + dir_.path() +
+                               "'\n"
+                               "key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out \"$1\"; }\n"
+                               "key key.pem; key other-key.pem\n"
+                               "openssl req -x509 -new -key key.pem -out cert.pem -days 2 -subj /CN=localhost "
+                               "-addext subjectAltName=IP:127.0.0.1,IP:::1,DNS:localhost\n"
+                               "openssl req -x509 -new -key other-key.pem -out other.pem -days 2 -subj /CN=localhost "
+                               "-addext subjectAltName=IP:127.0.0.1\n"
+                               "printf 'not a certificate\\n' > garbage.pem\n";
+    std::ofstream(dir_ / "make.sh") << script;
+    ok_ = std::system(("sh '" + (dir_ / "make.sh") + "' >/dev/null 2>&1").c_str()) == 0;
+  }
+  TempDir dir_;
+  bool ok_ = false;
+};
+
+// Why TLS cannot be tested here, or "" when it can.
+inline std::string TlsMissing() {
+  if (!KZ_WITH_SSL) return "the library is built without SSL";
+  if (!TlsFiles::Get().ok()) return "no openssl command to make a certificate";
+  return "";
+}
+
+// `openssl s_client` connected to the TLS port on 127.0.0.1, verifying the
+// test certificate; its input and output are pipes, its errors in a file.
+// -quiet keeps it connected after the end of its input: it ends when the
+// server closes. Killed at the end of the scope when still running.
+class SClient {
+ public:
+  bool Start(const TempDir &dir, uint16_t port) {
+    static int instances = 0;
+    errPath_ = dir / ("s_client" + std::to_string(++instances) + ".err");
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0) return false;
+    if (pipe2(out, O_CLOEXEC) != 0) {
+      close(in[0]), close(in[1]);
+      return false;
+    }
+    const std::string address = "127.0.0.1:" + std::to_string(port), ca = TlsFiles::Get()["cert.pem"];
+    fflush(nullptr);
+    if ((pid_ = fork()) == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), 2);
+      execlp("openssl", "openssl", "s_client", "-connect", address.c_str(), "-quiet", "-nocommands", "-CAfile",
+             ca.c_str(), "-verify_return_error", static_cast<char *>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    in_.reset(in[1]);
+    out_.reset(out[0]);
+    return pid_ > 0;
+  }
+  int in() const { return in_.get(); }
+  int out() const { return out_.get(); }
+  // Waits at most `limit` for it to end: its exit status, or -1.
+  int Wait(std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    int status = 0;
+    while (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) {
+      if (Clock::now() >= deadline) return -1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  std::string Errors() const { return ReadFile(errPath_); }
+  ~SClient() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (!errPath_.empty()) unlink(errPath_.c_str());
+  }
+
+ private:
+  pid_t pid_ = -1;
+  Fd in_, out_;
+  std::string errPath_;
+};
+
 // kzurld started with a configuration file in a private directory, on a port
 // the system picks and a local connection of its own name; killed at the end
 // of the scope when it is still running.
@@ -252,6 +362,8 @@ class Server {
       if (closed || Clock::now() >= deadline) return false;
     }
     port_ = static_cast<uint16_t>(std::stoul(match[1]));
+    static const std::regex tls("tls:127\\.0\\.0\\.1:([0-9]+) ");
+    if (std::regex_search(log_, match, tls)) tlsPort_ = static_cast<uint16_t>(std::stoul(match[1]));
     return true;
   }
 
@@ -282,6 +394,7 @@ class Server {
   }
 
   uint16_t port() const { return port_; }
+  uint16_t tlsPort() const { return tlsPort_; }
   const std::string &local() const { return local_; }
   std::string LocalPath() const { return "/tmp/kz.sock." + local_ + "." + std::to_string(port_); }
   Fd Connect(uint32_t family) const { return ConnectTo(family, port_, LocalPath()); }
@@ -293,7 +406,7 @@ class Server {
   TempDir dir_;
   pid_t pid_ = -1;
   Fd out_;
-  uint16_t port_ = 0;
+  uint16_t port_ = 0, tlsPort_ = 0;
   std::string local_, log_;
 };
 
