@@ -211,7 +211,7 @@ int main(int argc, char **argv) {
   static const char *standardInput[] = {"-"};
   Client client;
   const char *connect = "127.0.0.1:7171";
-  char spec[300];
+  char hostPort[300];
   TCPAddr address;
   const char *ca = NULL;
   int tls = 0, insecure = 0;
@@ -257,8 +257,8 @@ int main(int argc, char **argv) {
     }
   }
   /* A local name without port is kzurld's default one. */
-  snprintf(spec, sizeof spec, connect[0] == '/' && !strchr(connect, ':') ? "%s:7171" : "%s", connect);
-  if (!TCPAddrSetHostPort(&address, spec)) {
+  snprintf(hostPort, sizeof hostPort, connect[0] == '/' && !strchr(connect, ':') ? "%s:7171" : "%s", connect);
+  if (!TCPAddrSetHostPort(&address, hostPort)) {
     fprintf(stderr, "kzurlc: bad address '%s': %s\n", connect, KZErrorMessage());
     return 2;
   }

@@ -250,13 +250,13 @@ static int ReadSettings(void) {
   text = Value("local");
   if (*text) {
     TCPAddr probe;
-    char spec[64];
+    char hostPort[64];
     if (strlen(text) > KZ_LOCAL_NAME_MAX || strchr(text, '/') || strchr(text, '\\') || strchr(text, ':')) {
       ok = ConfigError("local must be a name of 1 to %d characters without '/', '\\' or ':', not \"%s\"",
                        KZ_LOCAL_NAME_MAX, text);
     } else {
-      snprintf(spec, sizeof spec, "/%s:0", text);
-      if (!TCPAddrSetHostPort(&probe, spec))
+      snprintf(hostPort, sizeof hostPort, "/%s:0", text);
+      if (!TCPAddrSetHostPort(&probe, hostPort))
         ok = ConfigError("local connection name \"%s\": %s", text, KZErrorMessage());
       else
         strcpy(settings.local, text);
@@ -822,9 +822,9 @@ static int OpenListeners(void) {
   if (!OpenTcpListeners(0)) return 0;
   if (settings.local[0]) {
     TCPAddr address;
-    char spec[64];
-    snprintf(spec, sizeof spec, "/%s:%u", settings.local, (unsigned)settings.port);
-    if (!TCPAddrSetHostPort(&address, spec) || !Listen(&address, 1, 0)) return 0;
+    char hostPort[64];
+    snprintf(hostPort, sizeof hostPort, "/%s:%u", settings.local, (unsigned)settings.port);
+    if (!TCPAddrSetHostPort(&address, hostPort) || !Listen(&address, 1, 0)) return 0;
   }
   if (settings.tls) {
     uint32_t before = listenerCount;
