@@ -20,11 +20,13 @@ namespace {
 using kztest::Bytes;
 using kztest::Scoped;
 
+// Appends copies of the entries (StringArrayAppend with a null-terminated vector).
 void Append(StringArray *array, std::vector<const char *> entries) {
   entries.push_back(nullptr);
   StringArrayAppend(array, const_cast<char **>(entries.data()));
 }
 
+// The value read into a buffer of size bytes, or "<absent>".
 std::string Get(const char *name, size_t size = 256) {
   std::vector<char> buffer(size + 1, 'x');
   buffer[size] = '\0';

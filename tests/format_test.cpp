@@ -240,12 +240,7 @@ std::string HashText(uint32_t value) {
   return std::string(buffer, static_cast<size_t>(std::clamp(n, 0, 8)));
 }
 
-std::string Hex(uint32_t value, const char *format = "%x") {
-  char text[16];
-  return std::string(text, static_cast<size_t>(std::snprintf(text, sizeof text, format, value)));
-}
-
-TEST(UIntHash, KnownIdentifiersAndProperties) {
+TEST(UIntHash, KnownIdentifiersAndInvalidTexts) {
   const struct {
     uint32_t value;
     const char *text;
@@ -253,23 +248,11 @@ TEST(UIntHash, KnownIdentifiersAndProperties) {
                {0, "5ba582d3"},           {1, "5ba58253"},          {0xFFFFFFFFu, "245a7d2c"},
                {0x80000000u, "5aa582d3"}, {0x12345678u, "bbc28bf"}, {0xDEADBEEFu, "269a3d48"},
                {1000000, "33acc2f3"}};
-  for (const auto &k : known) EXPECT_EQ(HashText(k.value), k.text) << k.value;
-  // Short lower-case hex without bit 31; unhashing then hashing gives the text back without bit 31;
-  // hashing then unhashing loses at most one bit, always one of the same two, about half the time.
-  std::mt19937 rng(20);
-  uint32_t lost = 0, exact = 0;
-  for (int i = 0; i < 100000; ++i) {
-    const uint32_t x = i < 64 ? (i < 32 ? (1u << i) : ~(1u << (i - 32))) : static_cast<uint32_t>(rng());
-    const std::string text = HashText(x);
-    ASSERT_EQ(text, Hex(static_cast<uint32_t>(std::strtoul(text.c_str(), nullptr, 16)) & 0x7FFFFFFFu)) << x;
-    const uint32_t difference = UIntUnhash(text.c_str()) ^ x;
-    ASSERT_LE(__builtin_popcount(difference), 1) << x;
-    lost |= difference, exact += difference == 0;
-    ASSERT_EQ(HashText(UIntUnhash(Hex(x, i & 1 ? "%x" : "%08X").c_str())), Hex(x & 0x7FFFFFFFu)) << x;
+  for (const auto &k : known) {
+    EXPECT_EQ(HashText(k.value), k.text) << k.value;
+    EXPECT_EQ(HashText(UIntUnhash(k.text)), k.text) << k.text;  // unhashing finds a value with that identifier
   }
-  EXPECT_EQ(__builtin_popcount(lost), 2) << lost;
-  EXPECT_GT(exact, 45000u);
-  EXPECT_LT(exact, 55000u);
+  // The round trip's one lost bit and the other properties on any value are the fuzz target's.
   const uint32_t zero = UIntUnhash("0");  // invalid texts unhash as "0"; bit 31 is never read
   for (const char *text : {"", "g", "12x4", " 12", "0x12", "-1", "100000000", "00000000"})
     EXPECT_EQ(UIntUnhash(text), zero) << text;
