@@ -275,6 +275,19 @@ const bool g_networkRegistered = kz::startup::Register(kz::startup::Step::kNetwo
 
 namespace kz::net {
 
+int SocketAddress(int64_t socket, bool peer, TCPAddr *out) {
+  os::SockAddr sa;
+  if (!(peer ? os::PeerName(socket, &sa) : os::LocalName(socket, &sa))) return 0;
+  TCPAddr address{};
+  address.family = os::ReadSockAddr(sa, address.address, &address.port);
+  if (address.family == KZ_FAMILY_UNSET) {
+    errno = EINVAL;
+    return 0;
+  }
+  *out = address;
+  return 1;
+}
+
 uint32_t DefaultFamily() {
   LazyLockGuard hold(g_networkLock);
   return g_defaultFamily.load(std::memory_order_relaxed);
@@ -661,16 +674,7 @@ KZ_API int ChannelGetAddr(const Channel *channel, TCPAddr *out, int peer) {
     errno = EINVAL;
     return 0;
   }
-  kz::os::SockAddr sa;
-  if (!(peer ? kz::os::PeerName(channel->handle, &sa) : kz::os::LocalName(channel->handle, &sa))) return 0;
-  TCPAddr address{};
-  address.family = kz::os::ReadSockAddr(sa, address.address, &address.port);
-  if (address.family == KZ_FAMILY_UNSET) {
-    errno = EINVAL;
-    return 0;
-  }
-  *out = address;
-  return 1;
+  return kz::net::SocketAddress(channel->handle, peer != 0, out);
 }
 
 KZ_API int ChannelGetSecurityFlags(const Channel *channel, uint32_t *flags) {

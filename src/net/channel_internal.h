@@ -47,6 +47,10 @@ int64_t ChannelSocket(uint32_t family, int type);
 // A datagram socket for a family code; other codes raise "invalid IP family".
 int64_t ChannelNewFDUdp(const TCPAddr &address);
 
+// The local (peer false) or remote address of a socket: 1, or 0 with errno
+// set (EINVAL for an address of no known family).
+int SocketAddress(int64_t socket, bool peer, TCPAddr *out);
+
 // ---- channel state -----------------------------------------------------------
 
 // Disconnects, then resets the endpoint flags and both buffers (what every

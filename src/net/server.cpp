@@ -336,12 +336,13 @@ KZ_API int64_t TCPServerGetFD(const TCPServer *server) { return server->handle; 
 
 // ---- datagrams ------------------------------------------------------------------------------
 
-KZ_API int64_t UDPNew(const TCPAddr *local) {
-  TCPAddr unset{};
-  int64_t socket = kz::net::ChannelNewFDUdp(local ? *local : unset);
-  if (socket == KZ_INVALID_HANDLE || !local) return socket;
+namespace {
+
+// Binds a datagram socket to local: the socket, or KZ_INVALID_HANDLE with the
+// socket closed (errno -1 when the bind itself failed).
+int64_t BindOrClose(int64_t socket, const TCPAddr &local) {
   kz::os::SockAddr sa;
-  if (!kz::net::ToSockAddr(*local, &sa)) {
+  if (!kz::net::ToSockAddr(local, &sa)) {
     CloseKeepingError(socket);
     return KZ_INVALID_HANDLE;
   }
@@ -352,6 +353,15 @@ KZ_API int64_t UDPNew(const TCPAddr *local) {
     return KZ_INVALID_HANDLE;
   }
   return socket;
+}
+
+}  // namespace
+
+KZ_API int64_t UDPNew(const TCPAddr *local) {
+  TCPAddr unset{};
+  int64_t socket = kz::net::ChannelNewFDUdp(local ? *local : unset);
+  if (socket == KZ_INVALID_HANDLE || !local) return socket;
+  return BindOrClose(socket, *local);
 }
 
 KZ_API int64_t UDPConnectEx(const TCPAddr *remote, const TCPAddr *local) {
@@ -452,16 +462,7 @@ KZ_API int UDPGetAddr(int64_t socket, TCPAddr *out, int peer) {
     errno = EINVAL;
     return 0;
   }
-  kz::os::SockAddr sa;
-  if (!(peer ? kz::os::PeerName(socket, &sa) : kz::os::LocalName(socket, &sa))) return 0;
-  TCPAddr address{};
-  address.family = kz::os::ReadSockAddr(sa, address.address, &address.port);
-  if (address.family == KZ_FAMILY_UNSET) {
-    errno = EINVAL;
-    return 0;
-  }
-  *out = address;
-  return 1;
+  return kz::net::SocketAddress(socket, peer != 0, out);
 }
 
 KZ_API int UDPClose(int64_t socket) { return kz::os::Close(socket) ? 1 : 0; }
@@ -478,19 +479,7 @@ KZ_API int64_t UDPMCastNewEx(const TCPAddr *group, const TCPAddr *local) {
     NET_RETHROW("UDPMCastNewEx", "error setting SO_REUSEADDR");
     return KZ_INVALID_HANDLE;
   }
-  if (local) {
-    kz::os::SockAddr sa;
-    if (!kz::net::ToSockAddr(*local, &sa)) {
-      CloseKeepingError(socket);
-      return KZ_INVALID_HANDLE;
-    }
-    if (sa.size == 0) kzassert_("sin_me.size != 0", kSource, 0);
-    if (!kz::os::Bind(socket, sa)) {
-      CloseKeepingError(socket);
-      errno = -1;
-      return KZ_INVALID_HANDLE;
-    }
-  }
+  if (local && BindOrClose(socket, *local) == KZ_INVALID_HANDLE) return KZ_INVALID_HANDLE;
   kz::os::SockAddr groupAddress;
   if ((group->family != KZ_FAMILY_UNSET && !MulticastFamily(*group, "UDPMCastNewEx")) ||
       !kz::net::ToSockAddr(*group, &groupAddress)) {

@@ -221,24 +221,13 @@ bool PendingError(int64_t handle, int *error, uint32_t *length) {
   return true;
 }
 
-bool SetKeepAlive(int64_t handle) {
-  int on = 1;
-  if (setsockopt(Fd(handle), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0) return true;
-  FailWithErrno();
-  return false;
-}
+namespace {
 
-bool SetNoDelay(int64_t handle) {
-  int on = 1;
-  if (setsockopt(Fd(handle), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0) return true;
-  FailWithErrno();
-  return false;
-}
-
-bool LocalName(int64_t handle, SockAddr *out) {
+// getsockname or getpeername into out.
+bool SocketName(int (*get)(int, sockaddr *, socklen_t *), int64_t handle, SockAddr *out) {
   socklen_t size = sizeof out->bytes;
   std::memset(out->bytes, 0, sizeof out->bytes);
-  if (getsockname(Fd(handle), reinterpret_cast<sockaddr *>(out->bytes), &size) != 0) {
+  if (get(Fd(handle), reinterpret_cast<sockaddr *>(out->bytes), &size) != 0) {
     FailWithErrno();
     return false;
   }
@@ -246,16 +235,23 @@ bool LocalName(int64_t handle, SockAddr *out) {
   return true;
 }
 
-bool PeerName(int64_t handle, SockAddr *out) {
-  socklen_t size = sizeof out->bytes;
-  std::memset(out->bytes, 0, sizeof out->bytes);
-  if (getpeername(Fd(handle), reinterpret_cast<sockaddr *>(out->bytes), &size) != 0) {
-    FailWithErrno();
-    return false;
-  }
-  out->size = size;
-  return true;
+// Turns a boolean socket option on.
+bool SetOptionOn(int64_t handle, int level, int option) {
+  int on = 1;
+  if (setsockopt(Fd(handle), level, option, &on, sizeof on) == 0) return true;
+  FailWithErrno();
+  return false;
 }
+
+}  // namespace
+
+bool SetKeepAlive(int64_t handle) { return SetOptionOn(handle, SOL_SOCKET, SO_KEEPALIVE); }
+
+bool SetNoDelay(int64_t handle) { return SetOptionOn(handle, IPPROTO_TCP, TCP_NODELAY); }
+
+bool LocalName(int64_t handle, SockAddr *out) { return SocketName(getsockname, handle, out); }
+
+bool PeerName(int64_t handle, SockAddr *out) { return SocketName(getpeername, handle, out); }
 
 bool Shutdown(int64_t handle, int how) {
   int mode = how == 0 ? SHUT_RD : how == 1 ? SHUT_WR : SHUT_RDWR;
@@ -439,12 +435,7 @@ bool SetV6Only(int64_t handle, bool on) {
   return false;
 }
 
-bool SetReuseAddress(int64_t handle) {
-  int on = 1;
-  if (setsockopt(Fd(handle), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0) return true;
-  FailWithErrno();
-  return false;
-}
+bool SetReuseAddress(int64_t handle) { return SetOptionOn(handle, SOL_SOCKET, SO_REUSEADDR); }
 
 int64_t Accept(int64_t handle, bool nonBlocking) {
   int flags = SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
