@@ -144,32 +144,23 @@ inline Lines MixedLines(size_t realSample = 200) {
 // A socket connected to kzurld (family 1 or 2: TCP on loopback; 3: the local
 // connection at path); invalid on failure.
 inline Fd ConnectTo(uint32_t family, uint16_t port, const std::string &localPath) {
-  if (family == KZ_FAMILY_LOCAL) {
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, localPath.c_str(), sizeof address.sun_path - 1);
-    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) return Fd();
-    return fd;
-  }
-  Fd fd(socket(family == KZ_FAMILY_IPV6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_storage address{};
-  socklen_t size;
-  if (family == KZ_FAMILY_IPV6) {
+  socklen_t size = sizeof(sockaddr_in);
+  if (family == KZ_FAMILY_LOCAL) {
+    auto *un = reinterpret_cast<sockaddr_un *>(&address);
+    un->sun_family = AF_UNIX;
+    std::strncpy(un->sun_path, localPath.c_str(), sizeof un->sun_path - 1);
+    size = sizeof *un;
+  } else if (family == KZ_FAMILY_IPV6) {
     auto *in6 = reinterpret_cast<sockaddr_in6 *>(&address);
-    in6->sin6_family = AF_INET6;
-    in6->sin6_addr = in6addr_loopback;
-    in6->sin6_port = htons(port);
+    *in6 = {AF_INET6, htons(port), 0, in6addr_loopback, 0};
     size = sizeof *in6;
   } else {
     auto *in = reinterpret_cast<sockaddr_in *>(&address);
-    in->sin_family = AF_INET;
-    in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    in->sin_port = htons(port);
-    size = sizeof *in;
+    *in = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
   }
-  if (connect(fd.get(), reinterpret_cast<sockaddr *>(&address), size) != 0) return Fd();
-  return fd;
+  Fd fd(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  return connect(fd.get(), reinterpret_cast<sockaddr *>(&address), size) == 0 ? std::move(fd) : Fd();
 }
 
 // Reads until `lines` line feeds have arrived, the peer closed, or the

@@ -1,8 +1,7 @@
 // Child processes through the public API: real children (/bin/sh, /bin/cat,
-// /usr/bin/env, /bin/sleep), their streams read and fed through channels.
+// /usr/bin/env, /bin/sleep) on pipes; stdin fed through a channel.
 #include "kz/process.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -11,6 +10,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,7 @@
 #include "kz/error.h"
 #include "kz/file.h"
 #include "kz/init.h"
+#include "net_support.h"
 #include "test_support.h"
 
 namespace {
@@ -32,51 +34,46 @@ class ProcessTest : public ::testing::Test {
   static void SetUpTestSuite() { KZLibInit("process_test"); }
 };
 
+// A null-terminated argument vector that lives to the end of the statement.
+struct Args {
+  Args(std::initializer_list<const char *> list) : v(list) { v.push_back(nullptr); }
+  operator char **() { return const_cast<char **>(v.data()); }
+  std::vector<const char *> v;
+};
+
 std::string ReadAll(int fd) {
-  Channel *channel = ChannelNew(-1, -1);
-  EXPECT_EQ(1, ChannelSetFD(channel, fd, 1));
-  std::string text;
-  char buffer[4096];
-  for (;;) {
-    size_t got = 0;
-    int status = ChannelReceive(channel, buffer, sizeof buffer, 0, &got, 1);
-    text.append(buffer, got);
-    if (status != 0 || got == 0) break;
-  }
-  ChannelClose(channel);
+  std::string text = kztest::ReadToEnd(fd);
+  close(fd);
   return text;
 }
 
-struct Ending {
+struct Outcome {
+  std::string out;
   int result = -1, exitCode = -1, signal = -1;
 };
 
-Ending WaitFor(Process *process) {
-  Ending ending;
-  ending.result = ProcessWait(process, 1, &ending.exitCode, &ending.signal);
-  return ending;
-}
-
-// Runs /bin/sh -c script with stdout on a pipe; the output and the ending.
-std::pair<std::string, Ending> RunShell(const char *script, int inherit = 0, char **envp = nullptr) {
+// Starts a child with its stdout on a pipe (start gets the pipe's write end),
+// reads the output to its end and waits for the child.
+Outcome Collect(const std::function<Process *(int)> &start) {
   int out[2];
   EXPECT_EQ(1, ChannelCreatePipe(out));
-  const char *argv[] = {"sh", "-c", script, nullptr};
-  Process *process = ProcessExecutePipe("/bin/sh", const_cast<char **>(argv), envp, -1, out[1], -1, inherit);
+  Process *process = start(out[1]);
   EXPECT_NE(nullptr, process) << KZErrorMessage();
   close(out[1]);
-  std::string text = ReadAll(out[0]);
-  Ending ending = process ? WaitFor(process) : Ending{};
-  return {text, ending};
+  Outcome run;
+  run.out = ReadAll(out[0]);
+  if (process) run.result = ProcessWait(process, 1, &run.exitCode, &run.signal);
+  return run;
 }
 
-int CountDescriptors() {
-  int count = 0;
-  DIR *dir = opendir("/proc/self/fd");
-  while (dirent *entry = readdir(dir))
-    if (entry->d_name[0] != '.') count++;
-  closedir(dir);
-  return count;
+Outcome RunShell(const char *script, int inherit = 0, char **envp = nullptr) {
+  return Collect([&](int out) {
+    return ProcessExecutePipe("/bin/sh", Args{"sh", "-c", script}, envp, -1, out, -1, inherit);
+  });
+}
+
+long CountDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
 }
 
 TEST_F(ProcessTest, CommandLineQuotesAsMessagesShowIt) {
@@ -97,57 +94,78 @@ TEST_F(ProcessTest, CommandLineQuotesAsMessagesShowIt) {
   }
 }
 
-TEST_F(ProcessTest, BadArgumentsAreRefusedBeforeAnythingStarts) {
-  const char *argv[] = {"cat", nullptr};
-  char **args = const_cast<char **>(argv);
-  EXPECT_EQ(nullptr, ProcessExecute("/bin/cat", args, nullptr, -1, 5, 2));
-  EXPECT_EQ(KZ_ERR_INVALID, KZErrorCode());
-  EXPECT_STREQ("can only use standard I/O for all streams", KZErrorMessage());
-
-  KZProcessStart logon = {1, "nobody", "x", nullptr, nullptr, KZ_PROCESS_NICE_INHERIT};
-  EXPECT_EQ(nullptr, ProcessExecute_(&logon, "/bin/cat", args, nullptr, 0, 1, 2));
-  EXPECT_STREQ("can not inherit handles with logon", KZErrorMessage());
-  logon.inheritHandles = 0;
-  EXPECT_EQ(nullptr, ProcessExecute_(&logon, "/bin/cat", args, nullptr, -1, -1, -1));
-  EXPECT_STREQ("can not inherit stdio handles with logon", KZErrorMessage());
-
-  const char *badArgv[] = {"cat", "\x80", nullptr};
-  EXPECT_EQ(nullptr, ProcessExecute("/bin/cat", const_cast<char **>(badArgv), nullptr, -1, -1, -1));
-  EXPECT_EQ(KZ_ERR_PROTOCOL, KZErrorCode());
-  EXPECT_STREQ("Invalid UTF-8 sequence", KZErrorMessage());
-  const char *wideArgv[] = {"cat", "\xf0\x9f\x98\x80", nullptr};
-  EXPECT_EQ(nullptr, ProcessExecute("/bin/cat", const_cast<char **>(wideArgv), nullptr, -1, -1, -1));
-  EXPECT_STREQ("Unicode character larger than FFFF", KZErrorMessage());
-  const char *badEnv[] = {"A=\xc3", nullptr};
-  EXPECT_EQ(nullptr, ProcessExecute("/bin/cat", args, const_cast<char **>(badEnv), -1, -1, -1));
-  EXPECT_EQ(KZ_ERR_GENERAL, KZErrorCode());
-  EXPECT_STREQ("bad UTF-8 in environment", KZErrorMessage());
-
-  errno = 0;
-  EXPECT_EQ(nullptr, ProcessExecute("/bin/c\xff", args, nullptr, -1, -1, -1));
-  EXPECT_EQ(EINVAL, errno);
-  KZProcessStart badNice = {0, nullptr, nullptr, nullptr, nullptr, 3};
-  errno = 0;
-  EXPECT_EQ(nullptr, ProcessExecute_(&badNice, "/bin/cat", args, nullptr, -1, -1, -1));
-  EXPECT_EQ(EINVAL, errno);
-}
-
-TEST_F(ProcessTest, MissingProgramFailsWithTheSystemError) {
-  const char *argv[] = {"none", nullptr};
-  errno = 0;
-  EXPECT_EQ(nullptr, ProcessExecute("/nonexistent/program", const_cast<char **>(argv), nullptr, -1, -1, -1));
-  EXPECT_EQ(-1, errno);
-  EXPECT_EQ(ENOENT, KZGetLastError());
-  // The forked path reports its exec failure the same way.
-  KZProcessStart lower = {0, nullptr, nullptr, nullptr, nullptr, 5};
-  errno = 0;
-  EXPECT_EQ(nullptr, ProcessExecute_(&lower, "/nonexistent/program", const_cast<char **>(argv), nullptr, -1, -1, -1));
-  EXPECT_EQ(-1, errno);
-  EXPECT_EQ(ENOENT, KZGetLastError());
+// Refusals before anything starts, and a program that is not there (also on
+// the forked path a nice value takes). Without a message, error is errno
+// afterwards; -1 means the system's reason (ENOENT) is in KZGetLastError.
+TEST_F(ProcessTest, RefusedStarts) {
+  const KZProcessStart plain = {1, nullptr, nullptr, nullptr, nullptr, KZ_PROCESS_NICE_INHERIT};
+  KZProcessStart logon = plain, ownHandles = plain, badNice = plain, lowered = plain;
+  logon.user = ownHandles.user = "nobody";
+  logon.password = ownHandles.password = "x";
+  ownHandles.inheritHandles = 0;
+  badNice.nice = 3;
+  lowered.nice = 5;
+  const struct {
+    const KZProcessStart *options;
+    const char *path, *argument, *environment;
+    int fds[3];
+    uint64_t code;
+    const char *message;
+    int error;
+  } cases[] = {
+      {&plain,
+       "/bin/cat",
+       nullptr,
+       nullptr,
+       {-1, 5, 2},
+       KZ_ERR_INVALID,
+       "can only use standard I/O for all streams",
+       0},
+      {&logon, "/bin/cat", nullptr, nullptr, {0, 1, 2}, KZ_ERR_INVALID, "can not inherit handles with logon", 0},
+      {&ownHandles,
+       "/bin/cat",
+       nullptr,
+       nullptr,
+       {-1, -1, -1},
+       KZ_ERR_INVALID,
+       "can not inherit stdio handles with logon",
+       0},
+      {&plain, "/bin/cat", "\x80", nullptr, {-1, -1, -1}, KZ_ERR_PROTOCOL, "Invalid UTF-8 sequence", 0},
+      {&plain,
+       "/bin/cat",
+       "\xf0\x9f\x98\x80",
+       nullptr,
+       {-1, -1, -1},
+       KZ_ERR_PROTOCOL,
+       "Unicode character larger than FFFF",
+       0},
+      {&plain, "/bin/cat", nullptr, "A=\xc3", {-1, -1, -1}, KZ_ERR_GENERAL, "bad UTF-8 in environment", 0},
+      {&plain, "/bin/c\xff", nullptr, nullptr, {-1, -1, -1}, 0, nullptr, EINVAL},
+      {&badNice, "/bin/cat", nullptr, nullptr, {-1, -1, -1}, 0, nullptr, EINVAL},
+      {&plain, "/nonexistent/program", nullptr, nullptr, {-1, -1, -1}, 0, nullptr, -1},
+      {&lowered, "/nonexistent/program", nullptr, nullptr, {-1, -1, -1}, 0, nullptr, -1},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.path) + " " + (c.message ? c.message : std::to_string(c.error)));
+    Args environment{c.environment};
+    errno = 0;
+    EXPECT_EQ(nullptr, ProcessExecute_(c.options, c.path, Args{"cat", c.argument},
+                                       c.environment ? static_cast<char **>(environment) : nullptr, c.fds[0], c.fds[1],
+                                       c.fds[2]));
+    if (c.message) {
+      EXPECT_EQ(c.code, KZErrorCode());
+      EXPECT_STREQ(c.message, KZErrorMessage());
+    } else {
+      EXPECT_EQ(c.error, errno);
+      if (c.error == -1) {
+        EXPECT_EQ(ENOENT, KZGetLastError());
+      }
+    }
+  }
 }
 
 TEST_F(ProcessTest, OutputArgumentsAndExitCodes) {
-  struct Case {
+  const struct {
     const char *script;
     std::string output;
     int exitCode;
@@ -155,98 +173,88 @@ TEST_F(ProcessTest, OutputArgumentsAndExitCodes) {
       {"echo hello", "hello\n", 0},
       {"printf '%s|' \"$0\" a; exit 7", "sh|a|", 7},
       {"exit 255", "", 255},
+      // stdin -1 reads nothing; stderr -1 swallows the complaint.
+      {"wc -c; ls /nonexistent-path; echo $?", "0\n2\n", 0},
   };
   for (const auto &c : cases) {
-    auto [text, ending] = RunShell(c.script);
-    EXPECT_EQ(c.output, text) << c.script;
-    EXPECT_EQ(1, ending.result);
-    EXPECT_EQ(c.exitCode, ending.exitCode) << c.script;
-    EXPECT_EQ(0, ending.signal);
+    Outcome run = RunShell(c.script);
+    EXPECT_EQ(c.output, run.out) << c.script;
+    EXPECT_EQ(1, run.result);
+    EXPECT_EQ(c.exitCode, run.exitCode) << c.script;
+    EXPECT_EQ(0, run.signal);
   }
   // Arguments reach the program exactly as given, spaces and quotes included.
-  int out[2];
-  ASSERT_EQ(1, ChannelCreatePipe(out));
-  const char *argv[] = {"echo", "a  b", "\"q\"", "", "t\tx", nullptr};
-  Process *process = ProcessExecuteDontInheritHandles("/bin/echo", const_cast<char **>(argv), nullptr, -1, out[1], -1);
-  ASSERT_NE(nullptr, process);
-  close(out[1]);
-  EXPECT_EQ("a  b \"q\"  t\tx\n", ReadAll(out[0]));
-  EXPECT_EQ(0, WaitFor(process).exitCode);
+  Outcome echo = Collect([](int out) {
+    return ProcessExecuteDontInheritHandles("/bin/echo", Args{"echo", "a  b", "\"q\"", "", "t\tx"}, nullptr, -1, out,
+                                            -1);
+  });
+  EXPECT_EQ("a  b \"q\"  t\tx\n", echo.out);
+  EXPECT_EQ(0, echo.exitCode);
 }
 
 TEST_F(ProcessTest, StdinIsFedAndClosedThroughAChannel) {
-  int in[2], out[2];
+  int in[2];
   ASSERT_EQ(1, ChannelCreatePipe(in));
-  ASSERT_EQ(1, ChannelCreatePipe(out));
-  const char *argv[] = {"cat", nullptr};
-  Process *process =
-      ProcessExecuteDontInheritHandles("/bin/cat", const_cast<char **>(argv), nullptr, in[0], out[1], -1);
-  ASSERT_NE(nullptr, process);
-  close(in[0]);
-  close(out[1]);
   Channel *writer = ChannelNew(-1, -1);
   ASSERT_EQ(1, ChannelSetFD(writer, in[1], 1));
   std::string sent;
   for (int k = 0; k < 2000; k++) sent += "line " + std::to_string(k) + "\n";
   // More than a pipe holds: the reader drains while the writer fills.
-  std::thread feeder([&] {
-    EXPECT_EQ(1, ChannelWriteBuf(writer, sent.data(), sent.size()));
-    EXPECT_EQ(1, ChannelFlush(writer));
-    ChannelClose(writer);
+  std::thread feeder;
+  Outcome run = Collect([&](int out) {
+    Process *process = ProcessExecuteDontInheritHandles("/bin/cat", Args{"cat"}, nullptr, in[0], out, -1);
+    close(in[0]);
+    feeder = std::thread([&] {
+      EXPECT_EQ(1, ChannelWriteBuf(writer, sent.data(), sent.size()));
+      EXPECT_EQ(1, ChannelFlush(writer));
+      ChannelClose(writer);
+    });
+    return process;
   });
-  std::string got = ReadAll(out[0]);
   feeder.join();
-  EXPECT_EQ(sent, got);
-  Ending ending = WaitFor(process);
-  EXPECT_EQ(1, ending.result);
-  EXPECT_EQ(0, ending.exitCode);
-}
-
-TEST_F(ProcessTest, NullDeviceForMissingStreams) {
-  // stdin -1 reads nothing; stderr -1 swallows the complaint.
-  auto [text, ending] = RunShell("wc -c; ls /nonexistent-path; echo $?");
-  EXPECT_EQ("0\n2\n", text);
-  EXPECT_EQ(0, ending.exitCode);
+  EXPECT_EQ(sent, run.out);
+  EXPECT_EQ(1, run.result);
+  EXPECT_EQ(0, run.exitCode);
 }
 
 TEST_F(ProcessTest, EnvironmentIsPassedExactly) {
-  int out[2];
-  ASSERT_EQ(1, ChannelCreatePipe(out));
-  const char *argv[] = {"env", nullptr};
   StringArray environment{};
   ASSERT_EQ(1, StringArrayEnvSet(&environment, "A", "1"));
   ASSERT_EQ(1, StringArrayEnvSet(&environment, "B", "x y"));
   ASSERT_EQ(1, StringArrayEnvSet(&environment, "EMPTY", ""));
-  Process *process = ProcessExecute("/usr/bin/env", const_cast<char **>(argv), environment.elements, -1, out[1], -1);
+  Outcome env =
+      Collect([&](int out) { return ProcessExecute("/usr/bin/env", Args{"env"}, environment.elements, -1, out, -1); });
   StringArrayClear(&environment);
   ArrayFree(environment);
-  ASSERT_NE(nullptr, process);
-  close(out[1]);
-  EXPECT_EQ("A=1\nB=x y\nEMPTY=\n", ReadAll(out[0]));
-  WaitFor(process);
-
-  const char *none[] = {nullptr};
-  auto [text, ending] = RunShell("env | grep -v '^PWD=' | wc -l", 0, const_cast<char **>(none));
-  EXPECT_EQ("0\n", text);
-
+  EXPECT_EQ("A=1\nB=x y\nEMPTY=\n", env.out);
+  EXPECT_EQ("0\n", RunShell("env | grep -v '^PWD=' | wc -l", 0, Args{}).out);
   // A null environment is the caller's.
   ASSERT_EQ(0, setenv("KZ_PROCESS_TEST_MARK", "mark value", 1));
-  auto [inherited, unused] = RunShell("echo \"$KZ_PROCESS_TEST_MARK\"");
-  EXPECT_EQ("mark value\n", inherited);
+  EXPECT_EQ("mark value\n", RunShell("echo \"$KZ_PROCESS_TEST_MARK\"").out);
   unsetenv("KZ_PROCESS_TEST_MARK");
 }
 
-TEST_F(ProcessTest, WorkingDirectory) {
+// The working directory and the nice value of a start: the child reports them.
+TEST_F(ProcessTest, StartOptions) {
   kztest::TempDir dir;
-  int out[2];
-  ASSERT_EQ(1, ChannelCreatePipe(out));
-  const char *argv[] = {"sh", "-c", "pwd", nullptr};
-  KZProcessStart options = {0, nullptr, nullptr, nullptr, dir.path().c_str(), KZ_PROCESS_NICE_INHERIT};
-  Process *process = ProcessExecute_(&options, "/bin/sh", const_cast<char **>(argv), nullptr, -1, out[1], -1);
-  ASSERT_NE(nullptr, process);
-  close(out[1]);
-  EXPECT_EQ(dir.path() + "\n", ReadAll(out[0]));
-  WaitFor(process);
+  const char *nice = "cut -d' ' -f19 /proc/self/stat";
+  const struct {
+    const char *directory, *script;
+    int nice;
+    std::string expected;
+  } cases[] = {
+      {dir.path().c_str(), "pwd", KZ_PROCESS_NICE_INHERIT, dir.path() + "\n"},
+      {nullptr, nice, 5, "5\n"},
+      {nullptr, nice, 10, "5\n"},
+      {nullptr, nice, 19, "19\n"},
+  };
+  for (const auto &c : cases) {
+    KZProcessStart options = {0, nullptr, nullptr, nullptr, c.directory, c.nice};
+    Outcome run = Collect([&](int out) {
+      return ProcessExecute_(&options, "/bin/sh", Args{"sh", "-c", c.script}, nullptr, -1, out, -1);
+    });
+    EXPECT_EQ(c.expected, run.out) << c.script << " nice " << c.nice;
+  }
 }
 
 TEST_F(ProcessTest, InheritanceOfOtherDescriptors) {
@@ -256,14 +264,8 @@ TEST_F(ProcessTest, InheritanceOfOtherDescriptors) {
   int closeOnExec = open("/dev/null", O_RDONLY | O_CLOEXEC);
   std::string probe = "for fd in " + std::to_string(inheritable) + " " + std::to_string(closeOnExec) +
                       "; do if [ -e /proc/self/fd/$fd ]; then echo open; else echo closed; fi; done";
-  struct Case {
-    int inherit;
-    const char *expected;
-  } cases[] = {{1, "open\nclosed\n"}, {0, "closed\nclosed\n"}};
-  for (const auto &c : cases) {
-    auto [text, ending] = RunShell(probe.c_str(), c.inherit);
-    EXPECT_EQ(c.expected, text) << "inherit " << c.inherit;
-  }
+  EXPECT_EQ("open\nclosed\n", RunShell(probe.c_str(), 1).out);
+  EXPECT_EQ("closed\nclosed\n", RunShell(probe.c_str(), 0).out);
   close(inheritable);
   close(closeOnExec);
 }
@@ -272,15 +274,12 @@ TEST_F(ProcessTest, TerminateKillAndSignals) {
   int out[2];
   ASSERT_EQ(1, ChannelCreatePipe(out));
   // The child ignores SIGTERM, then says it is ready.
-  const char *argv[] = {"sh", "-c", "trap '' TERM; echo ready; exec sleep 60", nullptr};
-  Process *process = ProcessExecuteDontInheritHandles("/bin/sh", const_cast<char **>(argv), nullptr, -1, out[1], -1);
+  Process *process = ProcessExecuteDontInheritHandles(
+      "/bin/sh", Args{"sh", "-c", "trap '' TERM; echo ready; exec sleep 60"}, nullptr, -1, out[1], -1);
   ASSERT_NE(nullptr, process);
   close(out[1]);
-  Channel *channel = ChannelNew(-1, -1);
-  ASSERT_EQ(1, ChannelSetFD(channel, out[0], 1));
-  Scoped<UByteArray> line;
-  ASSERT_EQ(1, ChannelReadLine(channel, &line, 0));
-  EXPECT_EQ("ready", kztest::Bytes(line));
+  EXPECT_EQ("ready\n", kztest::ReadExactly(out[0], 6));
+  close(out[0]);
 
   EXPECT_EQ(1, ProcessTerminate(process));
   EXPECT_EQ(1, ProcessIsAlive(process));
@@ -298,11 +297,8 @@ TEST_F(ProcessTest, TerminateKillAndSignals) {
   signal = -1;
   EXPECT_EQ(1, ProcessWaitNonBlocking(process, 1, nullptr, &signal));
   EXPECT_EQ(SIGKILL, signal);
-  ChannelClose(channel);
-
   // A child that terminates itself politely.
-  auto [text, ending] = RunShell("kill -TERM $$");
-  EXPECT_EQ(SIGTERM, ending.signal);
+  EXPECT_EQ(SIGTERM, RunShell("kill -TERM $$").signal);
 }
 
 TEST_F(ProcessTest, CurrentProcessIsRefusedWhereItMustBe) {
@@ -310,21 +306,17 @@ TEST_F(ProcessTest, CurrentProcessIsRefusedWhereItMustBe) {
   EXPECT_EQ(current, ProcessGetCurrent());
   EXPECT_EQ(static_cast<unsigned>(getpid()), ProcessGetId(current));
   EXPECT_EQ(1, ProcessIsAlive(current));
-  errno = 0;
-  EXPECT_EQ(0, ProcessKill(current));
-  EXPECT_EQ(EINVAL, errno);
-  errno = 0;
-  EXPECT_EQ(0, ProcessTerminate(current));
-  EXPECT_EQ(EINVAL, errno);
-  errno = 0;
-  EXPECT_EQ(0, ProcessWait(current, 1, nullptr, nullptr));
-  EXPECT_EQ(EINVAL, errno);
-  EXPECT_EQ(0, ProcessGetPriority(current) == KZ_PROCESS_PRIORITY_UNKNOWN);
+  for (auto call : {+[](Process *p) { return ProcessKill(p); }, +[](Process *p) { return ProcessTerminate(p); },
+                    +[](Process *p) { return ProcessWait(p, 1, nullptr, nullptr); }}) {
+    errno = 0;
+    EXPECT_EQ(0, call(current));
+    EXPECT_EQ(EINVAL, errno);
+  }
+  EXPECT_NE(KZ_PROCESS_PRIORITY_UNKNOWN, ProcessGetPriority(current));
 }
 
 TEST_F(ProcessTest, Priorities) {
-  const char *argv[] = {"sleep", "60", nullptr};
-  Process *process = ProcessExecuteDontInheritHandles("/bin/sleep", const_cast<char **>(argv), nullptr, -1, -1, -1);
+  Process *process = ProcessExecuteDontInheritHandles("/bin/sleep", Args{"sleep", "60"}, nullptr, -1, -1, -1);
   ASSERT_NE(nullptr, process);
   errno = 0;
   EXPECT_EQ(0, ProcessSetPriority(process, 3));
@@ -339,30 +331,14 @@ TEST_F(ProcessTest, Priorities) {
     EXPECT_EQ(-1, errno);
   }
   EXPECT_EQ(1, ProcessKill(process));
-  WaitFor(process);
-
-  // Started lowered: the child itself reads its nice value.
-  for (int nice : {5, 10, 19}) {
-    int out[2];
-    ASSERT_EQ(1, ChannelCreatePipe(out));
-    const char *shArgv[] = {"sh", "-c", "cut -d' ' -f19 /proc/self/stat", nullptr};
-    KZProcessStart options = {0, nullptr, nullptr, nullptr, nullptr, nice};
-    Process *child = ProcessExecute_(&options, "/bin/sh", const_cast<char **>(shArgv), nullptr, -1, out[1], -1);
-    ASSERT_NE(nullptr, child);
-    close(out[1]);
-    EXPECT_EQ(std::to_string(nice == 10 ? 5 : nice) + "\n", ReadAll(out[0]));
-    WaitFor(child);
-  }
+  EXPECT_EQ(1, ProcessWait(process, 1, nullptr, nullptr));
 }
 
 TEST_F(ProcessTest, ReleasedRunningChildIsReapedByTheLibrary) {
-  int out[2];
-  ASSERT_EQ(1, ChannelCreatePipe(out));
-  const char *argv[] = {"cat", nullptr};
-  int in[2];
+  int in[2], out[2];
   ASSERT_EQ(1, ChannelCreatePipe(in));
-  Process *process =
-      ProcessExecuteDontInheritHandles("/bin/cat", const_cast<char **>(argv), nullptr, in[0], out[1], -1);
+  ASSERT_EQ(1, ChannelCreatePipe(out));
+  Process *process = ProcessExecuteDontInheritHandles("/bin/cat", Args{"cat"}, nullptr, in[0], out[1], -1);
   ASSERT_NE(nullptr, process);
   pid_t pid = static_cast<pid_t>(ProcessGetId(process));
   close(in[0]);
@@ -384,14 +360,14 @@ TEST_F(ProcessTest, ProcessFromIdAndCpuTotals) {
   EXPECT_EQ(-1, errno);
   uint64_t userBefore = 0, systemBefore = 0;
   ProcessChildrenCPUTime(&userBefore, &systemBefore);
-  const char *argv[] = {"sh", "-c", "i=0; while [ $i -lt 200000 ]; do i=$((i+1)); done", nullptr};
-  Process *process = ProcessExecuteStdio("/bin/sh", const_cast<char **>(argv), nullptr);
+  Process *process =
+      ProcessExecuteStdio("/bin/sh", Args{"sh", "-c", "i=0; while [ $i -lt 200000 ]; do i=$((i+1)); done"}, nullptr);
   ASSERT_NE(nullptr, process);
   Process *opened = ProcessFromId(ProcessGetId(process));
   ASSERT_NE(nullptr, opened);
-  Ending ending = WaitFor(opened);
-  EXPECT_EQ(1, ending.result);
-  EXPECT_EQ(0, ending.exitCode);
+  int exitCode = -1;
+  EXPECT_EQ(1, ProcessWait(opened, 1, &exitCode, nullptr));
+  EXPECT_EQ(0, exitCode);
   errno = 0;
   EXPECT_EQ(0, ProcessWait(process, 1, nullptr, nullptr));  // already reaped through the other record
   EXPECT_EQ(-1, errno);
@@ -419,14 +395,11 @@ TEST_F(ProcessTest, CredentialsNeedPrivilege) {
   EXPECT_TRUE(child.Exited(0)) << child.Describe();
 
   if (geteuid() != 0) GTEST_SKIP() << "running as another user needs root";
-  int out[2];
-  ASSERT_EQ(1, ChannelCreatePipe(out));
-  Process *process = ProcessExecutePipeToken(&token, "/usr/bin/id", const_cast<char **>(argv), nullptr, -1, out[1], -1);
-  ASSERT_NE(nullptr, process) << KZErrorMessage();
-  close(out[1]);
-  EXPECT_EQ(std::to_string(nobody->pw_uid) + "\n", ReadAll(out[0]));
-  EXPECT_EQ(0, WaitFor(process).exitCode);
-
+  Outcome id = Collect([&](int out) {
+    return ProcessExecutePipeToken(&token, "/usr/bin/id", const_cast<char **>(argv), nullptr, -1, out, -1);
+  });
+  EXPECT_EQ(std::to_string(nobody->pw_uid) + "\n", id.out);
+  EXPECT_EQ(0, id.exitCode);
   // A wrong password is refused by PAM.
   errno = 0;
   EXPECT_EQ(nullptr, ProcessExecuteWithCredentials("nobody", "not the password", "/usr/bin/id",
@@ -436,27 +409,17 @@ TEST_F(ProcessTest, CredentialsNeedPrivilege) {
 }
 
 TEST_F(ProcessTest, ManyChildrenFromFourThreadsLeakNothing) {
-  // Warm up lazily created state (locks, thread keys) so it is not counted.
-  RunShell("true");
-  int before = CountDescriptors();
+  RunShell("true");  // lazily created state (locks, thread keys) is not counted
+  long before = CountDescriptors();
   std::vector<std::thread> threads;
   std::vector<int> failures(4, 0);
   for (int t = 0; t < 4; t++) {
     threads.emplace_back([t, &failures] {
       for (int k = 0; k < 50; k++) {
-        int out[2];
-        if (ChannelCreatePipe(out) != 1) {
-          failures[t]++;
-          continue;
-        }
-        const char *argv[] = {"echo", "child", nullptr};
-        Process *process =
-            ProcessExecuteDontInheritHandles("/bin/echo", const_cast<char **>(argv), nullptr, -1, out[1], -1);
-        close(out[1]);
-        std::string text = ReadAll(out[0]);
-        int exitCode = -1;
-        if (!process || ProcessWait(process, 1, &exitCode, nullptr) != 1 || exitCode != 0 || text != "child\n")
-          failures[t]++;
+        Outcome run = Collect([](int out) {
+          return ProcessExecuteDontInheritHandles("/bin/echo", Args{"echo", "child"}, nullptr, -1, out, -1);
+        });
+        failures[t] += run.result != 1 || run.exitCode != 0 || run.out != "child\n";
       }
     });
   }
@@ -468,14 +431,6 @@ TEST_F(ProcessTest, ManyChildrenFromFourThreadsLeakNothing) {
 // ---- dynamic libraries ----------------------------------------------------------
 
 int g_loads = 0, g_frees = 0;
-void *CountingLoad(const char *name) {
-  g_loads++;
-  return dlopen(name, RTLD_NOW);
-}
-int CountingFree(void *module) {
-  g_frees++;
-  return dlclose(module) == 0;
-}
 
 TEST_F(ProcessTest, DynamicLibraries) {
   void *main = OpenDLL(nullptr);
@@ -485,19 +440,17 @@ TEST_F(ProcessTest, DynamicLibraries) {
   EXPECT_EQ(nullptr, GetDLLSymbol(main, "no_such_symbol_here"));
   EXPECT_EQ(-1, errno);
   EXPECT_EQ(1, CloseDLL(main));
-
-  void *libc = OpenDLL("libc.so.6");
-  ASSERT_NE(nullptr, libc);
-  EXPECT_EQ(reinterpret_cast<void *>(&getpid), GetDLLSymbol(libc, "getpid"));
-  EXPECT_EQ(1, CloseDLL(libc));
   errno = 0;
   EXPECT_EQ(nullptr, OpenDLL("libkz-no-such-library.so"));
   EXPECT_EQ(-1, errno);
 
-  SetOpenDllHooks(CountingLoad, CountingFree);
-  void *again = OpenDLL("libc.so.6");
-  ASSERT_NE(nullptr, again);
-  EXPECT_EQ(1, CloseDLL(again));
+  // Through the hooks: each is called once.
+  SetOpenDllHooks([](const char *name) { return g_loads++, dlopen(name, RTLD_NOW); },
+                  [](void *module) { return g_frees++, static_cast<int>(dlclose(module) == 0); });
+  void *libc = OpenDLL("libc.so.6");
+  ASSERT_NE(nullptr, libc);
+  EXPECT_EQ(reinterpret_cast<void *>(&getpid), GetDLLSymbol(libc, "getpid"));
+  EXPECT_EQ(1, CloseDLL(libc));
   SetOpenDllHooks(nullptr, nullptr);
   EXPECT_EQ(1, g_loads);
   EXPECT_EQ(1, g_frees);
