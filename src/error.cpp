@@ -14,8 +14,6 @@
 namespace kz {
 namespace {
 
-thread_local int t_lastError = 0;
-
 [[noreturn]] void RecordOutOfMemory() {
   perror("ErrorContextNew: out of memory");
   CallAbortHook("ErrorContextNew: out of memory", "kzlib/kzlib", 1236);
@@ -95,7 +93,7 @@ ErrorContext *RecordPendingError(MessageContext *context) {
   } else if (current == -1) {
     int system = KZGetLastError();
     if (!os::SystemErrorText(system, record->message, sizeof record->message))
-      snprintf(record->message, sizeof record->message, "(system error %d)", system);
+      snprintf(record->message, sizeof record->message, os::kUnknownSystemErrorFormat, system);
     record->code = KZ_ERROR_CODE(1, static_cast<uint32_t>(system));
   } else if (current > 0) {
     if (!os::SystemErrorText(current, record->message, sizeof record->message))
@@ -115,8 +113,8 @@ using namespace kz;
 
 extern "C" {
 
-KZ_API int KZGetLastError(void) { return t_lastError; }
-KZ_API void KZSetLastError(int error) { t_lastError = error; }
+KZ_API int KZGetLastError(void) { return os::LastSystemError(); }
+KZ_API void KZSetLastError(int error) { os::SetLastSystemError(error); }
 
 KZ_API int *KZErrorVThrow_(uint64_t code, const char *format, va_list args) {
   MessageContext *context = ContextIfAny();
@@ -212,8 +210,7 @@ KZ_API uint64_t KZErrorCode(void) {
 }
 
 KZ_API int KZErrorGetErrno(void) {
-  // Operating-system errors are errno values on POSIX: no translation needed.
-  return errno == -1 ? KZGetLastError() : errno;
+  return errno == -1 ? os::ErrnoFromSystemError(KZGetLastError()) : errno;
 }
 
 KZ_API const char *KZErrorMessage(void) { return RecordPendingError(Context())->message; }

@@ -318,7 +318,7 @@ KZ_API int ThreadSetPriority(KZThread thread, int priority) {
         LazyLockGuard hold(ResultsLock());
         ThreadEntry *entry = FindEntry(thread);
         if (!entry || entry->finished) {
-          error = ESRCH;
+          error = os::kErrorNoSuchThread;
           break;
         }
         if (entry->id != kNone) {

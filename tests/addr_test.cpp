@@ -1,6 +1,10 @@
 // Network addresses: literal parsing.
 #include <gtest/gtest.h>
+#if defined(_WIN32)
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
+#endif
 
 #include <cstring>
 

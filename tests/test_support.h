@@ -4,9 +4,14 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#if defined(_WIN32)
+#include <io.h>
+#include <process.h>
+#else
 #include <sys/wait.h>
 #include <signal.h>
 #include <unistd.h>
+#endif
 
 #include <string>
 
@@ -88,8 +93,18 @@ inline void AbortHookToStderr(const char *text, const char *file, uint32_t line)
   fflush(stderr);
 }
 
+// Death-test predicate: the process called abort() (SIGABRT on POSIX, exit
+// status 3 on Windows).
+inline bool Aborted(int status) {
+#if defined(_WIN32)
+  return status == 3;
+#else
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+#endif
+}
+
 // A statement that must end the process with a fatal text: exit status
-// exitCode, or abort() when exitCode is 0.
+// exitCode, or abort() when exitCode is 0 (exit status 3 on Windows).
 struct FatalCase {
   void (*run)();
   int exitCode;
@@ -98,8 +113,12 @@ struct FatalCase {
 
 inline void ExpectFatal(const FatalCase &c) {
   auto ended = [&](int status) {
+#if defined(_WIN32)
+    return status == (c.exitCode ? c.exitCode : 3);
+#else
     return c.exitCode ? WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode
                       : WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+#endif
   };
   EXPECT_EXIT(c.run(), ended, c.text) << "expected: " << c.text;
 }

@@ -1,5 +1,8 @@
 // Start-up and system identity on POSIX.
 #include <errno.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/utsname.h>
@@ -9,13 +12,62 @@
 
 namespace kz::os {
 
-bool GetKernelNames(KernelNames *names) {
+namespace {
+
+// Leading decimal digits of text (0 when none); text moves past them.
+int LeadingNumber(const char *&text) {
+  int value = 0;
+  while (*text >= '0' && *text <= '9') {
+    if (value < 100000000) value = value * 10 + (*text - '0');
+    text++;
+  }
+  return value;
+}
+
+}  // namespace
+
+// Release "6.1.0-13-amd64" gives 6 and 1; the text names the system, its
+// release and version.
+bool GetKernelVersion(KernelVersion *version) {
   struct utsname system;
   if (uname(&system) != 0) return false;
-  snprintf(names->system, sizeof names->system, "%s", system.sysname);
-  snprintf(names->release, sizeof names->release, "%s", system.release);
-  snprintf(names->version, sizeof names->version, "%s", system.version);
+  const char *release = system.release;
+  version->major = LeadingNumber(release);
+  version->minor = 0;
+  if (*release == '.') {
+    release++;
+    version->minor = LeadingNumber(release);
+  }
+  snprintf(version->text, sizeof version->text, "%s %s %s", system.sysname, system.release, system.version);
   return true;
+}
+
+// Where the system cannot tell the executable: the path itself when it names a directory,
+// otherwise the first executable of that name along PATH.
+bool FindExecutable(const char *path, char *buffer, size_t size) {
+  char candidate[PATH_MAX];
+  if (strpbrk(path, "/")) {
+    if (!realpath(path, candidate)) return false;
+    if (strlen(candidate) + 1 > size) return false;
+    memcpy(buffer, candidate, strlen(candidate) + 1);
+    return true;
+  }
+  const char *list = getenv("PATH");
+  if (!list) return false;
+  while (*list) {
+    const char *end = strchr(list, ':');
+    size_t length = end ? static_cast<size_t>(end - list) : strlen(list);
+    int written = length ? snprintf(candidate, sizeof candidate, "%.*s/%s", static_cast<int>(length), list, path)
+                         : snprintf(candidate, sizeof candidate, "./%s", path);
+    if (written > 0 && static_cast<size_t>(written) < sizeof candidate && access(candidate, X_OK) == 0 &&
+        static_cast<size_t>(written) + 1 <= size) {
+      memcpy(buffer, candidate, static_cast<size_t>(written) + 1);
+      return true;
+    }
+    if (!end) break;
+    list = end + 1;
+  }
+  return false;
 }
 
 bool GetHostName(char *buffer, size_t size) {
@@ -32,6 +84,15 @@ long GetExecutablePath(char *buffer, size_t size, int *error) {
   }
   return static_cast<long>(length);
 }
+
+// Libraries are found by their full names or the loader's own path.
+bool RestrictLibrarySearchPath() { return true; }
+
+// There are no error dialogs to silence.
+void SilenceErrorDialogs() {}
+
+// Streams make no difference between text and binary here.
+int SetBinaryStandardStreams() { return -1; }
 
 void IgnoreBrokenPipeSignal() {
   struct sigaction current;
