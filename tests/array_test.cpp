@@ -54,17 +54,29 @@ TEST(ArraysDeathTest, Assertions) {
               testing::KilledBySignal(SIGABRT), "^$");
 }
 
-TEST(Arrays, GrowShrinkCopy) {
+// An array's count and capacity, compared as one value.
+using Sizes = std::pair<uint64_t, uint64_t>;
+template <typename Array>
+Sizes SizesOf(const Array &a) {
+  return {a.count, a.capacity};
+}
+
+TEST(Arrays, AppendGrowsByTheRuleAndFreeLeavesAnEmptyArray) {
   KZ_ARRAY(uint32_t) numbers;
   ArrayInit(numbers);
   for (uint32_t i = 0; i < 5000; i++) ArrayAppend(numbers, i * 3);
-  EXPECT_TRUE(numbers.count == 5000 && numbers.capacity == 8192);
+  EXPECT_EQ(SizesOf(numbers), Sizes(5000, 8192));
   for (uint32_t i = 0; i < 5000; i++) ASSERT_EQ(ArrayNth(numbers, i), i * 3);
   ArrayFree(numbers);
-  EXPECT_TRUE(numbers.elements == nullptr && numbers.capacity == 0 && numbers.count == 0);
+  EXPECT_EQ(numbers.elements, nullptr);
+  EXPECT_EQ(SizesOf(numbers), Sizes(0, 0));
+}
+
+TEST(Arrays, GrowExactNeverShrinksAndShrinkKeepsTheCount) {
   KZ_ARRAY(int) values = {nullptr, 0, 0};
   void *grown = ArrayGrow(values);  // returns the storage, keeps the count
-  EXPECT_TRUE(grown == values.elements && values.capacity == 4 && values.count == 0);
+  EXPECT_EQ(grown, values.elements);
+  EXPECT_EQ(SizesOf(values), Sizes(0, 4));
   ArrayGrowExact(values, 100), ArrayGrowExact(values, 5);  // never shrinks
   EXPECT_EQ(values.capacity, 100u);
   values.count = 50;
@@ -73,42 +85,56 @@ TEST(Arrays, GrowShrinkCopy) {
   EXPECT_EQ(values.capacity, 60u);
   values.count = 0;
   ArrayShrink(values, 0);
-  EXPECT_TRUE(values.elements == nullptr && values.capacity == 0);
+  EXPECT_EQ(values.elements, nullptr);
+  EXPECT_EQ(values.capacity, 0u);
   ArrayAppend(values, 1);  // still a valid empty array
   EXPECT_EQ(values.capacity, 4u);
+  ArrayFree(values);
+}
+
+TEST(Arrays, CopyTakesTheElementsAndAnEmptySourceOnlyTheCount) {
   KZ_ARRAY(int) source = {nullptr, 0, 0}, destination = {nullptr, 0, 0}, empty = {nullptr, 0, 0};
   for (int i = 0; i < 20; i++) ArrayAppend(source, i);
   ArrayCopy(destination, source);
-  EXPECT_TRUE(destination.count == 20 && destination.capacity == 64);
+  EXPECT_EQ(SizesOf(destination), Sizes(20, 64));
   EXPECT_EQ(memcmp(destination.elements, source.elements, 20 * sizeof(int)), 0);
   int *storage = destination.elements;
   ArrayCopy(destination, empty);  // only sets the count
-  EXPECT_TRUE(destination.count == 0 && destination.elements == storage && destination.capacity == 64);
-  ArrayFree(values), ArrayFree(source), ArrayFree(destination);
+  EXPECT_EQ(destination.elements, storage);
+  EXPECT_EQ(SizesOf(destination), Sizes(0, 64));
+  ArrayFree(source), ArrayFree(destination);
 }
 
-TEST(BigAndMappedArrays, GrowCopyShrinkFree) {
+TEST(BigArrays, GrowCopyAndShrinkLikeSmallOnes) {
   KZ_BIG_ARRAY(uint64_t) values, copy = {nullptr, 0, 0};
   BigArrayInit(values);
   for (uint64_t i = 0; i < 3000; i++) BigArrayAppend(values, i << 33);
   BigArrayCopy(copy, values);
-  EXPECT_TRUE(values.capacity == 4096 && copy.count == 3000 && copy.capacity == 4096);
+  EXPECT_EQ(values.capacity, 4096u);
+  EXPECT_EQ(SizesOf(copy), Sizes(3000, 4096));
   BigArrayGrowExact(copy, 5000);
   EXPECT_EQ(copy.capacity, 5000u);
   BigArrayShrink(copy, 3000);
-  EXPECT_TRUE(copy.capacity == 3000 && ArrayNth(copy, 2999) == uint64_t(2999) << 33);
+  EXPECT_EQ(copy.capacity, 3000u);
+  EXPECT_EQ(ArrayNth(copy, 2999), uint64_t(2999) << 33);
   BigArrayFree(values), BigArrayFree(copy);
   EXPECT_EQ(copy.elements, nullptr);
+}
+
+TEST(MappedArrays, StorageIsZeroBeyondTheCountAndFreedWhole) {
   KZ_BIG_ARRAY(uint32_t) mapped, mappedCopy = {nullptr, 0, 0};
   VMArrayInit(mapped);
   EXPECT_EQ(VMArrayFree(mapped), 0);  // a zeroed record: nothing to do
   for (uint32_t i = 0; i < 100000; i++) VMArrayAppend(mapped, i ^ 0x5A5A5A5Au);
-  EXPECT_TRUE(mapped.capacity == 131072 && ArrayNth(mapped, 131071) == 0);  // zero beyond the count
+  EXPECT_EQ(mapped.capacity, 131072u);
+  EXPECT_EQ(ArrayNth(mapped, 131071), 0u);  // zero beyond the count
   VMArrayCopy(mappedCopy, mapped);
-  EXPECT_TRUE(mappedCopy.count == 100000 && mappedCopy.capacity == 131072);
+  EXPECT_EQ(SizesOf(mappedCopy), Sizes(100000, 131072));
   for (uint32_t i = 0; i < 100000; i++) ASSERT_EQ(ArrayNth(mappedCopy, i), i ^ 0x5A5A5A5Au);
   EXPECT_EQ(VMArrayFree(mapped), 0);
-  EXPECT_TRUE(mapped.elements == nullptr && mapped.capacity == 0 && VMArrayFree(mappedCopy) == 0);
+  EXPECT_EQ(mapped.elements, nullptr);
+  EXPECT_EQ(mapped.capacity, 0u);
+  EXPECT_EQ(VMArrayFree(mappedCopy), 0);
 }
 
 }  // namespace

@@ -121,33 +121,46 @@ inline std::string ReadFile(const std::string &path) {
   return text.str();
 }
 
+// How a child ended, to compare with Child::Ending().
+inline std::string ExitEnding(int code) { return "exit " + std::to_string(code); }
+#if defined(_WIN32)
+inline std::string SignalEnding(int sig) {
+  const char *name = sig == SIGABRT ? "abort" : sig == SIGSEGV ? "access violation or stack overflow"
+                   : sig == SIGILL  ? "illegal instruction" : sig == SIGFPE ? "arithmetic fault" : "?";
+  return "signal " + std::to_string(sig) + " (" + name + ")";
+}
+#else
+inline std::string SignalEnding(int sig) { return "signal " + std::to_string(sig) + " (" + strsignal(sig) + ")"; }
+#endif
+
 struct Child {
   pid_t pid = -1;
   int status = 0;  // waitpid's status on Linux, the exit code on Windows
   bool timedOut = false;
   std::string out, err;
-  bool Exited(int code) const {
 #if defined(_WIN32)
-    return !timedOut && pid != -1 && status == code;
-#else
-    return !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == code;
-#endif
-  }
-  // On Windows: the exit code the system gives a process ended that way
-  // (abort() exits with 3; crashes with their exception code).
-  bool Signalled(int sig) const {
-#if defined(_WIN32)
+  // How the process ended as the signal it stands for: the system gives a
+  // crash its exception code as exit status, abort() exits with 3.
+  int SignalOf() const {
     const auto code = static_cast<unsigned>(status);
-    if (timedOut || pid == -1) return false;
-    switch (sig) {
-      case SIGABRT: return code == 3;
-      case SIGSEGV: return code == 0xC0000005u || code == 0xC00000FDu;
-      case SIGILL: return code == 0xC000001Du || code == 0xC0000096u;
-      case SIGFPE: return code >= 0xC000008Cu && code <= 0xC0000095u;
-      default: return false;
-    }
+    if (code == 3) return SIGABRT;
+    if (code == 0xC0000005u || code == 0xC00000FDu || code == 0xC0000006u) return SIGSEGV;
+    if (code == 0xC000001Du || code == 0xC0000096u) return SIGILL;
+    if (code >= 0xC000008Cu && code <= 0xC0000095u) return SIGFPE;
+    return 0;
+  }
+  bool Exited(int code) const { return !timedOut && pid != -1 && status == code && !SignalOf(); }
+  bool Signalled(int sig) const { return !timedOut && pid != -1 && SignalOf() == sig; }
+  std::string Ending() const {
+    return timedOut ? "timed out" : SignalOf() ? SignalEnding(SignalOf()) : ExitEnding(status);
+  }
 #else
-    return !timedOut && WIFSIGNALED(status) && WTERMSIG(status) == sig;
+  bool Exited(int code) const { return !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == code; }
+  bool Signalled(int sig) const { return !timedOut && WIFSIGNALED(status) && WTERMSIG(status) == sig; }
+  std::string Ending() const {
+    return timedOut            ? "timed out"
+           : WIFEXITED(status) ? ExitEnding(WEXITSTATUS(status))
+                               : SignalEnding(WTERMSIG(status));
 #endif
   }
   std::string Describe() const {

@@ -27,7 +27,12 @@ extern "C" __attribute__((noinline)) int KzTestRecurseForever(int depth) {
 namespace {
 using namespace kztest;
 
-bool Has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+// Whether text holds part (or, with wanted false, does not), naming both when that fails.
+testing::AssertionResult Has(const std::string &text, const std::string &part, bool wanted = true) {
+  const bool found = text.find(part) != std::string::npos;
+  return (found == wanted ? testing::AssertionSuccess() : testing::AssertionFailure())
+         << '"' << part << (found ? "\" found in\n" : "\" missing from\n") << text;
+}
 std::string LogName(pid_t pid) { return "ERRORLOG-" + std::to_string(pid) + ".TXT"; }
 std::string DumpName(pid_t pid) { return "CRASH-" + std::to_string(pid) + ".DMP"; }
 // The crash files of pid in dir: "dump log", "dump", "log" or "", or "?" when dir holds anything else.
@@ -82,26 +87,39 @@ TEST(CrashHandling, CrashesLeaveTheChosenFilesAndEndTheProcess) {
     TempDir dir;
     Child child = RunChild(dir, {{"KZ", c.kz}}, [&] { return g_dir = dir.path(), c.body(), 0; });
     const std::string pid = std::to_string(child.pid), log = ReadFile(dir / LogName(child.pid));
-    EXPECT_TRUE((c.end > 0 ? child.Signalled(c.end) : child.Exited(-c.end)) && FilesIn(dir, child.pid) == c.files)
-        << "case " << &c - cases << ": " << FilesIn(dir, child.pid) << child.Describe();
+    SCOPED_TRACE(testing::Message() << "case " << &c - cases << " (KZ=" << c.kz << ")");
+    EXPECT_EQ(child.Ending(), c.end > 0 ? SignalEnding(c.end) : ExitEnding(-c.end)) << child.Describe();
+    EXPECT_EQ(FilesIn(dir, child.pid), c.files);
     if (!c.text) continue;
     for (const char *line : {c.text, "Program:        crash_test\n", "Library:        kzlib 6.3.20826", "\nRegisters:"})
-      EXPECT_TRUE(Has(log, line)) << line << " missing from\n" << log;
+      EXPECT_TRUE(Has(log, line));
+    // The crashing thread is the main one unless the case crashes in another; the backtrace unless nocrashstack.
+    EXPECT_TRUE(Has(log, "Process:        " + pid + "\n"));
+    EXPECT_TRUE(Has(log, "Thread:         " + pid + " (", !c.thread));
+    EXPECT_TRUE(Has(log, "  #0  0x", !*c.kz));
     auto records = ReadDump(ReadFile(dir / DumpName(child.pid)));
-    EXPECT_TRUE(Has(log, "Process:        " + pid + "\n") && Has(log, "Thread:         " + pid + " (") != c.thread &&
-                Has(log, "  #0  0x") == !*c.kz && records.count(8) == (*c.kz ? 0u : 1u)) << log;
+    EXPECT_EQ(records.count(8), *c.kz ? 0u : 1u);
     // Twelve words: the process id, the signal, the exception code, not in a protected call; the
     // program and the memory map; the saved stack holds the stack pointer.
     const std::string &crash = records[1], &stack = records[7];
-    EXPECT_TRUE(crash.size() == 12 * 8 && Word(crash, 0) == uint64_t(child.pid) &&
-                Word(crash, 2) == uint64_t(c.end) && Word(crash, 4) == c.code && Word(crash, 10) == 0);
-    EXPECT_TRUE(records[4] == "crash_test" && Has(records[6], "crash_test") && Has(records[6], "[stack]"));
-    EXPECT_TRUE(stack.size() > 8 && Word(crash, 7) - Word(stack, 0) < stack.size() - 8);  // sp in the saved stack
-    // The backtrace from the program counter: the crashing function with its line, then its caller.
-    EXPECT_TRUE(*c.kz || (Word(records[8], 0) == Word(crash, 6) && Word(crash, 11) == records[8].size() / 8));
-    EXPECT_TRUE(c.body != StartAndCrash || *c.kz ||
-                std::regex_search(log, std::regex("\nBacktrace:\n  #0  0x[^\n]*KzTestCrashInNamedFunction[^\n]*"
-                                                  "crash_test\\.cpp:[\\s\\S]*KzTestCallerOfTheCrash"))) << log;
+    EXPECT_EQ(crash.size(), 12u * 8);
+    EXPECT_EQ((std::vector{Word(crash, 0), Word(crash, 2), Word(crash, 4), Word(crash, 10)}),
+              (std::vector<uint64_t>{uint64_t(child.pid), uint64_t(c.end), c.code, 0}));
+    EXPECT_EQ(records[4], "crash_test");
+    EXPECT_TRUE(Has(records[6], "crash_test"));
+    EXPECT_TRUE(Has(records[6], "[stack]"));
+    EXPECT_GT(stack.size(), 8u);
+    EXPECT_LT(Word(crash, 7) - Word(stack, 0), stack.size() - 8) << "stack pointer outside the saved stack";
+    if (*c.kz) continue;
+    // The backtrace from the program counter (its length in word 11): the crashing function with its line, then
+    // its caller.
+    EXPECT_EQ(Word(records[8], 0), Word(crash, 6));
+    EXPECT_EQ(Word(crash, 11), records[8].size() / 8);
+    if (c.body == StartAndCrash) {
+      EXPECT_TRUE(std::regex_search(log, std::regex("\nBacktrace:\n  #0  0x[^\n]*KzTestCrashInNamedFunction[^\n]*"
+                                                    "crash_test\\.cpp:[\\s\\S]*KzTestCallerOfTheCrash")))
+          << log;
+    }
   }
 }
 
@@ -131,16 +149,20 @@ TEST(ProtectedCall, CrashIsReportedThenTheProcessAborts) {
       return KZRunProtected_(c.run, nullptr, WriteReport), puts("returned"), 0;
     });
     const std::string &report = child.out, log = ReadFile(dir / LogName(child.pid));
-    EXPECT_TRUE(child.Signalled(c.signal) && !Has(report, "returned")) << "case " << &c - cases << child.Describe();
+    SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+    EXPECT_EQ(child.Ending(), SignalEnding(c.signal)) << child.Describe();
+    EXPECT_TRUE(Has(report, "returned", false));
     EXPECT_EQ(*c.report ? report.substr(0, strlen(c.report)) : report, c.report);
-    EXPECT_TRUE(Has(log, *c.report ? "Protected call: yes\n" : "Exception:      0xC0000094") &&
-                FilesIn(dir, child.pid) == (strcmp(c.options, "nocrashdump") ? "dump log" : "log")) << log;
-    EXPECT_TRUE(!c.frame || (Has(report, c.frame) && report.size() < 512 + 24 && report.back() == '\n')) << report;
+    EXPECT_TRUE(Has(log, *c.report ? "Protected call: yes\n" : "Exception:      0xC0000094"));
+    EXPECT_EQ(FilesIn(dir, child.pid), strcmp(c.options, "nocrashdump") ? "dump log" : "log");
+    if (!c.frame) continue;
+    EXPECT_TRUE(Has(report, c.frame));
+    EXPECT_LT(report.size(), 512u + 24) << report;
+    EXPECT_EQ(report.empty() ? '\0' : report.back(), '\n') << report;
   }
 }
 
-// Without a report function the report goes to stderr; a hanging one is ended after the grace time.
-TEST(ProtectedCall, DefaultDispatcherAndGraceTime) {
+TEST(ProtectedCall, WithoutAReportFunctionTheReportGoesToStderr) {
   TempDir dir;
   g_dir = dir.path();
   Child child = RunChild(dir, {}, [] {
@@ -148,15 +170,22 @@ TEST(ProtectedCall, DefaultDispatcherAndGraceTime) {
       return KZRunProtected_([](void *) -> int64_t { return 1234567890123ll; }, nullptr, nullptr) - 1;
     }, nullptr, nullptr))), fflush(stdout), KZRunProtected_(KzTestCallerOfTheCrash, nullptr, nullptr), 0;
   });
-  EXPECT_TRUE(child.Signalled(SIGABRT) && child.out == "1234567890122") << child.Describe();
+  EXPECT_EQ(child.Ending(), SignalEnding(SIGABRT)) << child.Describe();
+  EXPECT_EQ(child.out, "1234567890122");
   const std::string pid = std::to_string(child.pid), head = "crash_test: critical error 0xDC0000005 (access violation) "
                           "in a protected call, thread " + pid + " (" + pid + ")\n  #0  0x";
-  EXPECT_TRUE(child.err.rfind(head, 0) == 0 && Has(child.err, "KzTestCrashInNamedFunction")) << child.err;
-  child = RunChild(dir, {{"KZ_HANDLER_GRACE_TIME", "1"}}, [] {
+  EXPECT_EQ(child.err.substr(0, head.size()), head);
+  EXPECT_TRUE(Has(child.err, "KzTestCrashInNamedFunction"));
+}
+
+TEST(ProtectedCall, AReportFunctionStillRunningAfterTheGraceTimeIsEnded) {
+  TempDir dir;
+  g_dir = dir.path();
+  Child child = RunChild(dir, {{"KZ_HANDLER_GRACE_TIME", "1"}}, [] {
     StartLibrary();
     return KZRunProtected_(KzTestCallerOfTheCrash, nullptr, [](uint64_t, const char *) { for (;;) pause(); }), 0;
   });
-  EXPECT_TRUE(child.Signalled(SIGSEGV)) << child.Describe();
+  EXPECT_EQ(child.Ending(), SignalEnding(SIGSEGV)) << child.Describe();
   EXPECT_EQ(child.err, "crash_test: crash handler still running after 1 seconds, ending the process\n");
 }
 

@@ -25,15 +25,21 @@ struct ErrorRecord : testing::Test {
   void TearDown() override { KZErrorClear(); }
 };
 
-TEST_F(ErrorRecord, ClearSystemAndRuntimeErrors) {
+TEST_F(ErrorRecord, ClearEmptiesTheRecordAndErrno) {
   KZErrorThrow(KZ_ERR_GENERAL, "something"), KZErrorClear();
-  EXPECT_TRUE(errno == 0 && KZErrorCode() == 0 && Stack().empty());
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(KZErrorCode(), 0u);
+  EXPECT_EQ(Stack(), std::vector<std::string>());
+}
+
+TEST_F(ErrorRecord, WithNothingThrownTheSystemsErrorIsReported) {
   KZSetLastError(ENOENT), errno = -1;  // the system's error, kept when its text is read
   EXPECT_EQ(KZErrorCode(), 0x100000002ull);
   EXPECT_STREQ(KZErrorMessage(), "No such file or directory");
   EXPECT_EQ(KZErrorCode(), 0x100000002ull);
   errno = EINVAL;
-  EXPECT_TRUE(KZErrorCode() == KZ_ERROR_CODE(0, EINVAL) && strcmp(KZErrorMessage(), "Invalid argument") == 0);
+  EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(0, EINVAL));
+  EXPECT_STREQ(KZErrorMessage(), "Invalid argument");
 }
 
 TEST_F(ErrorRecord, RethrowsNestOutermostFirstAndEnumerateInnermostFirst) {
@@ -54,7 +60,8 @@ TEST_F(ErrorRecord, FortyRethrowsKeepThirtyTwoLevelsAndCutTheMessage) {
   for (int i = 0; i < 40; i++) KZErrorRethrow("%d", i), expected = std::to_string(i) + ": " + expected;
   std::vector<std::string> levels = Stack();
   ASSERT_EQ(levels.size(), 32u);
-  EXPECT_TRUE(levels[0].rfind("r|", 0) == 0 && levels[31].rfind("30|", 0) == 0) << levels[0] << levels[31];
+  EXPECT_EQ(levels[0].substr(0, levels[0].find('|')), "r");  // the first 32 levels kept
+  EXPECT_EQ(levels[31].substr(0, levels[31].find('|')), "30");
   EXPECT_EQ(KZErrorMessage(), expected);
   KZErrorThrow(KZ_ERR_GENERAL, "root");
   for (int i = 0; i < 40; i++) KZErrorRethrow("level %02d with some padding text to make it long", i);
@@ -67,7 +74,8 @@ TEST_F(ErrorRecord, SaveThrowRestoreReusesTheFreedRecord) {
   KZErrorThrow(KZ_ERR_TIMEOUT, "second");
   const char *secondStorage = KZErrorMessage();
   KZErrorRestore();
-  EXPECT_TRUE(KZErrorCode() == KZ_ERR_INVALID && strcmp(KZErrorMessage(), "first") == 0);
+  EXPECT_EQ(KZErrorCode(), KZ_ERR_INVALID);
+  EXPECT_STREQ(KZErrorMessage(), "first");
   KZErrorSave(), KZErrorThrow(KZ_ERR_EOF, "third");
   EXPECT_EQ(KZErrorMessage(), secondStorage);
   KZErrorRestore();
@@ -78,7 +86,7 @@ TEST(ErrorRecordDeathTest, RestoreWithoutSaveAsserts) {
   EXPECT_DEATH(KZErrorRestore(), "'context != NULL && context->saved != NULL' failed at kzlib/kzlib:1619\n");
 }
 
-TEST_F(ErrorRecord, InputErrors) {
+TEST_F(ErrorRecord, InputErrorsMapTheReadStatusToCodeAndText) {
   const struct { int status, errnoBefore; uint64_t code; const char *text; } cases[] = {
       {-1, 0, KZ_ERR_EOF, "read eof"}, {-3, 0, KZ_ERR_TIMEOUT, "read timeout"},
       {-4, 0, KZ_ERR_PROTOCOL, "read protocol error"}, {-5, 0, KZ_ERR_GENERAL, "read truncated"},
@@ -88,7 +96,11 @@ TEST_F(ErrorRecord, InputErrors) {
     errno = c.errnoBefore;
     KZErrorThrowInputError("config.txt", 12, c.status);
     EXPECT_EQ(KZErrorCode(), c.code) << c.status;
-    EXPECT_TRUE(c.text ? strcmp(KZErrorMessage(), c.text) == 0 : errno == 0) << c.status;  // 5: errno cleared
+    if (c.text) {
+      EXPECT_STREQ(KZErrorMessage(), c.text) << c.status;
+    } else {
+      EXPECT_EQ(errno, 0) << c.status;  // a count read: errno cleared
+    }
   }
 }
 

@@ -1,6 +1,7 @@
 // The kzurl tool: runs the built program on small inputs and compares its
 // output with what the URL functions give for the same lines.
 #include "child_process.h"
+#include "kz/error.h"
 #include "kz/url.h"
 #include "test_support.h"
 
@@ -23,9 +24,12 @@ std::string Expected(const Lines &lines, Kind kind = kUrl, const std::string &ba
   Url url, normal, baseUrl;
   Scoped<UByteArray> printed;
   std::string text;
-  EXPECT_TRUE(base.empty() || URLParse(base.c_str(), &baseUrl, nullptr, 1)) << base;
+  if (!base.empty()) {
+    EXPECT_EQ(URLParse(base.c_str(), &baseUrl, nullptr, 1), 1) << base << ": " << KZErrorMessage();
+  }
   for (const std::string &line : lines) {
-    EXPECT_TRUE(URLParse2(line.c_str(), &url, base.empty() ? nullptr : &baseUrl, 1, strict)) << line;
+    EXPECT_EQ(URLParse2(line.c_str(), &url, base.empty() ? nullptr : &baseUrl, 1, strict), 1)
+        << line << ": " << KZErrorMessage();
     URLNormalize(&normal, &url);
     const unsigned long long value = kind == kUrl    ? URLFingerprint(&url, 1)
                                      : kind == kHost ? URLHostFingerprint(&normal) : URLTopDomainHash(&normal);
@@ -55,7 +59,8 @@ struct KzurlTool : testing::Test {
   // One run of kzurl: its status, standard output and standard error.
   void Expect(const Lines &args, const std::string &out, int status = 0, const std::string &err = "") {
     const Child run = Run(args);
-    EXPECT_EQ(run.Exited(status) ? run.out + "|" + run.err : run.Describe(), out + "|" + err) << "kzurl " << Join(args);
+    EXPECT_EQ(run.Ending() + "|" + run.out + "|" + run.err, ExitEnding(status) + "|" + out + "|" + err)
+        << "kzurl " << Join(args);
   }
   TempDir dir_;
 };
@@ -111,7 +116,10 @@ TEST_F(KzurlTool, ReportsFailuresWithTheirStatus) {
   Expect({"--", "--top"}, "", 1, "kzurl: cannot open --top" + noFile);  // "--": files follow
   // Usage errors: the reason, then the usage text that --help prints; status 2.
   const Child help = Run({"--help"});
-  EXPECT_TRUE(help.Exited(0) && help.err.empty() && help.out.rfind("usage: kzurl [--print url|host] [--top]", 0) == 0);
+  const std::string usage = "usage: kzurl [--print url|host] [--top]";
+  EXPECT_EQ(help.Ending(), ExitEnding(0));
+  EXPECT_EQ(help.err, "");
+  EXPECT_EQ(help.out.substr(0, usage.size()), usage);
   const std::pair<Lines, std::string> usageErrors[] = {
       {{"-x", "a.txt"}, "unknown option '-x'"}, {{"--print", "path", "a.txt"}, "--print takes url or host, not 'path'"},
       {{"--print"}, "--print needs a value"}, {{"--base"}, "--base needs a value"},

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <regex>
 #include <thread>
@@ -24,9 +25,8 @@ std::string Error() {
 }
 
 // Growing keeps the contents; size 0 releases without a message; a failing
-// unsafe resize raises an error and keeps the old block. Copies of at most n
-// bytes; the inert chain dump and the process counters.
-TEST(CheckedAllocation, ResizeReleaseUnsafeFailureCopiesAndCounters) {
+// unsafe resize raises an error and keeps the old block.
+TEST(CheckedAllocation, FailedUnsafeResizeRaisesAnErrorAndKeepsTheBlock) {
   kztest::CapturedStream output(0), errors(1);
   char *block = static_cast<char *>(Allocate(4, nullptr));
   memcpy(block, "abc", 4);
@@ -35,12 +35,21 @@ TEST(CheckedAllocation, ResizeReleaseUnsafeFailureCopiesAndCounters) {
   EXPECT_EQ(std::regex_replace(Error(), std::regex("ptr=0x\\S*"), "ptr=0xP"),
             std::to_string(KZ_ERROR_CODE(0, ENOMEM)) +
                 " malloc failed: ptr=0xP size=12345: Cannot allocate memory unsafe.c:9");
-  EXPECT_TRUE(strcmp(block, "abc") == 0 && Allocate(0, block) == nullptr);  // kept, then released
-  EXPECT_EQ(errors.Text(), "");
+  EXPECT_STREQ(block, "abc");              // kept
+  EXPECT_EQ(Allocate(0, block), nullptr);  // released
+  EXPECT_EQ(output.Text() + errors.Text(), "");
   KZErrorClear();
+}
+
+TEST(CheckedAllocation, StrndupCopiesAtMostNBytes) {
   for (auto [n, want] : {std::pair<size_t, const char *>{2, "ab"}, {0, ""}, {100, "abc"}})
     EXPECT_STREQ((std::unique_ptr<char, void (*)(void *)>(Strndup("abc", n), free).get()), want) << n;
-  EXPECT_TRUE(DEBUG_MALLOC_CHAIN() == 0 && output.Text() == "No malloc debugging info available\r\n") << output.Text();
+}
+
+TEST(MemoryStats, ChainDumpIsInertAndCountersAreCutToTheBuffer) {
+  kztest::CapturedStream output(0);
+  EXPECT_EQ(DEBUG_MALLOC_CHAIN(), 0);
+  EXPECT_EQ(output.Text(), "No malloc debugging info available\r\n");
   char line[255], small[20];
   KZDumpMemStats(line, sizeof line), KZDumpMemStats(small, sizeof small);
   EXPECT_EQ(std::regex_replace(line, std::regex("=[0-9]+"), "=N"),
@@ -49,12 +58,15 @@ TEST(CheckedAllocation, ResizeReleaseUnsafeFailureCopiesAndCounters) {
   EXPECT_EQ(strlen(small), sizeof small - 1);  // cut to the buffer
 }
 
-TEST(CheckedAllocationDeathTest, FatalFailuresAndProtectedPages) {
+TEST(CheckedAllocationDeathTest, FailedAllocationAndZeroAlignmentEndTheProcess) {
   EXPECT_DEATH(Allocate_(kImpossible, nullptr, "alloc/site.c", 77),
                "kzlib: \"site.c:77\": malloc failed: ptr=0x.* size=12345, "
                "process=\\{PeakWorkingSetSize=[0-9]+, WorkingSetSize=[0-9]+, .*PeakPagefileUsage=[0-9]+\\}"
                ": Cannot allocate memory\r\n");
   EXPECT_DEATH({ void *aligned; AllocateAligned(16, 0, &aligned); }, "'align > 0' failed at kzlib/kzlib:4335\n");
+}
+
+TEST(PageProtectionDeathTest, ReadOnlyAndDisabledPagesFault) {
   auto *block = static_cast<char *>(MemoryMap(4096));
   ASSERT_EQ(MemoryProtect(block, 4096, 1), 1);
   EXPECT_DEATH(block[0] = 1, "");
@@ -67,8 +79,8 @@ TEST(CheckedAllocation, AlignedBlocks) {
   for (size_t alignment : {size_t(1), size_t(3), size_t(24), size_t(4096), size_t(65536)}) {
     void *aligned = nullptr, *block = AllocateAligned(100, alignment, &aligned);
     auto start = reinterpret_cast<uintptr_t>(block), at = reinterpret_cast<uintptr_t>(aligned);
-    // Already aligned: the block itself.
-    EXPECT_TRUE(at % alignment == 0 && at - start < alignment && (alignment != 1 || at == start)) << alignment;
+    EXPECT_EQ(at % alignment, 0u) << alignment;
+    EXPECT_LT(at - start, alignment);  // so with alignment 1, the block itself
     memset(aligned, 0xAB, 100);
     free(block);
   }
@@ -76,31 +88,38 @@ TEST(CheckedAllocation, AlignedBlocks) {
 
 TEST(AnonymousMemory, MapRemapAndUnmap) {
   errno = 5;
-  EXPECT_TRUE(MemoryMap(0) == nullptr && errno == 0 && MemoryUnmap(nullptr, 100) == 1);
+  EXPECT_EQ(MemoryMap(0), nullptr);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(MemoryUnmap(nullptr, 100), 1);
   auto *block = static_cast<unsigned char *>(MemoryMap(100));
   for (int i = 0; i < 100; i++) block[i] = static_cast<unsigned char>(i + 1);
-  const std::vector<unsigned char> first(block, block + 50), zeros((1 << 22) - 50, 0);
+  const std::vector<unsigned char> first(block, block + 50);
   block = static_cast<unsigned char *>(MemoryRemap(block, 100, 50));
   ASSERT_EQ(std::vector<unsigned char>(block, block + 50), first);
   block = static_cast<unsigned char *>(MemoryRemap(block, 50, 1 << 22));  // the rest zero
   ASSERT_NE(block, nullptr);
-  EXPECT_TRUE(std::vector<unsigned char>(block, block + 50) == first &&
-              std::vector<unsigned char>(block + 50, block + (1 << 22)) == zeros);
+  EXPECT_EQ(std::vector<unsigned char>(block, block + 50), first);
+  EXPECT_EQ(std::find_if(block + 50, block + (1 << 22), [](unsigned char b) { return b != 0; }) - block, 1 << 22)
+      << "the offset of the first byte not zero";
   EXPECT_EQ(MemoryRemap(block, 1 << 22, 0), nullptr);  // releases
 }
 
 TEST(AnonymousMemory, ArrayBlocksRoundToUnits) {
   uint64_t bytes = 0;
   auto *base = static_cast<unsigned char *>(AnonArrayGrow(4096, nullptr, 1, 1, &bytes));
-  ASSERT_TRUE(base != nullptr && bytes == 4096u) << bytes;
+  ASSERT_NE(base, nullptr);
+  ASSERT_EQ(bytes, 4096u);
   base[0] = 7;
   base = static_cast<unsigned char *>(AnonArrayGrow(4096, base, 40000, 1, &bytes));  // 5000 bytes
-  EXPECT_TRUE(bytes == 8192u && base[0] == 7 && base[8191] == 0) << bytes;
-  EXPECT_TRUE(AnonArrayGrow(4096, nullptr, 0, 8, &bytes) == nullptr && bytes == 0u) << bytes;
+  EXPECT_EQ(bytes, 8192u);
+  EXPECT_EQ(base[0], 7);
+  EXPECT_EQ(base[8191], 0);
+  EXPECT_EQ(AnonArrayGrow(4096, nullptr, 0, 8, &bytes), nullptr);
+  EXPECT_EQ(bytes, 0u);
   AnonArrayFree(base);
 }
 
-TEST(PageHelpers, ProtectModesAndHugePages) {
+TEST(PageHelpers, UnknownProtectModeAndHugePagesRaiseErrors) {
   auto *block = static_cast<char *>(MemoryMap(3 * 4096));
   EXPECT_EQ(MemoryProtectEx(block, 3 * 4096, 2), 0);
   EXPECT_EQ(Error(), std::to_string(KZ_ERROR_CODE(2, 0)) + " invalid mode kzlib/kzlib:6074");
@@ -119,10 +138,13 @@ TEST(Pools, CompactAndFreeDestroyInOrder) {
   for (int i = 0; i < 5; i++) PoolPut(&pool, made.emplace_back(Allocate(16, nullptr)));
   destroyed.clear();
   PoolCompact_(&pool, nullptr);
-  EXPECT_TRUE(destroyed == made && pool.count == 0u && pool.items != nullptr);  // the items kept for reuse
+  EXPECT_EQ(destroyed, made);
+  EXPECT_EQ(pool.count, 0u);
+  EXPECT_NE(pool.items, nullptr);  // the items kept for reuse
   PoolPut(&pool, made.emplace_back(Allocate(8, nullptr)));
   PoolFree_(&pool, nullptr);
-  EXPECT_TRUE(destroyed == made && pool.items == nullptr);
+  EXPECT_EQ(destroyed, made);
+  EXPECT_EQ(pool.items, nullptr);
 }
 
 TEST(Pools, LazyLockUnderConcurrentUse) {

@@ -15,11 +15,17 @@ namespace {
 const std::string kStamp = "\\[[0-9]{4}/[0-9]{2}/[0-9]{2}-[0-9]{2}:[0-9]{2}:[0-9]{2}\\] ";
 const auto kAbort = testing::KilledBySignal(SIGABRT);
 
+// Whether the whole text matches pattern, showing both when it does not.
+testing::AssertionResult Matches(const std::string &text, const std::string &pattern) {
+  if (std::regex_match(text, std::regex(pattern))) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << "text\n" << text << "\ndoes not match\n" << pattern;
+}
+
 TEST(MessageLines, LevelsStampsLocationsAndErrorSuffix) {
   kztest::CapturedStream output(0), errors(1);
   KZMessage(0, "zero %d", 0), KZMessage(1, ":colon kept at level %d", 1), KZMessage(2, "stamped");
-  std::regex want0("zero 0\r\n:colon kept at level 1\r\n" + kStamp + "stamped\r\n");
-  EXPECT_TRUE(std::regex_match(output.Text(), want0) && errors.Text().empty()) << output.Text();
+  EXPECT_TRUE(Matches(output.Text(), "zero 0\r\n:colon kept at level 1\r\n" + kStamp + "stamped\r\n"));
+  EXPECT_EQ(errors.Text(), "");
   int line = __LINE__ + 1;
   KZMessage(3, "went wrong: %I64u", static_cast<unsigned long long>(UINT64_MAX)), KZMessage(3, ":no location here");
   KZSetMessageContext_("C:\\src\\win\\file.c", 7, 3, 0), KZMessage_("a");
@@ -29,7 +35,7 @@ TEST(MessageLines, LevelsStampsLocationsAndErrorSuffix) {
   const std::string want = here + std::to_string(line) + "\": went wrong: 18446744073709551615\r\n" + start +
                            "no location here\r\n" + start + "\"file.c:7\": a\r\n" + start + "\"unix.c:8\": b\r\n" +
                            here + "[0-9]+\": open failed: No such file or directory\r\n";
-  EXPECT_TRUE(std::regex_match(errors.Text(), std::regex(want))) << errors.Text();
+  EXPECT_TRUE(Matches(errors.Text(), want));
   KZErrorClear();
 }
 
@@ -47,12 +53,15 @@ void RecordingHandler(const char *file, uint32_t line, int level, uint32_t error
            " " + text;
 }
 
-TEST(MessageHandlers, CustomHandlerAndStreamDefaults) {
+TEST(MessageHandlers, CustomHandlerGetsTheContextAndNullRestoresTheDefault) {
   KZMessageHandler original = KZGetMessageHandler();
   EXPECT_EQ(KZSetMessageHandler(RecordingHandler), RecordingHandler);
   KZSetMessageContext_("where.c", 99, 2, 1), KZMessage_("value %d", 5);
   EXPECT_EQ(g_seen, "where.c:99 2 1 value 5");
   EXPECT_EQ(KZSetMessageHandler(nullptr), original);
+}
+
+TEST(MessageStreams, NullRestoresTheStandardStream) {
   for (auto [which, standard] : {std::pair<int, FILE *>{0, stdout}, {1, stderr}}) {
     { kztest::CapturedStream captured(which); EXPECT_EQ(KZGetMessageStream(which), captured.file()); }
     EXPECT_EQ(KZGetMessageStream(which), standard);  // null restored it
@@ -77,21 +86,33 @@ TEST(AssertionsDeathTest, WrittenRawThenAbortAtAnyVerbosity) {
   EXPECT_EXIT((KZSetAbort(kztest::AbortHookToStderr), kzassert_("x == 1", "f.c", 3)), kAbort,
               "'x == 1' failed at f.c:3\nhook<x == 1\\|");
   EXPECT_EXIT((KZAssertSetVerbosity(0), kzassert_("quiet?", "f", 1)), kAbort, "'quiet\\?' failed at f:1\n");
-  const int quiet = (KZAssertSetVerbosity(0), KZAssertGetVerbosity());
-  EXPECT_TRUE(quiet == 0 && (KZAssertSetVerbosity(7), KZAssertGetVerbosity()) == 1) << quiet;
 }
 
-TEST(ProcessState, TitleNameStateAndExit) {
+TEST(AssertionVerbosity, ZeroIsKeptAndAnyOtherValueReadsAsOne) {
+  EXPECT_EQ((KZAssertSetVerbosity(0), KZAssertGetVerbosity()), 0);
+  EXPECT_EQ((KZAssertSetVerbosity(7), KZAssertGetVerbosity()), 1);
+}
+
+TEST(ProcessState, TitleAndNameAreNotSupported) {
   uint32_t line = 0;
   EXPECT_EQ(KZSetProcessTitle("x"), 0);
-  EXPECT_TRUE(KZErrorCode() == KZ_ERROR_CODE(2, 6) && strcmp(KZErrorMessage(), "not supported") == 0 &&
-              strcmp(KZErrorLocation(&line), "kzlib/kzlib") == 0 && line == 2263u) << KZErrorMessage() << line;
+  EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(2, 6));
+  EXPECT_STREQ(KZErrorMessage(), "not supported");
+  EXPECT_STREQ(KZErrorLocation(&line), "kzlib/kzlib");
+  EXPECT_EQ(line, 2263u);
   KZErrorClear();
-  EXPECT_TRUE(KZSetProcessName("worker") == 0 && KZErrorCode() == KZ_ERROR_CODE(2, 6));
+  EXPECT_EQ(KZSetProcessName("worker"), 0);
+  EXPECT_EQ(KZErrorCode(), KZ_ERROR_CODE(2, 6));
   KZErrorClear();
+}
+
+TEST(ProcessState, StateIsFormattedThenCleared) {
   EXPECT_EQ(KZState_("serving %s", "client"), 1);
   EXPECT_STREQ(reinterpret_cast<const char *>(KZState_(nullptr)), "");  // formatted, then cleared
   EXPECT_EQ(KZGetState(), nullptr);
+}
+
+TEST(ProcessExit, GoesToTheHookOrEndsTheProcess) {
   static std::vector<intptr_t> exitArgs;
   KZSetExit([](int status, intptr_t a, intptr_t b, intptr_t c) { exitArgs = {status, a, b, c}; });
   KZExit(3, 10, 20, 30), KZSetExit(nullptr);

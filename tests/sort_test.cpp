@@ -77,11 +77,19 @@ void CheckSort(int p, size_t n, size_t size, size_t offset) {
     QSort(base, n, size, Compare, &s);
     ASSERT_EQ(std::string(storage.data(), base) + std::string(base + bytes, storage.data() + storage.size()),
               std::string(40, '\xA5')) << "guard bytes written";
-    ASSERT_TRUE(s.bad == 0 && (n >= 2 || s.pairs.empty())) << "comparator got a pointer that is not an element";
-    ASSERT_TRUE(n < 7 ? s.pivotAt < 0 : s.pivot == pivot && s.pivotAt <= calls && s.pivotAt >= calls * 2 / 3)
-        << "pivot " << s.pivot << " instead of " << pivot << " chosen in " << s.pivotAt << " calls";
+    ASSERT_EQ(s.bad, 0u) << "comparator got pointers that are not elements";
+    if (n < 2) {
+        ASSERT_EQ(s.pairs.size(), 0u) << "comparisons with fewer than two elements";
+    }
+    if (n < 7) {
+        ASSERT_EQ(s.pivotAt, -1) << "a pivot chosen below seven elements";
+    } else {  // the calls taken to choose it
+        ASSERT_EQ(s.pivot, pivot);
+        ASSERT_GE(s.pivotAt, calls * 2 / 3);
+        ASSERT_LE(s.pivotAt, calls);
+    }
     for (size_t i = 0; i < n; ++i) ASSERT_EQ(key(i), KeyOf(expected[i].data(), keyLen)) << i;
-    ASSERT_TRUE(elements() == expected) << "elements changed, lost or duplicated";
+    ASSERT_EQ(elements(), expected) << "elements changed, lost or duplicated";
 }
 
 TEST(QSort, MatchesStdSortForEveryShapeSizeAndAlignment) {
@@ -94,26 +102,35 @@ TEST(QSort, MatchesStdSortForEveryShapeSizeAndAlignment) {
     uint32_t two[2] = {9, 1};  // nothing to compare with a null base or element size 0 either
     State s(two, 2);
     QSort(nullptr, 0, 4, Compare, &s), QSort(nullptr, 1, 4, Compare, &s), QSort(two, 2, 0, Compare, &s);
-    EXPECT_TRUE(s.pairs.empty() && two[0] == 9 && two[1] == 1);
+    EXPECT_EQ(s.pairs.size(), 0u);
+    EXPECT_EQ(two[0], 9u);
+    EXPECT_EQ(two[1], 1u);
 }
 
 // Keys below are big-endian words, so that memcmp order is numeric order.
 bool Less(uint32_t a, uint32_t b) { return ntohl(a) < ntohl(b); }
+std::vector<uint32_t> Ascending(uint32_t n) {  // 0 to n - 1
+    std::vector<uint32_t> v(n);
+    for (uint32_t i = 0; i < n; ++i) v[i] = htonl(i);
+    return v;
+}
 
 // Six elements: insertion sort alone, comparing neighbours left one first;
 // between the number of inversions and that plus 5 calls.
 TEST(QSort, SixElementsUseInsertionSortOnly) {
-    std::vector<uint32_t> perm(6);
-    for (uint32_t i = 0; i < 6; ++i) perm[i] = htonl(i);
+    const std::vector<uint32_t> sorted = Ascending(6);
+    std::vector<uint32_t> perm = sorted;
     do {
         std::vector<uint32_t> v = perm;
         State s(v.data(), 6);
         QSort(v.data(), 6, 4, Compare, &s);
-        ASSERT_TRUE(std::is_sorted(v.begin(), v.end(), Less) && s.bad == 0);
+        ASSERT_EQ(v, sorted);
+        ASSERT_EQ(s.bad, 0u);
         for (const auto &[i, j] : s.pairs) ASSERT_EQ(i + 1, j) << "non-neighbour comparison " << i << "," << j;
         size_t inversions = 0;
         for (size_t i = 0; i < 6; ++i) for (size_t j = i + 1; j < 6; ++j) inversions += Less(perm[j], perm[i]);
-        ASSERT_TRUE(s.pairs.size() >= inversions && s.pairs.size() <= std::min<size_t>(inversions + 5, 15));
+        ASSERT_GE(s.pairs.size(), inversions);
+        ASSERT_LE(s.pairs.size(), std::min<size_t>(inversions + 5, 15));
     } while (std::next_permutation(perm.begin(), perm.end(), Less));
 }
 
@@ -121,15 +138,20 @@ TEST(QSort, SixElementsUseInsertionSortOnly) {
 // pivot that moves nothing, then only insertion-sort steps (no second partition).
 TEST(QSort, SortedInputTakesTheNoSwapShortcut) {
     const size_t n = 100000;
-    std::vector<uint32_t> v(n);
-    for (uint32_t i = 0; i < n; ++i) v[i] = htonl(i);
+    const std::vector<uint32_t> sorted = Ascending(n);
+    std::vector<uint32_t> v = sorted;
     State s(v.data(), n);
     QSort(v.data(), n, 4, Compare, &s);
-    ASSERT_TRUE(std::is_sorted(v.begin(), v.end(), Less) && s.bad == 0);
-    ASSERT_TRUE(s.pivotAt >= 0 && s.pivotAt <= 12 && s.pairs.size() < 3 * n + 32) << s.pivotAt << " " << s.pairs.size();
+    ASSERT_EQ(v, sorted);
+    ASSERT_EQ(s.bad, 0u);
+    ASSERT_GE(s.pivotAt, 0);
+    ASSERT_LE(s.pivotAt, 12);
+    ASSERT_LT(s.pairs.size(), 3 * n + 32);
     size_t k = size_t(s.pivotAt);
     while (k < s.pairs.size() && s.pairs[k].second == 0) ++k;
-    EXPECT_TRUE(k - s.pivotAt >= n - 1 && k - s.pivotAt <= n + 1) << k - s.pivotAt << " calls against the pivot";
+    const size_t againstThePivot = k - size_t(s.pivotAt);
+    EXPECT_GE(againstThePivot, n - 1);
+    EXPECT_LE(againstThePivot, n + 1);
     for (; k < s.pairs.size(); ++k) ASSERT_EQ(s.pairs[k].first + 1, s.pairs[k].second) << "call " << k;
 }
 

@@ -24,7 +24,9 @@ bool EventuallyTrue(const std::function<bool()> &condition) {
 int64_t ReturnValueAt(void *argument) { return *static_cast<int64_t *>(argument); }
 int64_t WaitOnLatch(void *argument) { return static_cast<std::latch *>(argument)->wait(), 5; }
 // A thread not joined must have ended (its entry free) before its test returns.
-void WaitForEnd(KZThread thread) { ASSERT_TRUE(EventuallyTrue([&] { return !ThreadIsAlive(thread); })); }
+void WaitForEnd(KZThread thread) {
+  ASSERT_TRUE(EventuallyTrue([&] { return !ThreadIsAlive(thread); })) << "still alive";
+}
 uint64_t KernelThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
 uint64_t MonotonicMillis() { return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count(); }
 int NiceOf(uint64_t threadId) { return errno = 0, getpriority(PRIO_PROCESS, static_cast<id_t>(threadId)); }
@@ -32,15 +34,18 @@ int NiceOf(uint64_t threadId) { return errno = 0, getpriority(PRIO_PROCESS, stat
 TEST(ThreadResultsDeathTest, DetachedThreadsEntryIsFreedAndReusedByTheNextCreation) {
   // Joined through the system, a library thread shows its entry index as its
   // exit value; such joins leave entries in use, hence a new process.
-  EXPECT_EXIT({
+  const auto reuse = [] {
     std::latch go(0);  // open
     KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);  // entry 0
     const bool ended = EventuallyTrue([&] { return !ThreadIsAlive(detached); });
     // Entry 0 again, which must not keep the detached flag; once joined, entry 0 once more.
-    const bool joinable = ThreadJoin(ThreadCreate(WaitOnLatch, &go, 0)) == 5;
+    const long long joined = ThreadJoin(ThreadCreate(WaitOnLatch, &go, 0));
     void *entry = &go;
-    _exit(ended && joinable && !pthread_join(pthread_t(ThreadCreate(WaitOnLatch, &go, 0)), &entry) && !entry ? 0 : 1);
-  }, testing::ExitedWithCode(0), "");
+    const int systemJoin = pthread_join(pthread_t(ThreadCreate(WaitOnLatch, &go, 0)), &entry);
+    fprintf(stderr, "ended=%d joined=%lld system join=%d entry=%zu\n", ended, joined, systemJoin, size_t(entry));
+    _exit(0);
+  };
+  EXPECT_EXIT(reuse(), testing::ExitedWithCode(0), "ended=1 joined=5 system join=0 entry=0\n");
 }
 
 TEST(ThreadLifetime, AliveUntilItsFunctionReturnsAndDetachedOnce) {
@@ -48,8 +53,12 @@ TEST(ThreadLifetime, AliveUntilItsFunctionReturnsAndDetachedOnce) {
   KZThread joinable = ThreadCreate(WaitOnLatch, &go, 0), running = ThreadCreate(WaitOnLatch, &go, 0);
   KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);
   for (KZThread thread : {ThreadGetCurrent(), joinable, running, detached}) EXPECT_EQ(ThreadIsAlive(thread), 1);
-  EXPECT_TRUE(ThreadDetach(running) == 1 && (errno = 0, ThreadDetach(detached)) == 0 && errno == -1 &&
-              KZGetLastError() == EINVAL);  // a second detach is refused
+  EXPECT_EQ(ThreadDetach(running), 1);
+  errno = 0;
+  const int again = ThreadDetach(detached), error = errno;  // a second detach is refused
+  EXPECT_EQ(again, 0);
+  EXPECT_EQ(error, -1);
+  EXPECT_EQ(KZGetLastError(), EINVAL);
   go.count_down();
   for (KZThread thread : {joinable, running, detached}) WaitForEnd(thread);
   EXPECT_EQ(ThreadDetach(joinable), 1);  // ended, not joined
@@ -63,15 +72,22 @@ int64_t OwnStackSize(void *) {
 }
 struct { KZThreadFunction function; void *argument; uint32_t kib; std::string where; } g_hook;  // its arguments
 
-TEST(ThreadCreate, HookReplacesCreationAndAHugeStackIsReportedButCreated) {
+TEST(ThreadCreate, HookReplacesCreation) {
   SetThreadCreateHooks([](KZThreadFunction f, void *a, uint32_t kib, const char *file, uint32_t line) -> KZThread {
     return g_hook = {f, a, kib, file + (":" + std::to_string(line))}, 0x5EED;
   });
   const std::string where = __FILE__ ":" + std::to_string(__LINE__ + 1);
   EXPECT_EQ(ThreadCreate(ReturnValueAt, &g_hook, 77), 0x5EEDu);
-  EXPECT_TRUE(g_hook.function == &ReturnValueAt && g_hook.argument == &g_hook && g_hook.kib == 77 &&
-              g_hook.where == where) << g_hook.where;
+  EXPECT_EQ(g_hook.function, &ReturnValueAt);
+  EXPECT_EQ(g_hook.argument, &g_hook);
+  EXPECT_EQ(g_hook.kib, 77u);
+  EXPECT_EQ(g_hook.where, where);
   SetThreadCreateHooks(nullptr);  // created again without it
+  int64_t value = 12;
+  EXPECT_EQ(ThreadJoin(ThreadCreate(ReturnValueAt, &value, 0)), 12);
+}
+
+TEST(ThreadCreate, AHugeStackIsReportedButCreated) {
   kztest::CapturedStream errors(1);
   EXPECT_GE(ThreadJoin(ThreadCreate(OwnStackSize, nullptr, 1000000)), 1000000LL * 1024);  // reserved, not used
   EXPECT_NE(errors.Text().find("kzthread:642\": creating thread with a stack size of 1000000 KB: "), std::string::npos);
@@ -88,7 +104,9 @@ TEST(ThreadOnce, RacingThreadsRunTheFunctionOnceAndAllSucceed) {
     for (int i = 0; i < 12; i++)
       threads.emplace_back([&] { start.arrive_and_wait(), succeeded += ThreadOnce(&state, [] { calls++; }) == 1; });
     for (auto &thread : threads) thread.join();
-    EXPECT_TRUE(calls == 1 && succeeded == 12 && state == 2) << calls << " " << succeeded << " " << state;
+    EXPECT_EQ(calls.load(), 1) << "round " << round;
+    EXPECT_EQ(succeeded.load(), 12) << "round " << round;
+    EXPECT_EQ(state, 2) << "round " << round;
   }
 }
 
@@ -112,24 +130,33 @@ std::atomic<int> g_clearedCalls{0};
 KZThreadVar g_slot;  // its destructor counts and clears
 
 TEST(PlainThread, ContextComesOnFirstUseAndCleanupRunsTheDestructorsWhenCalledAndOnlyThen) {
-  EXPECT_TRUE(ThreadGetCurrent() == static_cast<KZThread>(pthread_self()) && ThreadId() == KernelThreadId());
+  EXPECT_EQ(ThreadGetCurrent(), static_cast<KZThread>(pthread_self()));
+  EXPECT_EQ(ThreadId(), KernelThreadId());
   g_slot = ThreadVarCreate([](void *) { g_clearedCalls++, ThreadVarSet(g_slot, nullptr); }), g_clearedCalls = 0;
   int mine = 1, value = 0;
   EXPECT_EQ(ThreadVarSet(g_slot, &mine), 1);
   std::thread([&] {
-    EXPECT_TRUE(ThreadVarGet(g_slot) == nullptr && ThreadHasContext() == 0);  // values are per thread
+    EXPECT_EQ(ThreadVarGet(g_slot), nullptr);  // values are per thread
+    EXPECT_EQ(ThreadHasContext(), 0);
     const uint64_t before = MonotonicMillis(), reference = (ThreadInit(), ThreadGetRefTime());
-    EXPECT_TRUE(ThreadHasContext() == 1 && before <= reference && reference <= MonotonicMillis()) << reference;
+    EXPECT_EQ(ThreadHasContext(), 1);
+    EXPECT_LE(before, reference);
+    EXPECT_LE(reference, MonotonicMillis());
     EXPECT_EQ(ThreadGetName(), std::to_string(KernelThreadId()));
     EXPECT_EQ((ThreadSetRefTime(12345), ThreadGetRefTime()), 12345u);
     ThreadVarSet(g_slot, &value), KZSetLastError(77), errno = 123, ThreadCleanup();
-    EXPECT_TRUE(errno == 123 && KZGetLastError() == 77 && g_clearedCalls == 1 && ThreadHasContext() == 0 &&
-                ThreadVarGet(g_slot) == nullptr);
+    const int error = errno;  // kept, like the last error
+    EXPECT_EQ(error, 123);
+    EXPECT_EQ(KZGetLastError(), 77);
+    EXPECT_EQ(g_clearedCalls.load(), 1);
+    EXPECT_EQ(ThreadHasContext(), 0);
+    EXPECT_EQ(ThreadVarGet(g_slot), nullptr);
   }).join();
   // Without the call no destructor runs; the message context is still
   // released at the end of the thread (the leak checker sees it otherwise).
   std::thread([&] { ThreadVarSet(g_slot, &value), KZErrorThrow(KZ_ERR_GENERAL, "left behind"); }).join();
-  EXPECT_TRUE(g_clearedCalls == 1 && ThreadVarGet(g_slot) == &mine);
+  EXPECT_EQ(g_clearedCalls.load(), 1);
+  EXPECT_EQ(ThreadVarGet(g_slot), &mine);
   ThreadVarSet(g_slot, nullptr);
 }
 
@@ -159,22 +186,37 @@ TEST(ThreadPriority, TableValuesMapToNiceValuesOthersToNormalAndRaisingNeedsTheR
     auto run = [](void *a) { auto *w = static_cast<Worker *>(a); return w->id = ThreadId(), w->go.wait(), int64_t{0}; };
     const KZThread thread = ThreadCreate(run, &worker, 0);
     if (!EventuallyTrue([&] { return worker.id.load() != 0; })) return 2;
-    for (auto [priority, nice] : {std::pair{7, 0}, {1, 0}, {-1, 0}, {21, 0}, {5, 5}, {10, 10}, {20, 19}})
-      if (ThreadSetPriority(thread, priority) != 1 || NiceOf(worker.id) != nice) return 10 + priority;
-    if (ThreadSetPriority(thread, 7) == 1 ? NiceOf(worker.id) != 0 : KZGetLastError() != EPERM) return 4;
+    // Prints "priority:nice" for each value, whether raising back to normal went as the right allows, then the
+    // refusals as "result,errno,last error".
+    for (int priority : {7, 1, -1, 21, 5, 10, 20})
+      printf("%d:%s ", priority,
+             ThreadSetPriority(thread, priority) == 1 ? std::to_string(NiceOf(worker.id)).c_str() : "failed");
+    const int backToNormal = ThreadSetPriority(thread, 7), error = KZGetLastError(), nice = NiceOf(worker.id);
+    const std::string normal = "result " + std::to_string(backToNormal) + " nice " + std::to_string(nice) + " error " +
+                               std::to_string(error);  // done with the right, refused without it
+    printf("normal:%s ", (backToNormal == 1 ? nice == 0 : error == EPERM) ? "ok" : normal.c_str());
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct none[2] = {};
     const rlimit noRaise = {0, 0};
-    const bool dropped = syscall(SYS_capset, &header, none) == 0 && setrlimit(RLIMIT_NICE, &noRaise) == 0;
-    errno = 0;  // time-critical, asked for itself, is refused and changes nothing
-    const bool refused = ThreadSetPriority(ThreadGetCurrent(), -20) == 0 && errno == -1 && KZGetLastError() == EPERM;
+    if (syscall(SYS_capset, &header, none) != 0 || setrlimit(RLIMIT_NICE, &noRaise) != 0)
+      return worker.go.count_down(), ThreadJoin(thread), 3;
+    auto refusal = [](const char *what, const std::function<int()> &call) {
+      errno = 0;
+      const int result = call(), errorNumber = errno, lastError = KZGetLastError();
+      printf("%s:%d,%d,%d ", what, result, errorNumber, lastError);
+    };
+    // Time-critical, asked for itself, is refused and changes nothing.
+    refusal("itself", [] { return ThreadSetPriority(ThreadGetCurrent(), -20); });
+    printf("nice:%d ", NiceOf(KernelThreadId()));
     worker.go.count_down();  // once it ended, there is no thread to change
-    const bool ended = EventuallyTrue([&] { return !ThreadIsAlive(thread); }) &&
-                       (errno = 0, ThreadSetPriority(thread, 5)) == 0 && errno == -1 && KZGetLastError() == ESRCH;
-    return ThreadJoin(thread), !dropped ? 3 : refused && NiceOf(KernelThreadId()) == 0 && ended ? 0 : 5;
+    printf("ended:%d ", EventuallyTrue([&] { return !ThreadIsAlive(thread); }));
+    refusal("after", [&] { return ThreadSetPriority(thread, 5); });
+    return ThreadJoin(thread), 0;
   });
   if (child.Exited(3)) GTEST_SKIP() << "cannot drop privileges here";
-  EXPECT_TRUE(child.Exited(0)) << child.Describe();
+  EXPECT_EQ(child.Ending(), kztest::ExitEnding(0)) << child.Describe();
+  EXPECT_EQ(child.out, "7:0 1:0 -1:0 21:0 5:5 10:10 20:19 normal:ok itself:0,-1," + std::to_string(EPERM) +
+                           " nice:0 ended:1 after:0,-1," + std::to_string(ESRCH) + " ");
 }
 
 TEST(ThreadStress, ManyThreadsCreatedAndJoinedConcurrently) {
@@ -193,7 +235,8 @@ TEST(ThreadStress, ManyThreadsCreatedAndJoinedConcurrently) {
     }, &mine, 0));
   for (KZThread creator : creators) EXPECT_EQ(ThreadJoin(creator), -7);
   for (auto &mine : detached) for (KZThread thread : mine) WaitForEnd(thread);
-  EXPECT_TRUE(failures == 0 && ran == 8 * 40) << failures << " " << ran;
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(ran.load(), 8 * 40);
 }
 
 TEST(ThreadDeathTest, FatalMessagesAndAssertions) {

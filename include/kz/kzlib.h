@@ -18,5 +18,6 @@
 #include "kz/addr.h"
 #include "kz/url.h"
 #include "kz/random.h"
+#include "kz/file.h"
 
 #endif /* KZ_KZLIB_H */

@@ -1,8 +1,5 @@
 // Start-up and system identity on POSIX.
 #include <errno.h>
-#include <limits.h>
-#include <stdlib.h>
-#include <string.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/utsname.h>
@@ -40,34 +37,6 @@ bool GetKernelVersion(KernelVersion *version) {
   }
   snprintf(version->text, sizeof version->text, "%s %s %s", system.sysname, system.release, system.version);
   return true;
-}
-
-// Where the system cannot tell the executable: the path itself when it names a directory,
-// otherwise the first executable of that name along PATH.
-bool FindExecutable(const char *path, char *buffer, size_t size) {
-  char candidate[PATH_MAX];
-  if (strpbrk(path, "/")) {
-    if (!realpath(path, candidate)) return false;
-    if (strlen(candidate) + 1 > size) return false;
-    memcpy(buffer, candidate, strlen(candidate) + 1);
-    return true;
-  }
-  const char *list = getenv("PATH");
-  if (!list) return false;
-  while (*list) {
-    const char *end = strchr(list, ':');
-    size_t length = end ? static_cast<size_t>(end - list) : strlen(list);
-    int written = length ? snprintf(candidate, sizeof candidate, "%.*s/%s", static_cast<int>(length), list, path)
-                         : snprintf(candidate, sizeof candidate, "./%s", path);
-    if (written > 0 && static_cast<size_t>(written) < sizeof candidate && access(candidate, X_OK) == 0 &&
-        static_cast<size_t>(written) + 1 <= size) {
-      memcpy(buffer, candidate, static_cast<size_t>(written) + 1);
-      return true;
-    }
-    if (!end) break;
-    list = end + 1;
-  }
-  return false;
 }
 
 bool GetHostName(char *buffer, size_t size) {

@@ -85,21 +85,6 @@ bool GetKernelVersion(KernelVersion *version) {
   return true;
 }
 
-// Where the system cannot tell the executable: the full path of path when it
-// names a directory, otherwise the first program of that name along PATH.
-bool FindExecutable(const char *path, char *buffer, size_t size) {
-  wchar_t wide[MAX_PATH], found[MAX_PATH];
-  if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, wide, MAX_PATH) <= 0) return false;
-  bool hasDirectory = wcspbrk(wide, L"\\/:") != nullptr;
-  DWORD length = hasDirectory ? GetFullPathNameW(wide, MAX_PATH, found, nullptr)
-                              : SearchPathW(nullptr, wide, L".exe", MAX_PATH, found, nullptr);
-  if (length == 0 || length >= MAX_PATH) return false;
-  int written = ToUtf8(found, static_cast<int>(length), buffer, size - 1);
-  if (written <= 0) return false;
-  buffer[written] = '\0';
-  return true;
-}
-
 bool GetHostName(char *buffer, size_t size) {
   wchar_t name[256];
   DWORD length = sizeof name / sizeof name[0];

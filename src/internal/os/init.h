@@ -22,10 +22,6 @@ bool GetHostName(char *buffer, size_t size);
 // reported with its full length (size or more).
 long GetExecutablePath(char *buffer, size_t size, int *error);
 
-// Where the system cannot tell the executable's path: path itself when it
-// names a directory, otherwise the first executable of that name along PATH.
-bool FindExecutable(const char *path, char *buffer, size_t size);
-
 // Takes the current directory out of the search path for libraries the
 // process loads later; false when the system refuses.
 bool RestrictLibrarySearchPath();
