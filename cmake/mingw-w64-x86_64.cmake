@@ -29,6 +29,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# Static zlib and OpenSSL: no DLLs of theirs to ship beside libkz.dll.
+set(ZLIB_USE_STATIC_LIBS ON)
+set(OPENSSL_USE_STATIC_LIBS ON)
+
 # The C++ runtime, libgcc and winpthreads are linked in, so libkz.dll and the
 # programs need no DLLs beyond the system's (and libkz.dll).
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")

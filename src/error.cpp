@@ -96,7 +96,7 @@ ErrorContext *RecordPendingError(MessageContext *context) {
       snprintf(record->message, sizeof record->message, os::kUnknownSystemErrorFormat, system);
     record->code = KZ_ERROR_CODE(1, static_cast<uint32_t>(system));
   } else if (current > 0) {
-    if (!os::SystemErrorText(current, record->message, sizeof record->message))
+    if (!os::RuntimeErrorText(current, record->message, sizeof record->message))
       snprintf(record->message, sizeof record->message, "(errno=%d)", current);
     record->code = KZ_ERROR_CODE(0, static_cast<uint32_t>(current));
   } else {

@@ -286,6 +286,12 @@ KZ_API int64_t ThreadJoin(KZThread thread) {
 
 KZ_API int ThreadDetach(KZThread thread) {
   LazyLockGuard hold(ResultsLock());
+  // Detached once already: its handle is gone (on Windows its value may name
+  // another object by now), so it is not released again.
+  if (ThreadEntry *entry = FindEntry(thread); entry && entry->detached) {
+    os::FailWithError(os::kErrorInvalidArgument);
+    return 0;
+  }
   int error = os::ThreadRelease(thread);
   if (error != 0) {
     os::FailWithError(error);

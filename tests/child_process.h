@@ -10,6 +10,7 @@
 // k-th (kept, not removed, by the child).
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
@@ -18,10 +19,11 @@
 
 #if defined(_WIN32)
 #include <windows.h>
+#include <direct.h>
+#include <io.h>
 #include <process.h>
 #include <sys/types.h>
 #else
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -91,6 +93,10 @@ class TempDir {  // removed with everything in it (by the process that made it)
       for (size_t i = 0; std::getline(dirs, line); i++)
         if (i == index) path_ = line, owned_ = false;
     }
+    // One the parent removed already (an earlier step of the test) is made
+    // again, empty, for the steps the child passes through on its way.
+    std::error_code error;
+    if (!owned_ && !std::filesystem::exists(path_, error)) owned_ = std::filesystem::create_directories(path_, error);
     if (path_.empty()) Make();
     state.dirs.push_back(path_);
   }
@@ -153,7 +159,6 @@ struct Child {
   bool Signalled(int sig) const { return !timedOut && pid != -1 && SignalOf() == sig; }
   std::string Ending() const {
     return timedOut ? "timed out" : SignalOf() ? SignalEnding(SignalOf()) : ExitEnding(status);
-  }
 #else
   bool Exited(int code) const { return !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == code; }
   bool Signalled(int sig) const { return !timedOut && WIFSIGNALED(status) && WTERMSIG(status) == sig; }
@@ -370,8 +375,11 @@ inline void EnterChildModeIfAsked(int &argc, char **argv) {
     setrlimit(RLIMIT_CORE, &noCore);
     prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);  // not even to a collector behind a pipe
 #else
-    // No error dialog boxes for a crash the test provokes.
+    // No error dialog boxes for a crash the test provokes; the output is
+    // compared byte for byte, as on Linux (no CR before LF).
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+    _setmode(_fileno(stdout), _O_BINARY);
+    _setmode(_fileno(stderr), _O_BINARY);
 #endif
     return;
   }

@@ -1,5 +1,5 @@
 // Crash handling: crash files, protected calls and the grace time. Every crash
-// happens in a forked child writing to a private temporary directory.
+// happens in a child process writing to a private temporary directory.
 #include <cinttypes>
 #include <map>
 #include <regex>
@@ -7,13 +7,25 @@
 #include "kz/error.h"
 #include "kz/init.h"
 #include "child_process.h"
+#include "kz/thread.h"
 #include "test_support.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+// Windows backtraces name functions by the module's exports.
+#define KZ_TEST_NAMED __declspec(dllexport)
+// Windows reports exceptions, not signals.
+#define KZ_SIGNAL_LINE(text) ""
+#else
+#define KZ_TEST_NAMED
+#define KZ_SIGNAL_LINE(text) text
+#endif
+
 // Named so backtraces can be checked; UBSan would stop before the fault.
-extern "C" __attribute__((noinline, no_sanitize_undefined)) void KzTestCrashInNamedFunction(void) {
+extern "C" KZ_TEST_NAMED __attribute__((noinline, no_sanitize_undefined)) void KzTestCrashInNamedFunction(void) {
   volatile int *volatile target = nullptr; *target = 42;
 }
-extern "C" __attribute__((noipa)) int64_t KzTestCallerOfTheCrash(void *) {  // also a protected call's function
+extern "C" KZ_TEST_NAMED __attribute__((noipa)) int64_t KzTestCallerOfTheCrash(void *) {  // also a protected call's function
   return KzTestCrashInNamedFunction(), 0;  // no tail call: the caller shows in the backtrace
 }
 extern "C" __attribute__((noinline, no_sanitize_undefined)) int KzTestDivideByZero(void) {
@@ -44,6 +56,14 @@ std::string FilesIn(const TempDir &dir, pid_t pid) {
 std::string g_dir;  // the directory of the case running, for its child
 void StartLibrary() { KZLibInit("/opt/kz/bin/crash_test"), KZRunProtectedSetPath(g_dir.c_str()); }
 void StartAndCrash() { StartLibrary(), KzTestCallerOfTheCrash(nullptr); }
+// The program handles crashes itself: it exits with the signal's number.
+void HandleCrashesItself() {
+#if defined(_WIN32)
+  SetUnhandledExceptionFilter([](EXCEPTION_POINTERS *) -> LONG { _exit(SIGSEGV); });
+#else
+  signal(SIGSEGV, _exit);
+#endif
+}
 
 // Dump records by type: "KZCRASH\0", version 1, header size 16, then records
 // (type, length, data) up to type 0, which ends the file. Empty if the layout is broken.
@@ -65,10 +85,11 @@ auto Word(const std::string &d, size_t i) { uint64_t w = 0; return d.size() / 8 
 TEST(CrashHandling, CrashesLeaveTheChosenFilesAndEndTheProcess) {
   struct Case { const char *kz; void (*body)(); int end; const char *files, *text{}; uint32_t code{}; bool thread{}; };
   const Case cases[] = {  // end: a signal, or minus an exit status (the handlers set exit with the signal's number)
-      {"", StartAndCrash, SIGSEGV, "dump log", "Signal:         11 SIGSEGV, code 1 SEGV_MAPERR\nException:      "
-       "0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n", 0xC0000005},
-      {"", [] { StartLibrary(), KzTestDivideByZero(); }, SIGFPE, "dump log", "Signal:         8 SIGFPE, code 1 "
-       "FPE_INTDIV\nException:      0xC0000094 integer divide by zero\n", 0xC0000094},
+      {"", StartAndCrash, SIGSEGV, "dump log", KZ_SIGNAL_LINE("Signal:         11 SIGSEGV, code 1 SEGV_MAPERR\n")
+       "Exception:      0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n",
+       0xC0000005},
+      {"", [] { StartLibrary(), KzTestDivideByZero(); }, SIGFPE, "dump log", KZ_SIGNAL_LINE("Signal:         8 SIGFPE, "
+       "code 1 FPE_INTDIV\n") "Exception:      0xC0000094 integer divide by zero\n", 0xC0000094},
       {"", [] { StartLibrary(), std::thread(KzTestCrashInNamedFunction).join(); }, SIGSEGV, "dump log",
        "0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n", 0xC0000005, true},
       {"nocrashstack", StartAndCrash, SIGSEGV, "dump log", "Backtrace:\n  (not collected: nocrashstack)\n", 0xC0000005},
@@ -76,16 +97,18 @@ TEST(CrashHandling, CrashesLeaveTheChosenFilesAndEndTheProcess) {
       {"nocrashdump", StartAndCrash, SIGSEGV, "log"},
       {"", [] { if (!chdir(g_dir.c_str())) KZLibInit(nullptr), KzTestCrashInNamedFunction(); }, SIGSEGV, "dump log"},
       {"", [] { StartLibrary(), KZAssertSetVerbosity(0), KzTestCallerOfTheCrash(nullptr); }, SIGSEGV, ""},
-      {"", [] { signal(SIGSEGV, _exit), KZLibKeepGlobalExceptionHandler(), StartAndCrash(); }, -SIGSEGV, ""},
+      {"", [] { HandleCrashesItself(), KZLibKeepGlobalExceptionHandler(), StartAndCrash(); }, -SIGSEGV, ""},
       {"", [] { signal(SIGSEGV, SIG_DFL), KZLibSetEmbedded(), StartAndCrash(); }, SIGSEGV, ""},
       {"", [] {
-         signal(SIGSEGV, _exit), KZRunProtectedSetPath(g_dir.c_str());
+         HandleCrashesItself(), KZRunProtectedSetPath(g_dir.c_str());
          KZRunProtected_([](void *) -> int64_t { return 0; }, nullptr, nullptr), KzTestCallerOfTheCrash(nullptr);
        }, -SIGSEGV, ""},
   };
   for (const Case &c : cases) {
     TempDir dir;
-    Child child = RunChild(dir, {{"KZ", c.kz}}, [&] { return g_dir = dir.path(), c.body(), 0; });
+    Child child = RunChild(dir, {{"KZ", c.kz}}, [&] {  // prints the main thread's id, then crashes
+      return g_dir = dir.path(), printf("%llu", static_cast<unsigned long long>(ThreadId())), fflush(stdout), c.body(), 0;
+    });
     const std::string pid = std::to_string(child.pid), log = ReadFile(dir / LogName(child.pid));
     SCOPED_TRACE(testing::Message() << "case " << &c - cases << " (KZ=" << c.kz << ")");
     EXPECT_EQ(child.Ending(), c.end > 0 ? SignalEnding(c.end) : ExitEnding(-c.end)) << child.Describe();
@@ -95,8 +118,18 @@ TEST(CrashHandling, CrashesLeaveTheChosenFilesAndEndTheProcess) {
       EXPECT_TRUE(Has(log, line));
     // The crashing thread is the main one unless the case crashes in another; the backtrace unless nocrashstack.
     EXPECT_TRUE(Has(log, "Process:        " + pid + "\n"));
-    EXPECT_TRUE(Has(log, "Thread:         " + pid + " (", !c.thread));
+    EXPECT_TRUE(Has(log, "Thread:         " + child.out + " (", !c.thread));
     EXPECT_TRUE(Has(log, "  #0  0x", !*c.kz));
+#if defined(_WIN32)
+    // A mini-dump; the backtrace names the crashing function, in the test program, then its caller.
+    EXPECT_EQ(ReadFile(dir / DumpName(child.pid)).substr(0, 4), "MDMP");
+    if (c.body == StartAndCrash && !*c.kz) {
+      EXPECT_TRUE(std::regex_search(log, std::regex("\nBacktrace:\n  #0  0x[^\n]*KzTestCrashInNamedFunction[^\n]* in "
+                                                    "[^\n]*crash_test\\.exe\\+0x[\\s\\S]*KzTestCallerOfTheCrash")))
+          << log;
+    }
+    continue;
+#endif
     auto records = ReadDump(ReadFile(dir / DumpName(child.pid)));
     EXPECT_EQ(records.count(8), *c.kz ? 0u : 1u);
     // Twelve words: the process id, the signal, the exception code, not in a protected call; the
@@ -143,8 +176,10 @@ TEST(ProtectedCall, CrashIsReportedThenTheProcessAborts) {
   for (const auto &c : cases) {
     TempDir dir;
     Child child = RunChild(dir, {{"KZ", c.options}}, [&] {
+#if !defined(_WIN32)
       const rlimit stack = {8 << 20, 8 << 20};  // to overflow
       setrlimit(RLIMIT_STACK, &stack), signal(SIGSEGV, SIG_DFL);  // the sanitizers may have their own handler
+#endif
       c.init ? KZLibInit("/opt/kz/bin/crash_test") : void(), KZRunProtectedSetPath(dir.path().c_str());
       return KZRunProtected_(c.run, nullptr, WriteReport), puts("returned"), 0;
     });
@@ -172,9 +207,15 @@ TEST(ProtectedCall, WithoutAReportFunctionTheReportGoesToStderr) {
   });
   EXPECT_EQ(child.Ending(), SignalEnding(SIGABRT)) << child.Describe();
   EXPECT_EQ(child.out, "1234567890122");
+#if defined(_WIN32)  // the main thread's id is not the process id
+  EXPECT_TRUE(std::regex_search(child.err, std::regex("^crash_test: critical error 0xDC0000005 \\(access violation\\) "
+                                                      "in a protected call, thread ([0-9]+) \\(\\1\\)\n  #0  0x")))
+      << child.err;
+#else
   const std::string pid = std::to_string(child.pid), head = "crash_test: critical error 0xDC0000005 (access violation) "
                           "in a protected call, thread " + pid + " (" + pid + ")\n  #0  0x";
   EXPECT_EQ(child.err.substr(0, head.size()), head);
+#endif
   EXPECT_TRUE(Has(child.err, "KzTestCrashInNamedFunction"));
 }
 
@@ -183,7 +224,7 @@ TEST(ProtectedCall, AReportFunctionStillRunningAfterTheGraceTimeIsEnded) {
   g_dir = dir.path();
   Child child = RunChild(dir, {{"KZ_HANDLER_GRACE_TIME", "1"}}, [] {
     StartLibrary();
-    return KZRunProtected_(KzTestCallerOfTheCrash, nullptr, [](uint64_t, const char *) { for (;;) pause(); }), 0;
+    return KZRunProtected_(KzTestCallerOfTheCrash, nullptr, [](uint64_t, const char *) { for (;;) std::this_thread::sleep_for(std::chrono::hours(1)); }), 0;
   });
   EXPECT_EQ(child.Ending(), SignalEnding(SIGSEGV)) << child.Describe();
   EXPECT_EQ(child.err, "crash_test: crash handler still running after 1 seconds, ending the process\n");

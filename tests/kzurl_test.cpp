@@ -48,11 +48,8 @@ struct KzurlTool : testing::Test {
   // Runs kzurl with args in the directory; standard input is its file in.txt (empty if not written).
   Child Run(Lines args) {
     return RunChild(dir_, {}, [&] {
-      std::vector<char *> argv = {const_cast<char *>(KZURL_PATH)};
-      for (std::string &arg : args) argv.push_back(arg.data());
-      argv.push_back(nullptr);
-      if (chdir(dir_.path().c_str()) == 0 && dup2(open("in.txt", O_RDONLY | O_CREAT, 0600), 0) == 0)
-        execv(KZURL_PATH, argv.data());
+      args.insert(args.begin(), KZURL_PATH);
+      if (chdir(dir_.path().c_str()) == 0 && dup2(open("in.txt", O_RDONLY | O_CREAT, 0600), 0) == 0) return Exec(args);
       return 127;
     });
   }

@@ -92,7 +92,7 @@ TEST(RandomShared, SeedsItselfOnceAndForkedChildren) {
     exit(states == 1 && r[0] != 0 ? 0 : 1);
   }, ::testing::ExitedWithCode(0), "");
   const auto childDraw = [] {
-    const auto child = kztest::RunChild({}, [] { return printf("%lu", KZRandULong(nullptr)) < 0; });
+    const auto child = kztest::RunChild({}, [] { return printf("%s", std::to_string(KZRandULong(nullptr)).c_str()) < 0; });
     EXPECT_TRUE(child.Exited(0)) << child.Describe();
     return child.out;
   };

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #if defined(_WIN32)
+#include <windows.h>
 #include <io.h>
 #include <process.h>
 #else
@@ -24,6 +26,38 @@ extern "C" const char *__asan_default_options() { return "allocator_may_return_n
 extern "C" const char *__tsan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace kztest {
+
+// One or more digits in a death test's regular expression: GoogleTest's
+// simple expressions on Windows have no brackets.
+#if defined(_WIN32)
+#define KZ_RE_DIGITS "\\d+"
+#else
+#define KZ_RE_DIGITS "[0-9]+"
+#endif
+
+// The text the C runtime gives an errno value.
+inline std::string ErrnoText(int value) { return strerror(value); }
+
+// The system's own text for a system error, as the library gives it: the
+// message table's on Windows (trailing line break dropped), strerror's on POSIX.
+inline std::string SystemErrorText(int code) {
+#if defined(_WIN32)
+  char text[512] = "";
+  DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                static_cast<DWORD>(code), 0, text, sizeof text, nullptr);
+  while (length > 0 && (text[length - 1] == '\r' || text[length - 1] == '\n' || text[length - 1] == ' ')) length--;
+  return std::string(text, length);
+#else
+  return strerror(code);
+#endif
+}
+
+// The null device's name.
+#if defined(_WIN32)
+inline constexpr const char *kNullDevice = "NUL";
+#else
+inline constexpr const char *kNullDevice = "/dev/null";
+#endif
 
 // An array record (UByteArray, UShortArray, ...) that frees its storage at the
 // end of the scope. It converts to a pointer to the record, so `&out` passes

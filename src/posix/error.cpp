@@ -32,6 +32,9 @@ bool SystemErrorText(int error, char *buffer, size_t size) {
   return true;
 }
 
+// System errors are errno values: the same texts.
+bool RuntimeErrorText(int errnoValue, char *buffer, size_t size) { return SystemErrorText(errnoValue, buffer, size); }
+
 const char kUnknownSystemErrorFormat[] = "(system error %d)";
 
 // System errors are errno values here.

@@ -160,6 +160,7 @@ struct Crash {
   uint64_t time;
   uint32_t flags;
   bool isProtected;
+  KZCrashReport report;  // a protected call's report function (the default dispatcher for none)
   const char *threadName;
   uintptr_t frames[kMaxFrames];
   size_t frameCount;
@@ -330,33 +331,33 @@ void WriteLog(const char *name) {
     const char *host = startup::HostNameIfKnown();
     const char *kernel = startup::KernelVersionIfKnown();
 
-    out.Str("kzlib crash report\r\n\r\n");
-    out.Str("Program:        ").Str(ProgramName()).Str("\r\n");
-    out.Str("Executable:     ").Str(written > 0 ? executable : "(unknown)").Str("\r\n");
+    out.Str("kzlib crash report\n\n");
+    out.Str("Program:        ").Str(ProgramName()).Str("\n");
+    out.Str("Executable:     ").Str(written > 0 ? executable : "(unknown)").Str("\n");
     out.Str("Library:        kzlib ").Dec(static_cast<uint64_t>(kzlib_major)).Char('.').Dec(
         static_cast<uint64_t>(kzlib_minor)).Char('.').Dec(static_cast<uint64_t>(kzlib_build));
     if (kzlib_branch) out.Char('.').Dec(static_cast<uint64_t>(kzlib_branch));
-    out.Char(' ').Str(KZArchitecture()).Str("\r\n");
-    out.Str("Host:           ").Str(host ? host : "(unknown)").Str("\r\n");
-    out.Str("Kernel:         ").Str(kernel ? kernel : "(unknown)").Str("\r\n");
-    out.Str("Process:        ").Dec(g_crash.pid).Str("\r\n");
-    out.Str("Thread:         ").Dec(g_crash.tid).Str(" (").Str(g_crash.threadName).Str(")\r\n");
+    out.Char(' ').Str(KZArchitecture()).Str("\n");
+    out.Str("Host:           ").Str(host ? host : "(unknown)").Str("\n");
+    out.Str("Kernel:         ").Str(kernel ? kernel : "(unknown)").Str("\n");
+    out.Str("Process:        ").Dec(g_crash.pid).Str("\n");
+    out.Str("Thread:         ").Dec(g_crash.tid).Str(" (").Str(g_crash.threadName).Str(")\n");
     out.Str("Time:           ");
     WriteTime(out, g_crash.time);
-    out.Str("\r\n");
-    out.Str("Exception:      ").Hex(g_crash.code, 8, true).Char(' ').Str(CodeName(g_crash.code)).Str("\r\n");
-    out.Str("Fault address:  ").Hex(g_crash.address, 16).Str("\r\n");
-    out.Str("Protected call: ").Str(g_crash.isProtected ? "yes" : "no").Str("\r\n");
-    out.Str("Flags:          ").Hex(g_crash.flags, 4).Str("\r\n");
+    out.Str("\n");
+    out.Str("Exception:      ").Hex(g_crash.code, 8, true).Char(' ').Str(CodeName(g_crash.code)).Str("\n");
+    out.Str("Fault address:  ").Hex(g_crash.address, 16).Str("\n");
+    out.Str("Protected call: ").Str(g_crash.isProtected ? "yes" : "no").Str("\n");
+    out.Str("Flags:          ").Hex(g_crash.flags, 4).Str("\n");
 
-    out.Str("\r\nRegisters:\r\n");
+    out.Str("\nRegisters:\n");
     WriteRegisters(out, g_crash.pointers->ContextRecord);
 
-    out.Str("\r\nBacktrace:\r\n");
+    out.Str("\nBacktrace:\n");
     if (!(g_crash.flags & KZ_FLAG_CRASH_STACK)) {
-      out.Str("  (not collected: nocrashstack)\r\n");
+      out.Str("  (not collected: nocrashstack)\n");
     } else if (g_crash.frameCount == 0) {
-      out.Str("  (no frames)\r\n");
+      out.Str("  (no frames)\n");
     } else {
       for (size_t i = 0; i < g_crash.frameCount; i++) {
         out.Flush();  // what was written survives a fault in symbolisation
@@ -479,18 +480,6 @@ void CollectFrames(const CONTEXT *faulting) {
 #endif
 }
 
-// The crash files and reports, as the flags ask; runs on the helper thread.
-DWORD WINAPI ReportCrash(void *) {
-  const CrashFiles &files = g_files[g_filesSlot.load(std::memory_order_acquire)];
-  if (g_crash.flags & KZ_FLAG_CRASH_FILES) {
-    if (g_crash.flags & KZ_FLAG_CRASH_DUMP) WriteDump(files.dump);
-    if (g_crash.flags & KZ_FLAG_CRASH_LOG) WriteLog(files.log);
-  }
-  if (g_crash.flags & KZ_FLAG_CRASH_SYSLOG) WriteEventLog(files.directory);
-  if (g_crash.flags & KZ_FLAG_DEBUGGER) StartDebugger();
-  return 0;
-}
-
 // Ends the process when the crash handling (files, report function) is still
 // running after the grace time. The debugger waits for the person using it:
 // no limit then.
@@ -513,9 +502,28 @@ void ArmWatchdog() {
   if (watchdog) CloseHandle(watchdog);
 }
 
-// Records the crash and writes what the flags ask for, on a helper thread with
-// a stack of its own (the crashing thread's may be used up), under the
-// watchdog. Another thread that crashes meanwhile waits for the first to end
+// The crash files and reports, as the flags ask; runs on the helper thread.
+DWORD WINAPI ReportCrash(void *) {
+  ArmWatchdog();
+  if (g_crash.flags & KZ_FLAG_CRASH_STACK) CollectFrames(g_crash.pointers->ContextRecord);
+  const CrashFiles &files = g_files[g_filesSlot.load(std::memory_order_acquire)];
+  if (g_crash.flags & KZ_FLAG_CRASH_FILES) {
+    if (g_crash.flags & KZ_FLAG_CRASH_DUMP) WriteDump(files.dump);
+    if (g_crash.flags & KZ_FLAG_CRASH_LOG) WriteLog(files.log);
+  }
+  if (g_crash.flags & KZ_FLAG_CRASH_SYSLOG) WriteEventLog(files.directory);
+  if (g_crash.flags & KZ_FLAG_DEBUGGER) StartDebugger();
+  if (g_crash.isProtected && g_crash.report) {
+    const char *stackText = (g_crash.flags & KZ_FLAG_CRASH_STACK) ? StackText() : nullptr;
+    g_crash.report(kReportMark | g_crash.code, stackText);
+  }
+  return 0;
+}
+
+
+// Records the crash; a helper thread with a stack of its own (the crashing
+// thread's may be used up) collects the backtrace, writes what the flags ask
+// for and calls a protected call's report function, under the watchdog. Another thread that crashes meanwhile waits for the first to end
 // the process.
 void HandleCrash(EXCEPTION_POINTERS *pointers, bool isProtected) {
   DWORD self = GetCurrentThreadId();
@@ -545,9 +553,7 @@ void HandleCrash(EXCEPTION_POINTERS *pointers, bool isProtected) {
     Writer(nullptr, g_threadNameText, sizeof g_threadNameText).Dec(g_crash.tid);
     g_crash.threadName = g_threadNameText;
   }
-  if (g_crash.flags & KZ_FLAG_CRASH_STACK) CollectFrames(pointers->ContextRecord);
-
-  ArmWatchdog();
+  if (isProtected) g_crash.report = t_protection.report ? t_protection.report : DefaultDispatcher;
   HANDLE helper = CreateThread(nullptr, 1024 * 1024, ReportCrash, nullptr, 0, nullptr);
   if (!helper) {
     ReportCrash(nullptr);  // no thread to spare: on this stack
@@ -557,18 +563,6 @@ void HandleCrash(EXCEPTION_POINTERS *pointers, bool isProtected) {
   CloseHandle(helper);
 }
 
-[[noreturn]] void ReportProtectedAndAbort() {
-  const char *stackText = (g_crash.flags & KZ_FLAG_CRASH_STACK) ? StackText() : nullptr;
-  uint64_t code = kReportMark | g_crash.code;
-  KZCrashReport report = t_protection.report;
-  if (report)
-    report(code, stackText);
-  else
-    DefaultDispatcher(code, stackText);
-  // abort() quietly: no message box, no fault report, exit status 3.
-  _set_abort_behavior(0, _WRITE_ABORT_MSG | _CALL_REPORTFAULT);
-  abort();
-}
 
 // Sees every exception first: inside a protected call it takes the ones the
 // call takes; everything else goes on to the frames and the filter.
@@ -577,7 +571,7 @@ LONG CALLBACK ProtectedCallHandler(EXCEPTION_POINTERS *pointers) {
   uint32_t code = pointers->ExceptionRecord->ExceptionCode;
   if (!TakenByProtectedCall(code)) return EXCEPTION_CONTINUE_SEARCH;
   HandleCrash(pointers, true);
-  ReportProtectedAndAbort();
+  abort();  // exit status 3
 }
 
 // The last word on an exception nothing handled.
@@ -614,6 +608,11 @@ void EnsureProtectedHandling() {
     ReleaseSRWLockExclusive(&g_installLock);
     backtrace::Init();
     SetDirectoryIfUnset();
+    int savedErrno = errno;
+    DWORD savedError = GetLastError();
+    LoadDumpWriter();  // without start-up: crash dumps all the same
+    SetLastError(savedError);
+    errno = savedErrno;
   }
   PrepareThread();
 }

@@ -70,6 +70,13 @@ bool SystemErrorText(int error, char *buffer, size_t size) {
 
 const char kUnknownSystemErrorFormat[] = "(Windows error %d)";
 
+// The C runtime's own table (strerror); numbers past it have no text.
+bool RuntimeErrorText(int errnoValue, char *buffer, size_t size) {
+  if (errnoValue <= 0 || errnoValue >= _sys_nerr || size == 0) return false;
+  snprintf(buffer, size, "%s", strerror(errnoValue));
+  return true;
+}
+
 namespace {
 
 struct Translation {

@@ -117,8 +117,9 @@ long GetExecutablePath(char *buffer, size_t size, int *error) {
 bool RestrictLibrarySearchPath() { return SetDllDirectoryW(L"") != 0; }
 
 void SilenceErrorDialogs() {
+  // The C runtime (msvcrt) shows no abort dialog of its own to a console
+  // process: its abort() writes one line to standard error and exits with 3.
   SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOALIGNMENTFAULTEXCEPT | SEM_NOOPENFILEERRORBOX);
-  _set_abort_behavior(0, _WRITE_ABORT_MSG | _CALL_REPORTFAULT);
 }
 
 int SetBinaryStandardStreams() {

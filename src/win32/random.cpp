@@ -56,14 +56,12 @@ void GatherEntropy(EntropyFeed feed, void *argument) {
     if (rand_s(&value) != 0) value = 0;
   feed(argument, runtime, sizeof runtime);
 
-  // The environment block: its address, then every string in it.
-  wchar_t *environment = GetEnvironmentStringsW();
+  // The C runtime's environment: its address, then every string in it.
+  char **environment = _environ;
   FeedValue(feed, argument, environment);
-  if (environment) {
-    for (const wchar_t *entry = environment; *entry; entry += wcslen(entry) + 1)
-      feed(argument, entry, wcslen(entry) * sizeof(wchar_t));
-    FreeEnvironmentStringsW(environment);
-  }
+  if (environment)
+    for (char **entry = environment; *entry; entry++)
+      if (**entry) feed(argument, *entry, strlen(*entry));
 }
 
 }  // namespace kz::os

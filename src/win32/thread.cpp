@@ -76,6 +76,8 @@ int ThreadStart(void *(*entry)(void *), void *argument, size_t stackBytes, bool 
 
 int ThreadWait(uint64_t handle, uintptr_t *exitValue) {
   HANDLE thread = ToHandle(handle);
+  // A thread waiting for itself would wait for ever.
+  if (GetThreadId(thread) == GetCurrentThreadId()) return ERROR_POSSIBLE_DEADLOCK;
   if (WaitForSingleObject(thread, INFINITE) != WAIT_OBJECT_0) return static_cast<int>(GetLastError());
   DWORD code = 0;
   if (!GetExitCodeThread(thread, &code)) return static_cast<int>(GetLastError());

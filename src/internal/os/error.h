@@ -19,6 +19,8 @@ void FailWithError(int error);
 
 // The platform's text for a system error; false when the system has none.
 bool SystemErrorText(int error, char *buffer, size_t size);
+// The C runtime's text for an errno value; false when it has none.
+bool RuntimeErrorText(int errnoValue, char *buffer, size_t size);
 // The text for a system error the system has no text for, with its number.
 extern const char kUnknownSystemErrorFormat[];
 
