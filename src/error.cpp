@@ -68,8 +68,8 @@ void PrintLevel(void *argument, const char *text, const char *module, const char
                 uint32_t line) {
   int *levelIndex = static_cast<int *>(argument);
   FILE *stream = KZGetMessageStream(1);
-  trio_fprintf(stream, "\t%sat %s%s%s(%s:%u): %s\n", *levelIndex == 0 ? "Thrown " : "", module,
-               *module ? "." : "", function, file, line, text);
+  trio_fprintf(stream, "\t%sat %s%s%s(%s:%u): %s\n", *levelIndex == 0 ? "Thrown " : "", module, *module ? "." : "",
+               function, file, line, text);
   ++*levelIndex;
 }
 
@@ -89,7 +89,8 @@ ErrorContext *RecordPendingError(MessageContext *context) {
   }
   if (current == -2 || current == -3) {
     // Marked as recorded but the record is gone: nothing to describe.
-    if (record->message[0] == '\0' && record->code == 0) snprintf(record->message, sizeof record->message, "No error (or lost error number)");
+    if (record->message[0] == '\0' && record->code == 0)
+      snprintf(record->message, sizeof record->message, "No error (or lost error number)");
   } else if (current == -1) {
     int system = KZGetLastError();
     if (!os::SystemErrorText(system, record->message, sizeof record->message))
@@ -209,9 +210,7 @@ KZ_API uint64_t KZErrorCode(void) {
   return context->error->code;
 }
 
-KZ_API int KZErrorGetErrno(void) {
-  return errno == -1 ? os::ErrnoFromSystemError(KZGetLastError()) : errno;
-}
+KZ_API int KZErrorGetErrno(void) { return errno == -1 ? os::ErrnoFromSystemError(KZGetLastError()) : errno; }
 
 KZ_API const char *KZErrorMessage(void) { return RecordPendingError(Context())->message; }
 
@@ -231,8 +230,8 @@ KZ_API int KZErrorEnumerateStack(KZErrorStackCallback callback, void *argument) 
     if (*after != ':' && *after != '\0') break;
     char kept = *after;
     *after = '\0';
-    callback(argument, text, ModuleText(entry.module), entry.function ? entry.function : "",
-             ShortenPath(entry.file), entry.line);
+    callback(argument, text, ModuleText(entry.module), entry.function ? entry.function : "", ShortenPath(entry.file),
+             entry.line);
     *after = kept;
     consumed += entry.length + 2;
   }

@@ -12,9 +12,9 @@
 #include <atomic>
 
 #include "internal/context.h"
+#include "internal/lazy_lock.h"
 #include "internal/os/backtrace.h"
 #include "internal/os/crash.h"
-#include "internal/lazy_lock.h"
 #include "internal/os/error.h"
 #include "internal/os/init.h"
 #include "internal/os/memory.h"
@@ -220,9 +220,8 @@ void ApplyOption(const char *token) {
     const char *name;
     uint32_t bit;
   } kFlagOptions[] = {
-      {"crashdump", KZ_FLAG_CRASH_DUMP},     {"crashstack", KZ_FLAG_CRASH_STACK},
-      {"crashlog", KZ_FLAG_CRASH_LOG},       {"crashsyslog", KZ_FLAG_CRASH_SYSLOG},
-      {"debugger", KZ_FLAG_DEBUGGER},
+      {"crashdump", KZ_FLAG_CRASH_DUMP},     {"crashstack", KZ_FLAG_CRASH_STACK}, {"crashlog", KZ_FLAG_CRASH_LOG},
+      {"crashsyslog", KZ_FLAG_CRASH_SYSLOG}, {"debugger", KZ_FLAG_DEBUGGER},
   };
   for (const auto &option : kFlagOptions) {
     if (strcmp(token, option.name) == 0) return SetFlag(option.bit, true);
@@ -282,8 +281,7 @@ void ReadOptions() {
     if (ParseGraceTime(grace, seconds))
       crash::SetGraceTime(seconds);
     else
-      KZ_MESSAGE_AT(kFile, __LINE__, "KZLibInitFeatures", 2, 0, "ignored invalid KZ_HANDLER_GRACE_TIME='%s'",
-                    grace);
+      KZ_MESSAGE_AT(kFile, __LINE__, "KZLibInitFeatures", 2, 0, "ignored invalid KZ_HANDLER_GRACE_TIME='%s'", grace);
   }
   const char *debugger = getenv("KZ_DEBUGGER");
   crash::SetDebugger(debugger ? debugger : "gdb");
@@ -405,9 +403,7 @@ KZ_API int KZLibGetSSLHighEncryption(void) { return g_sslHighEncryption.load(std
 KZ_API int KZLibGetInvalidParameterStack(void) {
   return g_invalidParameterStack.load(std::memory_order_relaxed) ? 1 : 0;
 }
-KZ_API int KZLibGetInvalidParameterHalt(void) {
-  return g_invalidParameterHalt.load(std::memory_order_relaxed) ? 1 : 0;
-}
+KZ_API int KZLibGetInvalidParameterHalt(void) { return g_invalidParameterHalt.load(std::memory_order_relaxed) ? 1 : 0; }
 KZ_API uint64_t KZLibGetStartTime(void) { return g_startTime.load(std::memory_order_relaxed); }
 
 KZ_API int KZVersionMajor(void) { return kzlib_major; }

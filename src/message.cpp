@@ -92,8 +92,7 @@ uint32_t ContextKey() {
 MessageContext *NewContext() {
   auto *context = static_cast<MessageContext *>(calloc(1, sizeof(MessageContext)));
   if (!context) OutOfMemory("MessageContextNew: out of memory", 1258);
-  snprintf(context->threadName, sizeof context->threadName, "%llu",
-           static_cast<unsigned long long>(os::ThreadId()));
+  snprintf(context->threadName, sizeof context->threadName, "%llu", static_cast<unsigned long long>(os::ThreadId()));
   context->userWord = g_defaultUserWord.load(std::memory_order_relaxed);
   context->userPointer = g_defaultUserPointer.load(std::memory_order_relaxed);
   context->refTime = os::MonotonicMillis();
@@ -116,16 +115,15 @@ LazyLock &MessageLock() {
   return lock;
 }
 
-void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withError, const char *format,
-                    va_list args) {
+void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withError, const char *format, va_list args) {
   const char *errorText = nullptr;
   if (withError) errorText = KZErrorMessage();
   LazyLockGuard hold(MessageLock());
   FILE *stream = level < 3 ? OutputStream() : ErrorStream();
   if (level >= 2) {
     os::LocalTime now = os::Now();
-    trio_fprintf(stream, "[%04u/%02u/%02u-%02u:%02u:%02u] ", now.year, now.month, now.day, now.hour,
-                 now.minute, now.second);
+    trio_fprintf(stream, "[%04u/%02u/%02u-%02u:%02u:%02u] ", now.year, now.month, now.day, now.hour, now.minute,
+                 now.second);
   }
   if (level >= 3) {
     trio_fprintf(stream, "%s: ", ProgramName());
@@ -198,8 +196,8 @@ using namespace kz;
 
 extern "C" {
 
-KZ_API void KZSetMessageContext2_(const char *file, uint32_t line, const char *module, const char *function,
-                                  int level, uint32_t withError) {
+KZ_API void KZSetMessageContext2_(const char *file, uint32_t line, const char *module, const char *function, int level,
+                                  uint32_t withError) {
   MessageContext *context = Context();
   context->file = file;
   context->line = line;

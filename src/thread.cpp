@@ -20,7 +20,6 @@
 #include "kz/memory.h"
 #include "kz/message.h"
 
-
 namespace kz {
 namespace {
 
@@ -180,8 +179,8 @@ void *ThreadMain(void *argument) {
   return reinterpret_cast<void *>(static_cast<uintptr_t>(slot));
 }
 
-KZThread CreateThread(KZThreadFunction function, void *argument, uint32_t stackKiB, const char *file,
-                      uint32_t line, bool detached) {
+KZThread CreateThread(KZThreadFunction function, void *argument, uint32_t stackKiB, const char *file, uint32_t line,
+                      bool detached) {
   auto *record = static_cast<StartRecord *>(Allocate_(sizeof(StartRecord), nullptr, kFile, 601));
   uint32_t slot;
   {
@@ -244,8 +243,8 @@ KZ_API KZThread ThreadCreate_(KZThreadFunction function, void *argument, uint32_
   return CreateThread(function, argument, stackKiB, file, line, false);
 }
 
-KZ_API KZThread ThreadCreateDetached_(KZThreadFunction function, void *argument, uint32_t stackKiB,
-                                      const char *file, uint32_t line) {
+KZ_API KZThread ThreadCreateDetached_(KZThreadFunction function, void *argument, uint32_t stackKiB, const char *file,
+                                      uint32_t line) {
   KZThreadCreateHook hook = g_createHook.load(std::memory_order_acquire);
   if (hook) {
     KZThread thread = hook(function, argument, stackKiB, file, line);

@@ -11,11 +11,19 @@ constexpr uint64_t kSmallMax = 4294967295ull;
 constexpr uint64_t kBigMax = 9223372036854775807ull;
 
 TEST(GrowthRule, DocumentedValuesAndSequence) {
-  const struct { uint64_t capacity, needed, maxSize, next; } cases[] = {
-      {0, 1, kSmallMax, 4}, {0, 0, kSmallMax, 4}, {4, 5, kSmallMax, 16}, {1024, 1025, kSmallMax, 2048},
-      {16777216, 16777217, kSmallMax, 25165824}, {134217728, 134217729, kSmallMax, 161061273},
-      {100, 50, kSmallMax, 100}, {4, 1000, kSmallMax, 1024}, {4, 5, 10, 16},  // a small step is never clamped
-      {4000000000u, 4000000001u, kSmallMax, 4294967294u},                    // x1.2 clamped to maxSize - 1
+  const struct {
+    uint64_t capacity, needed, maxSize, next;
+  } cases[] = {
+      {0, 1, kSmallMax, 4},
+      {0, 0, kSmallMax, 4},
+      {4, 5, kSmallMax, 16},
+      {1024, 1025, kSmallMax, 2048},
+      {16777216, 16777217, kSmallMax, 25165824},
+      {134217728, 134217729, kSmallMax, 161061273},
+      {100, 50, kSmallMax, 100},
+      {4, 1000, kSmallMax, 1024},
+      {4, 5, 10, 16},                                      // a small step is never clamped
+      {4000000000u, 4000000001u, kSmallMax, 4294967294u},  // x1.2 clamped to maxSize - 1
   };
   for (const auto &c : cases) EXPECT_EQ(ArrayNextSize(c.capacity, c.needed, c.maxSize), c.next) << c.capacity;
   EXPECT_EQ(BigArrayNextSize(9000000000000000000ull, 9000000000000000001ull, kBigMax), kBigMax - 1);
@@ -35,7 +43,8 @@ TEST(GrowthRule, DocumentedValuesAndSequence) {
 TEST(ArraysDeathTest, Assertions) {
   EXPECT_DEATH(ArrayNextSize(4294967294u, 4294967295u, kSmallMax),
                "'newCapacity != capacity \\|\\| ! \"requested buffer is too large\"' failed at kzlib/array:91\n");
-  EXPECT_DEATH(BigArrayNextSize(kBigMax - 1, kBigMax, kBigMax), "'newCapacity != capacity' failed at kzlib/array:196\n");
+  EXPECT_DEATH(BigArrayNextSize(kBigMax - 1, kBigMax, kBigMax),
+               "'newCapacity != capacity' failed at kzlib/array:196\n");
   EXPECT_DEATH(ArrayNextSize(4, 100, 10), "'newCapacity <= maxSize - 1' failed at kzlib/array:78\n");
   EXPECT_DEATH(BigArrayNextSize(4, 100, 10), "'newCapacity <= maxSize - 1' failed at kzlib/array:185\n");
   KZ_ARRAY(int) a = {nullptr, 0, 0};
@@ -50,8 +59,8 @@ TEST(ArraysDeathTest, Assertions) {
   // Exhausted growth calls the abort hook; the raw write goes to the error stream's descriptor.
   EXPECT_DEATH((KZSetAbort(kztest::AbortHookToStderr), ArrayNextSize(4, 100, 10)),
                "failed at kzlib/array:78\nhook<newCapacity <= maxSize - 1\\|kzlib/array\\|78>");
-  EXPECT_EXIT((KZSetMessageStream(1, fopen(kztest::kNullDevice, "w")), ArrayNextSize(4, 100, 10)),
-              kztest::Aborted, "^$");
+  EXPECT_EXIT((KZSetMessageStream(1, fopen(kztest::kNullDevice, "w")), ArrayNextSize(4, 100, 10)), kztest::Aborted,
+              "^$");
 }
 
 // An array's count and capacity, compared as one value.

@@ -28,12 +28,12 @@ static int32_t CompareInts(const void *a, const void *b, void *context) {
   (void)context;
   return x < y ? -1 : x > y;
 }
-#define CHECK(condition)                                                   \
-  do {                                                                     \
-    if (!(condition)) {                                                    \
+#define CHECK(condition)                                                            \
+  do {                                                                              \
+    if (!(condition)) {                                                             \
       fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      failures++;                                                          \
-    }                                                                      \
+      failures++;                                                                   \
+    }                                                                               \
   } while (0)
 
 static void CountEntropy(void *argument, const void *bytes, size_t length) {

@@ -18,11 +18,11 @@
 #include <string.h>
 
 #if defined(_WIN32)
-#include <windows.h>
 #include <direct.h>
 #include <io.h>
 #include <process.h>
 #include <sys/types.h>
+#include <windows.h>
 #else
 #include <spawn.h>
 #include <sys/prctl.h>
@@ -131,8 +131,11 @@ inline std::string ReadFile(const std::string &path) {
 inline std::string ExitEnding(int code) { return "exit " + std::to_string(code); }
 #if defined(_WIN32)
 inline std::string SignalEnding(int sig) {
-  const char *name = sig == SIGABRT ? "abort" : sig == SIGSEGV ? "access violation or stack overflow"
-                   : sig == SIGILL  ? "illegal instruction" : sig == SIGFPE ? "arithmetic fault" : "?";
+  const char *name = sig == SIGABRT   ? "abort"
+                     : sig == SIGSEGV ? "access violation or stack overflow"
+                     : sig == SIGILL  ? "illegal instruction"
+                     : sig == SIGFPE  ? "arithmetic fault"
+                                      : "?";
   return "signal " + std::to_string(sig) + " (" + name + ")";
 }
 #else
@@ -319,9 +322,9 @@ inline Child RunChild(const TempDir &dir, const Environment &environment, const 
   for (const std::string &path : state.dirs) dirs += path + "\n";
   const std::string outPath = dir / "child.out", errPath = dir / "child.err";
   fflush(nullptr);
-  child_detail::Spawn(child,
-                      {child_detail::SelfPath(), "--gtest_filter=" + state.test, "--kz_child=" + std::to_string(ordinal)},
-                      child_detail::ChildEnvironment(environment, dirs), outPath, errPath);
+  child_detail::Spawn(
+      child, {child_detail::SelfPath(), "--gtest_filter=" + state.test, "--kz_child=" + std::to_string(ordinal)},
+      child_detail::ChildEnvironment(environment, dirs), outPath, errPath);
   child.out = ReadFile(outPath);
   child.err += ReadFile(errPath);
   std::error_code ignored;

@@ -77,7 +77,8 @@ TEST(Compress, DeflateIsZlibAtTheMappedLevelAndInflatesZlib) {
           const std::string prefix(text ? size / 60 : compressFirst, 'p');  // none, 1, 83 or 5000 bytes
           Out packed, back;
           Hold(&packed, prefix), Hold(&back, prefix);
-          for (int i = 0; i < 2; ++i) ASSERT_EQ(CompressDeflate(s.get(), size ? data.data() : nullptr, size, &packed), 1);
+          for (int i = 0; i < 2; ++i)
+            ASSERT_EQ(CompressDeflate(s.get(), size ? data.data() : nullptr, size, &packed), 1);
           for (const char *after : {"", "garbage"}) ASSERT_EQ(Apply(CompressInflate, s, expected + after, &back), 0);
           ASSERT_TRUE(Bytes(packed) == prefix + expected + expected && Bytes(back) == prefix + data + data)
               << level << " " << size << " " << text;
@@ -152,8 +153,9 @@ TEST(Compress, WrongDictionaryIsCorruptInputNotFatal) {
 
 // Python inflates our streams and deflates what it got; we inflate that.
 TEST(Compress, InteroperatesWithPython) {
-  const char *script = "import sys, zlib; data = zlib.decompress(open(sys.argv[1], 'rb').read()); "
-                       "sys.stdout.buffer.write(zlib.compress(data, int(sys.argv[2])))";
+  const char *script =
+      "import sys, zlib; data = zlib.decompress(open(sys.argv[1], 'rb').read()); "
+      "sys.stdout.buffer.write(zlib.compress(data, int(sys.argv[2])))";
   const std::string inputs[] = {"", Data(1, false, 41), Data(70000, true, 42), Data(70000, false, 43)};
   kztest::TempDir dir;
   for (uint32_t i = 0; i < std::size(inputs); ++i) {  // our level i, Python's zlib level 0, 1, 6 or 9

@@ -4,9 +4,9 @@
 #include <map>
 #include <regex>
 
+#include "child_process.h"
 #include "kz/error.h"
 #include "kz/init.h"
-#include "child_process.h"
 #include "kz/thread.h"
 #include "test_support.h"
 
@@ -23,17 +23,21 @@
 
 // Named so backtraces can be checked; UBSan would stop before the fault.
 extern "C" KZ_TEST_NAMED __attribute__((noinline, no_sanitize_undefined)) void KzTestCrashInNamedFunction(void) {
-  volatile int *volatile target = nullptr; *target = 42;
+  volatile int *volatile target = nullptr;
+  *target = 42;
 }
-extern "C" KZ_TEST_NAMED __attribute__((noipa)) int64_t KzTestCallerOfTheCrash(void *) {  // also a protected call's function
+extern "C" KZ_TEST_NAMED __attribute__((noipa)) int64_t KzTestCallerOfTheCrash(
+    void *) {                              // also a protected call's function
   return KzTestCrashInNamedFunction(), 0;  // no tail call: the caller shows in the backtrace
 }
 extern "C" __attribute__((noinline, no_sanitize_undefined)) int KzTestDivideByZero(void) {
-  volatile int zero = 0, one = 1; return one / zero;
+  volatile int zero = 0, one = 1;
+  return one / zero;
 }
 #pragma GCC diagnostic ignored "-Winfinite-recursion"
 extern "C" __attribute__((noinline)) int KzTestRecurseForever(int depth) {
-  volatile char frame[512] = {static_cast<char>(depth)}; return KzTestRecurseForever(depth + 1) + frame[depth % 512];
+  volatile char frame[512] = {static_cast<char>(depth)};
+  return KzTestRecurseForever(depth + 1) + frame[depth % 512];
 }
 
 namespace {
@@ -76,38 +80,59 @@ std::map<uint32_t, std::string> ReadDump(const std::string &bytes) {
   return type == 0 && at == bytes.size() ? records : decltype(records)();
 }
 // The i-th 64-bit word of d, 0 past the end.
-auto Word(const std::string &d, size_t i) { uint64_t w = 0; return d.size() / 8 > i ? memcpy(&w, &d[8 * i], 8), w : 0; }
+auto Word(const std::string &d, size_t i) {
+  uint64_t w = 0;
+  return d.size() / 8 > i ? memcpy(&w, &d[8 * i], 8), w : 0;
+}
 
 // Each crash ends the process, by its signal or a kept handler's exit, and leaves the files the options pick (where
 // SetPath put them, else in the working directory). The log and the dump name the signal, the exception code and the
 // thread; nocrashstack drops the backtrace. Silenced assertions, a kept handler, an embedded library or a protected
 // call without start-up leave crashes to the program.
 TEST(CrashHandling, CrashesLeaveTheChosenFilesAndEndTheProcess) {
-  struct Case { const char *kz; void (*body)(); int end; const char *files, *text{}; uint32_t code{}; bool thread{}; };
-  const Case cases[] = {  // end: a signal, or minus an exit status (the handlers set exit with the signal's number)
-      {"", StartAndCrash, SIGSEGV, "dump log", KZ_SIGNAL_LINE("Signal:         11 SIGSEGV, code 1 SEGV_MAPERR\n")
-       "Exception:      0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n",
+  struct Case {
+    const char *kz;
+    void (*body)();
+    int end;
+    const char *files, *text{};
+    uint32_t code{};
+    bool thread{};
+  };
+  const Case cases[] = {
+      // end: a signal, or minus an exit status (the handlers set exit with the signal's number)
+      {"", StartAndCrash, SIGSEGV, "dump log",
+       KZ_SIGNAL_LINE(
+           "Signal:         11 SIGSEGV, code 1 SEGV_MAPERR\n") "Exception:      0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n",
        0xC0000005},
-      {"", [] { StartLibrary(), KzTestDivideByZero(); }, SIGFPE, "dump log", KZ_SIGNAL_LINE("Signal:         8 SIGFPE, "
-       "code 1 FPE_INTDIV\n") "Exception:      0xC0000094 integer divide by zero\n", 0xC0000094},
+      {"", [] { StartLibrary(), KzTestDivideByZero(); }, SIGFPE, "dump log",
+       KZ_SIGNAL_LINE("Signal:         8 SIGFPE, "
+                      "code 1 FPE_INTDIV\n") "Exception:      0xC0000094 integer divide by zero\n",
+       0xC0000094},
       {"", [] { StartLibrary(), std::thread(KzTestCrashInNamedFunction).join(); }, SIGSEGV, "dump log",
        "0xC0000005 access violation\nFault address:  0x0000000000000000\nProtected call: no\n", 0xC0000005, true},
       {"nocrashstack", StartAndCrash, SIGSEGV, "dump log", "Backtrace:\n  (not collected: nocrashstack)\n", 0xC0000005},
       {"nocrashlog", StartAndCrash, SIGSEGV, "dump"},
       {"nocrashdump", StartAndCrash, SIGSEGV, "log"},
-      {"", [] { if (!chdir(g_dir.c_str())) KZLibInit(nullptr), KzTestCrashInNamedFunction(); }, SIGSEGV, "dump log"},
+      {"",
+       [] {
+         if (!chdir(g_dir.c_str())) KZLibInit(nullptr), KzTestCrashInNamedFunction();
+       },
+       SIGSEGV, "dump log"},
       {"", [] { StartLibrary(), KZAssertSetVerbosity(0), KzTestCallerOfTheCrash(nullptr); }, SIGSEGV, ""},
       {"", [] { HandleCrashesItself(), KZLibKeepGlobalExceptionHandler(), StartAndCrash(); }, -SIGSEGV, ""},
       {"", [] { signal(SIGSEGV, SIG_DFL), KZLibSetEmbedded(), StartAndCrash(); }, SIGSEGV, ""},
-      {"", [] {
+      {"",
+       [] {
          HandleCrashesItself(), KZRunProtectedSetPath(g_dir.c_str());
          KZRunProtected_([](void *) -> int64_t { return 0; }, nullptr, nullptr), KzTestCallerOfTheCrash(nullptr);
-       }, -SIGSEGV, ""},
+       },
+       -SIGSEGV, ""},
   };
   for (const Case &c : cases) {
     TempDir dir;
     Child child = RunChild(dir, {{"KZ", c.kz}}, [&] {  // prints the main thread's id, then crashes
-      return g_dir = dir.path(), printf("%llu", static_cast<unsigned long long>(ThreadId())), fflush(stdout), c.body(), 0;
+      return g_dir = dir.path(), printf("%llu", static_cast<unsigned long long>(ThreadId())), fflush(stdout), c.body(),
+             0;
     });
     const std::string pid = std::to_string(child.pid), log = ReadFile(dir / LogName(child.pid));
     SCOPED_TRACE(testing::Message() << "case " << &c - cases << " (KZ=" << c.kz << ")");
@@ -165,7 +190,12 @@ void WriteReport(uint64_t code, const char *text) {  // async-signal-safe, strai
 // A protected call's crash is logged, reported as 0xD00000000 | code with whole
 // backtrace lines, then aborts, with or without start-up; SIGFPE is not taken.
 TEST(ProtectedCall, CrashIsReportedThenTheProcessAborts) {
-  const struct { const char *options, *report, *frame; bool init; KZProtectedFunction run; int signal; } cases[] = {
+  const struct {
+    const char *options, *report, *frame;
+    bool init;
+    KZProtectedFunction run;
+    int signal;
+  } cases[] = {
       {"", "code=0xdc0000005\ntext=  #0  0x", "KzTestCrashInNamedFunction", true, KzTestCallerOfTheCrash, SIGABRT},
       {"", "code=0xdc0000005\ntext=  #0  0x", "KzTestCrashInNamedFunction", false, KzTestCallerOfTheCrash, SIGABRT},
       {"nocrashstack", "code=0xdc0000005\ntext=(null)", nullptr, true, KzTestCallerOfTheCrash, SIGABRT},
@@ -177,7 +207,7 @@ TEST(ProtectedCall, CrashIsReportedThenTheProcessAborts) {
     TempDir dir;
     Child child = RunChild(dir, {{"KZ", c.options}}, [&] {
 #if !defined(_WIN32)
-      const rlimit stack = {8 << 20, 8 << 20};  // to overflow
+      const rlimit stack = {8 << 20, 8 << 20};                    // to overflow
       setrlimit(RLIMIT_STACK, &stack), signal(SIGSEGV, SIG_DFL);  // the sanitizers may have their own handler
 #endif
       c.init ? KZLibInit("/opt/kz/bin/crash_test") : void(), KZRunProtectedSetPath(dir.path().c_str());
@@ -201,9 +231,14 @@ TEST(ProtectedCall, WithoutAReportFunctionTheReportGoesToStderr) {
   TempDir dir;
   g_dir = dir.path();
   Child child = RunChild(dir, {}, [] {
-    return StartLibrary(), printf("%lld", static_cast<long long>(KZRunProtected_([](void *) -> int64_t {  // nested
-      return KZRunProtected_([](void *) -> int64_t { return 1234567890123ll; }, nullptr, nullptr) - 1;
-    }, nullptr, nullptr))), fflush(stdout), KZRunProtected_(KzTestCallerOfTheCrash, nullptr, nullptr), 0;
+    return StartLibrary(),
+           printf("%lld",
+                  static_cast<long long>(KZRunProtected_(
+                      [](void *) -> int64_t {  // nested
+                        return KZRunProtected_([](void *) -> int64_t { return 1234567890123ll; }, nullptr, nullptr) - 1;
+                      },
+                      nullptr, nullptr))),
+           fflush(stdout), KZRunProtected_(KzTestCallerOfTheCrash, nullptr, nullptr), 0;
   });
   EXPECT_EQ(child.Ending(), SignalEnding(SIGABRT)) << child.Describe();
   EXPECT_EQ(child.out, "1234567890122");
@@ -212,8 +247,10 @@ TEST(ProtectedCall, WithoutAReportFunctionTheReportGoesToStderr) {
                                                       "in a protected call, thread ([0-9]+) \\(\\1\\)\n  #0  0x")))
       << child.err;
 #else
-  const std::string pid = std::to_string(child.pid), head = "crash_test: critical error 0xDC0000005 (access violation) "
-                          "in a protected call, thread " + pid + " (" + pid + ")\n  #0  0x";
+  const std::string pid = std::to_string(child.pid), head =
+                                                         "crash_test: critical error 0xDC0000005 (access violation) "
+                                                         "in a protected call, thread " +
+                                                         pid + " (" + pid + ")\n  #0  0x";
   EXPECT_EQ(child.err.substr(0, head.size()), head);
 #endif
   EXPECT_TRUE(Has(child.err, "KzTestCrashInNamedFunction"));
@@ -224,7 +261,11 @@ TEST(ProtectedCall, AReportFunctionStillRunningAfterTheGraceTimeIsEnded) {
   g_dir = dir.path();
   Child child = RunChild(dir, {{"KZ_HANDLER_GRACE_TIME", "1"}}, [] {
     StartLibrary();
-    return KZRunProtected_(KzTestCallerOfTheCrash, nullptr, [](uint64_t, const char *) { for (;;) std::this_thread::sleep_for(std::chrono::hours(1)); }), 0;
+    return KZRunProtected_(KzTestCallerOfTheCrash, nullptr,
+                           [](uint64_t, const char *) {
+                             for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+                           }),
+           0;
   });
   EXPECT_EQ(child.Ending(), SignalEnding(SIGSEGV)) << child.Describe();
   EXPECT_EQ(child.err, "crash_test: crash handler still running after 1 seconds, ending the process\n");

@@ -88,11 +88,18 @@ TEST(ErrorRecordDeathTest, RestoreWithoutSaveAsserts) {
 
 TEST_F(ErrorRecord, InputErrorsMapTheReadStatusToCodeAndText) {
   static const std::string noFile = "read error: " + kztest::ErrnoText(ENOENT);
-  const struct { int status, errnoBefore; uint64_t code; const char *text; } cases[] = {
-      {-1, 0, KZ_ERR_EOF, "read eof"}, {-3, 0, KZ_ERR_TIMEOUT, "read timeout"},
-      {-4, 0, KZ_ERR_PROTOCOL, "read protocol error"}, {-5, 0, KZ_ERR_GENERAL, "read truncated"},
-      {-9, 0, KZ_ERR_GENERAL, "unknown i/o error"}, {-2, 0, KZ_ERR_GENERAL, "read error"},
-      {-2, ENOENT, KZ_ERROR_CODE(0, ENOENT), noFile.c_str()}, {5, -2, 0, nullptr}};
+  const struct {
+    int status, errnoBefore;
+    uint64_t code;
+    const char *text;
+  } cases[] = {{-1, 0, KZ_ERR_EOF, "read eof"},
+               {-3, 0, KZ_ERR_TIMEOUT, "read timeout"},
+               {-4, 0, KZ_ERR_PROTOCOL, "read protocol error"},
+               {-5, 0, KZ_ERR_GENERAL, "read truncated"},
+               {-9, 0, KZ_ERR_GENERAL, "unknown i/o error"},
+               {-2, 0, KZ_ERR_GENERAL, "read error"},
+               {-2, ENOENT, KZ_ERROR_CODE(0, ENOENT), noFile.c_str()},
+               {5, -2, 0, nullptr}};
   for (const auto &c : cases) {
     errno = c.errnoBefore;
     KZErrorThrowInputError("config.txt", 12, c.status);
@@ -112,8 +119,8 @@ TEST_F(ErrorRecord, PathShorteningModulesAndPrintStack) {
   KZSetMessageContext2_("C:\\work\\svn\\proj\\a.c", 20, "m", "f", 4, 0), KZErrorRethrow_("outer");
   KZSetMessageContext2_("y.c", 2, nullptr, "g", 4, 0), KZErrorRethrow_("top");
   // An empty module is the program's name, a null one empty; the path after "svn" is kept.
-  EXPECT_EQ(Stack(), (std::vector<std::string>{"inner|kzlib||trunk/kz/src/net.c:10", "outer|m|f|proj\\a.c:20",
-                                               "top||g|y.c:2"}));
+  EXPECT_EQ(Stack(),
+            (std::vector<std::string>{"inner|kzlib||trunk/kz/src/net.c:10", "outer|m|f|proj\\a.c:20", "top||g|y.c:2"}));
   KZErrorPrintStack();
   EXPECT_EQ(errors.Text(),
             "\tThrown at kzlib.(trunk/kz/src/net.c:10): inner\n\tat m.f(proj\\a.c:20): outer\n\tat g(y.c:2): top\n");

@@ -8,9 +8,9 @@
 
 #include <atomic>
 
+#include "child_process.h"
 #include "kz/error.h"
 #include "kz/init.h"
-#include "child_process.h"
 #include "test_support.h"
 
 namespace {
@@ -23,17 +23,22 @@ int InitAndPrint() {  // messages, then the settings
   KZSetMessageHandler(PrintMessage), KZLibInit(nullptr);
   return printf("flags=0x%x grace=%u switches=%d%d%d%d\n", KZLibGetFlags(), KZLibGetHandlerGraceTime(),
                 KZLibGetSyncOff(), KZLibGetSSLHighEncryption(), KZLibGetInvalidParameterStack(),
-                KZLibGetInvalidParameterHalt()), 0;
+                KZLibGetInvalidParameterHalt()),
+         0;
 }
 
 TEST(LibInit, OptionsSetFlagsSwitchesAndMessages) {
-  const struct { Environment environment; const char *messages, *settings; } cases[] = {
+  const struct {
+    Environment environment;
+    const char *messages, *settings;
+  } cases[] = {
       {{}, "", "flags=0x3f00 grace=30 switches=0000"},
       {{{"KZ", "nocrashdump,, debugger"}}, "", "flags=0x6f00 grace=30 switches=0000"},  // -0x1000 +0x4000
       {{{"KZ", "crash"}}, "2 kzlib/kzlib: ignored KZ option 'crash'\n", "flags=0x3f00 grace=30 switches=0000"},
       // Case-sensitive; blanks, tabs and commas separate; accepted no-ops; the later one wins.
-      {{{"KZ", "crashdump nocrashlog\tnosync,ssl-high-encryption invalidparameterstack,invalidparameterhalt debug "
-               "debugmalloc third Crashlog nocrashstack,nocrashsyslog crashstack debugger nodebugger nocrashdump"}},
+      {{{"KZ",
+         "crashdump nocrashlog\tnosync,ssl-high-encryption invalidparameterstack,invalidparameterhalt debug "
+         "debugmalloc third Crashlog nocrashstack,nocrashsyslog crashstack debugger nodebugger nocrashdump"}},
        "3 kzlib/kzlib: using unsafe nosync mode\n2 kzlib/kzlib: ignored KZ option 'Crashlog'\n",
        "flags=0x700 grace=30 switches=1111"},
       {{{"GDB", "gdb"}}, "3 kzlib/kzlib: :use KZ=debugger instead of GDB=gdb\n", "flags=0x7f00 grace=30 switches=0000"},
@@ -43,8 +48,15 @@ TEST(LibInit, OptionsSetFlagsSwitchesAndMessages) {
 }
 
 TEST(LibInit, GraceTime) {  // the text, the seconds taken ("": ignored)
-  for (auto [text, seconds] : {std::pair{"45", "45"}, {"007", "7"}, {"4294967295", "4294967295"}, {"12x", ""}, {"", ""},
-                               {"-1", ""}, {"+5", ""}, {" 5", ""}, {"4294967296", ""}})
+  for (auto [text, seconds] : {std::pair{"45", "45"},
+                               {"007", "7"},
+                               {"4294967295", "4294967295"},
+                               {"12x", ""},
+                               {"", ""},
+                               {"-1", ""},
+                               {"+5", ""},
+                               {" 5", ""},
+                               {"4294967296", ""}})
     EXPECT_EQ(RunChild({{"KZ_HANDLER_GRACE_TIME", text}}, InitAndPrint).out,
               (*seconds ? "" : "2 kzlib/kzlib: ignored invalid KZ_HANDLER_GRACE_TIME='" + std::string(text) + "'\n") +
                   "flags=0x3f00 grace=" + (*seconds ? seconds : "30") + " switches=0000\n");
@@ -100,8 +112,11 @@ TEST(LibInit, HandlersRunOnceInOrderAtTheEnd) {
 }
 
 TEST(LibInitDeathTest, NinthHandlerFailsTheAssertion) {  // the first eight are numbered 0 to 7
-  ExpectFatal({[] { for (int i = 0; i < 9; i++) if (KZLibInitAddHandler([] {}) != i) _exit(3); }, 0,
-               "'kzlibInitHandlersCount < KZLIB_INIT_MAX_HANDLERS' failed at kzlib/kzlib:604\n"});
+  ExpectFatal({[] {
+                 for (int i = 0; i < 9; i++)
+                   if (KZLibInitAddHandler([] {}) != i) _exit(3);
+               },
+               0, "'kzlibInitHandlersCount < KZLIB_INIT_MAX_HANDLERS' failed at kzlib/kzlib:604\n"});
 }
 
 // A closed pipe must be an error result, not a killed process; a host's own
@@ -124,15 +139,18 @@ TEST(LibInit, BrokenPipesAreIgnoredUnlessTheHostDecides) {
 }
 
 TEST(LibInit, ConcurrentCallsStartTheLibraryOnce) {
-  EXPECT_EQ(RunChild({}, [] {
-    static std::atomic<int> runs{0}, finished{0}, go{0};  // go: 1 once all threads are started
-    KZLibInitAddHandler([] { runs++, std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
-    std::vector<std::jthread> threads(16);
-    for (auto &thread : threads)  // nobody returns before the start-up finished
-      thread = std::jthread([] { go.wait(0), KZLibInit("threaded"), finished += runs == 1; });
-    go = 1, go.notify_all(), threads.clear();  // joins them
-    return printf("runs=%d finished=%d", runs.load(), finished.load()), 0;
-  }).out, "runs=1 finished=16");
+  EXPECT_EQ(RunChild({},
+                     [] {
+                       static std::atomic<int> runs{0}, finished{0}, go{0};  // go: 1 once all threads are started
+                       KZLibInitAddHandler([] { runs++, std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
+                       std::vector<std::jthread> threads(16);
+                       for (auto &thread : threads)  // nobody returns before the start-up finished
+                         thread = std::jthread([] { go.wait(0), KZLibInit("threaded"), finished += runs == 1; });
+                       go = 1, go.notify_all(), threads.clear();  // joins them
+                       return printf("runs=%d finished=%d", runs.load(), finished.load()), 0;
+                     })
+                .out,
+            "runs=1 finished=16");
 }
 
 TEST(LibVersion, NumbersAndStringMatchTheExportedData) {
@@ -168,7 +186,9 @@ TEST(SystemIdentity, ArchitectureKernelAndHostAreTheSystems) {
   int major = 0, minor = 0;
   ASSERT_EQ(uname(&names), 0);
   ASSERT_EQ(sscanf(names.release, "%d.%d", &major, &minor), 2) << names.release;
-  if (sizeof(void *) == 8 && names.machine == std::string("x86_64")) { EXPECT_STREQ(KZArchitecture(), "amd64-linux"); }
+  if (sizeof(void *) == 8 && names.machine == std::string("x86_64")) {
+    EXPECT_STREQ(KZArchitecture(), "amd64-linux");
+  }
   EXPECT_EQ(KernelVersionMajor(), major) << names.release;
   EXPECT_EQ(KernelVersionMinor(), minor) << names.release;
   EXPECT_EQ(std::string(KernelVersionString()), std::string(names.sysname) + " " + names.release + " " + names.version);

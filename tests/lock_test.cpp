@@ -25,17 +25,29 @@ auto Locked(KZMutex *lock, Read read) {
   auto value = (MutexLock(lock), read());
   return MutexUnlock(lock), value;
 }
-uint32_t Waiters(KZCondition *c) { return Locked(&c->lock, [&] { return c->waiters; }); }
-int32_t WaitingWriters(KZRWLock *l) { return Locked(&l->lock, [&] { return l->waitingWriters; }); }
-Pair StateAndUpgradable(KZRWULock *l) { return Locked(&l->lock, [&] { return Pair(l->state, l->upgradable); }); }
+uint32_t Waiters(KZCondition *c) {
+  return Locked(&c->lock, [&] { return c->waiters; });
+}
+int32_t WaitingWriters(KZRWLock *l) {
+  return Locked(&l->lock, [&] { return l->waitingWriters; });
+}
+Pair StateAndUpgradable(KZRWULock *l) {
+  return Locked(&l->lock, [&] { return Pair(l->state, l->upgradable); });
+}
 
 // A thread running body(), expected to block until the test lets it go.
 struct Background {
   std::atomic<bool> done{false};
   std::thread thread;
-  explicit Background(const std::function<void()> &body) : thread([this, body] { body(); done = true; }) {}
+  explicit Background(const std::function<void()> &body)
+      : thread([this, body] {
+          body();
+          done = true;
+        }) {}
   // After a failure it may be stuck: end the program rather than hang.
-  ~Background() { Eventually([&] { return done.load(); }) ? thread.join() : std::abort(); }
+  ~Background() {
+    Eventually([&] { return done.load(); }) ? thread.join() : std::abort();
+  }
   bool StillBlocked() { return std::this_thread::sleep_for(20ms), !done; }
 };
 
@@ -70,10 +82,13 @@ TEST(Condition, LostSignalTimedWaitReentrantMutexAndBroadcastWaitingForAllToLeav
   KZMutex mutex = KZ_MUTEX_INITIALIZER;
   KZCondition cv = KZ_CONDITION_INITIALIZER;
   ConditionSignal(&cv), ConditionBroadcast(&cv);  // no waiter: both return at once
-  MutexLock(&mutex);  // the signal was not kept:
+  MutexLock(&mutex);                              // the signal was not kept:
   EXPECT_TRUE(ConditionTimedWait(&cv, &mutex, 0) == 0 && ConditionTimedWait(&cv, &mutex, 30) == 0 && Waiters(&cv) == 0);
   MutexLock(&mutex);
-  Background other([&] { MutexLock(&mutex); MutexUnlock(&mutex); });
+  Background other([&] {
+    MutexLock(&mutex);
+    MutexUnlock(&mutex);
+  });
   EXPECT_TRUE(other.StillBlocked());
   MutexUnlock(&mutex);
   EXPECT_TRUE(other.StillBlocked());
@@ -132,7 +147,11 @@ TEST(RWLock, WaitingWriterHoldsBackNewReadersAndTimeoutsGiveUp) {
   KZRWLock lock = KZ_RWLOCK_INITIALIZER;
   EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 0), 1);
   std::atomic<bool> written{false}, read{false}, writtenBeforeRead{false};
-  std::thread writer([&] { RWLockAcquireWrite(&lock); written = true; RWLockRelease(&lock); });
+  std::thread writer([&] {
+    RWLockAcquireWrite(&lock);
+    written = true;
+    RWLockRelease(&lock);
+  });
   ASSERT_TRUE(Eventually([&] { return WaitingWriters(&lock) == 1; }));
   // A reader holds the lock, but a writer waits: a new reader gives up or
   // waits until the writer is done.
@@ -182,7 +201,7 @@ TEST(RWLock, ReadersHeldBackByAWriterThatGivesUpGetTheLock) {
 TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   KZRWULock lock = KZ_RWULOCK_INITIALIZER;
   RWULockAcquireRead(&lock), RWULockAcquireRead(&lock);  // two plain read holds
-  std::atomic<int> step{0};  // the upgrader's progress
+  std::atomic<int> step{0};                              // the upgrader's progress
   std::latch goDowngrade(1), goRelease(1);
   std::thread upgrader([&] {
     RWULockAcquireUpgradable(&lock), step = 1, RWULockUpgrade(&lock), step = 2, goDowngrade.wait();
@@ -190,7 +209,10 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   });
   ASSERT_TRUE(Eventually([&] { return StateAndUpgradable(&lock).second == -1 || step >= 2; }) && step == 1);
   // A new reader is held back while the upgrade is pending.
-  Background lateReader([&] { RWULockAcquireRead(&lock); RWULockRelease(&lock); });
+  Background lateReader([&] {
+    RWULockAcquireRead(&lock);
+    RWULockRelease(&lock);
+  });
   ASSERT_TRUE(Eventually([&] { return Waiters(&lock.readersCondition) == 1 || lateReader.done; }));
   // Still waiting for the other read hold.
   EXPECT_TRUE((RWULockRelease(&lock), StateAndUpgradable(&lock)) == Pair(2, -1) && step == 1);
@@ -205,7 +227,10 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
 // ---- fatal messages and assertions --------------------------------------------------
 
 KZRecursiveMutex g_held = KZ_RECURSIVE_MUTEX_INITIALIZER;  // each case runs in a new process
-KZCondition DestroyedCondition() { KZCondition c; return ConditionInit(&c), ConditionDestroy(&c), c; }
+KZCondition DestroyedCondition() {
+  KZCondition c;
+  return ConditionInit(&c), ConditionDestroy(&c), c;
+}
 
 // The system errors behind the failures below, and their texts.
 #if defined(_WIN32)
@@ -215,7 +240,8 @@ constexpr int kNotOwner = EPERM, kBusy = EBUSY, kReleasedHandle = EBADF;
 #endif
 const std::string kNotOwnerText = "\"kzthread:895\": mutex operation failed: " + kztest::SystemErrorText(kNotOwner),
                   kBusyText = "\"kzthread:895\": mutex operation failed: " + kztest::SystemErrorText(kBusy),
-                  kWaitText = "\"kzthread:992\": WaitForSingleObject failed: " + kztest::SystemErrorText(kReleasedHandle),
+                  kWaitText =
+                      "\"kzthread:992\": WaitForSingleObject failed: " + kztest::SystemErrorText(kReleasedHandle),
                   kPostText = "\"kzthread:1066\": ReleaseSemaphore failed: " + kztest::SystemErrorText(kReleasedHandle);
 
 TEST(LockDeathTest, FatalMessagesAndAssertions) {
@@ -223,11 +249,21 @@ TEST(LockDeathTest, FatalMessagesAndAssertions) {
       {[] { RecursiveMutexLock(&g_held), std::thread(RecursiveMutexUnlock, &g_held).join(); },  // by another thread
        1, kNotOwnerText.c_str()},
       {[] { RecursiveMutexLock(&g_held), RecursiveMutexDestroy(&g_held); }, 1, kBusyText.c_str()},
-      {[] { KZCondition c = DestroyedCondition(); MutexLock(&g_lazy), ConditionTimedWait(&c, &g_lazy, 0); },
+      {[] {
+         KZCondition c = DestroyedCondition();
+         MutexLock(&g_lazy), ConditionTimedWait(&c, &g_lazy, 0);
+       },
        0, kWaitText.c_str()},
-      {[] { KZCondition condition = DestroyedCondition(); condition.waiters = 2; ConditionBroadcast(&condition); },
+      {[] {
+         KZCondition condition = DestroyedCondition();
+         condition.waiters = 2;
+         ConditionBroadcast(&condition);
+       },
        0, kPostText.c_str()},
-      {[] { KZRWLock lock = KZ_RWLOCK_INITIALIZER; RWLockRelease(&lock); },
+      {[] {
+         KZRWLock lock = KZ_RWLOCK_INITIALIZER;
+         RWLockRelease(&lock);
+       },
        0, "'lock->state > 0' failed at kzlib/kzthread:1370"},
   };
   for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);

@@ -62,8 +62,14 @@ TEST(CheckedAllocationDeathTest, FailedAllocationAndZeroAlignmentEndTheProcess) 
   EXPECT_DEATH(Allocate_(kImpossible, nullptr, "alloc/site.c", 77),
                "kzlib: \"site.c:77\": malloc failed: ptr=0x.* size=12345, "
                "process=\\{PeakWorkingSetSize=" KZ_RE_DIGITS ", WorkingSetSize=" KZ_RE_DIGITS
-               ", .*PeakPagefileUsage=" KZ_RE_DIGITS "\\}: " + kztest::ErrnoText(ENOMEM) + "\r\n");
-  EXPECT_DEATH({ void *aligned; AllocateAligned(16, 0, &aligned); }, "'align > 0' failed at kzlib/kzlib:4335\n");
+               ", .*PeakPagefileUsage=" KZ_RE_DIGITS "\\}: " +
+                   kztest::ErrnoText(ENOMEM) + "\r\n");
+  EXPECT_DEATH(
+      {
+        void *aligned;
+        AllocateAligned(16, 0, &aligned);
+      },
+      "'align > 0' failed at kzlib/kzlib:4335\n");
 }
 
 TEST(PageProtectionDeathTest, ReadOnlyAndDisabledPagesFault) {

@@ -63,7 +63,10 @@ TEST(MessageHandlers, CustomHandlerGetsTheContextAndNullRestoresTheDefault) {
 
 TEST(MessageStreams, NullRestoresTheStandardStream) {
   for (auto [which, standard] : {std::pair<int, FILE *>{0, stdout}, {1, stderr}}) {
-    { kztest::CapturedStream captured(which); EXPECT_EQ(KZGetMessageStream(which), captured.file()); }
+    {
+      kztest::CapturedStream captured(which);
+      EXPECT_EQ(KZGetMessageStream(which), captured.file());
+    }
     EXPECT_EQ(KZGetMessageStream(which), standard);  // null restored it
   }
 }
@@ -72,10 +75,13 @@ TEST(FatalLevelsDeathTest, LevelsFourAndFiveEndTheProcessEvenWhenTheHandlerRetur
   EXPECT_EXIT((KZSetAbort(kztest::AbortHookToStderr), KZErrorThrow(KZ_ERR_TIMEOUT, "inner cause"),
                KZErrorRethrow("while waiting"), KZMessageWithError(4, "giving up")),
               testing::ExitedWithCode(1),
-      "kzlib: \"message_test.cpp:" KZ_RE_DIGITS "\": giving up: while waiting: inner cause\r\n"
-      "\tThrown at .*TestBody\\(.*message_test.cpp:" KZ_RE_DIGITS "\\): inner cause\n"
-      "\tat .*TestBody\\(.*message_test.cpp:" KZ_RE_DIGITS "\\): while waiting\n"
-      ".*hook<message handler\\|kzlib/kzlib\\|1898>");
+              "kzlib: \"message_test.cpp:" KZ_RE_DIGITS
+              "\": giving up: while waiting: inner cause\r\n"
+              "\tThrown at .*TestBody\\(.*message_test.cpp:" KZ_RE_DIGITS
+              "\\): inner cause\n"
+              "\tat .*TestBody\\(.*message_test.cpp:" KZ_RE_DIGITS
+              "\\): while waiting\n"
+              ".*hook<message handler\\|kzlib/kzlib\\|1898>");
   EXPECT_EXIT(KZMessage(5, "fatal"), kAbort, "kzlib: \"message_test.cpp:" KZ_RE_DIGITS "\": fatal\r\n");
   EXPECT_EXIT((KZSetMessageHandler(RecordingHandler), KZMessage(4, "x")), testing::ExitedWithCode(1), "");
   EXPECT_EXIT((KZSetMessageHandler(RecordingHandler), KZMessage(5, "x")), kAbort, "");
@@ -124,7 +130,9 @@ TEST(MessageLock, LinesFromManyThreadsStayWhole) {
   kztest::CapturedStream errors(1);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; t++)
-    threads.emplace_back([t] { for (int i = 0; i < 300; i++) KZMessage(3, "thread %d line %d %s", t, i, "payload"); });
+    threads.emplace_back([t] {
+      for (int i = 0; i < 300; i++) KZMessage(3, "thread %d line %d %s", t, i, "payload");
+    });
   for (auto &thread : threads) thread.join();
   std::istringstream lines(errors.Text());
   std::regex whole(kStamp + "kzlib: \"message_test.cpp:[0-9]+\": thread ([0-9]) line ([0-9]+) payload\r");

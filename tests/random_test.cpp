@@ -25,7 +25,11 @@ struct Model {
 
 uint64_t StateOf(const KZRand &s) { return uint64_t{s.x0} << 32 | uint64_t{s.x1} << 16 | s.x2; }
 
-KZRand Seeded(uint64_t seed) { KZRand s; EXPECT_EQ(KZRandInit(&s, seed), 11); return s; }
+KZRand Seeded(uint64_t seed) {
+  KZRand s;
+  EXPECT_EQ(KZRandInit(&s, seed), 11);
+  return s;
+}
 
 // Seed 0 gives 0, 0x40942D, 0xAA8544E first. Bits 63-16 of a seed, from the
 // top byte down, go into the record's first six bytes in memory order, so
@@ -34,9 +38,17 @@ TEST(RandomSeed, FirstValuesAfterSeedZeroAndTheSeedBitsThatCount) {
   for (KZRand s = Seeded(0); uint32_t value : {0x0u, 0x40942Du, 0xAA8544Eu}) EXPECT_EQ(KZRandUInt(&s), value);
   const KZRand a = Seeded(0x0123456789ABCDEFull), b = Seeded(0x8000000000010000ull);
   EXPECT_TRUE(std::memcmp(&a, "\x01\x23\x45\x67\x89\xAB", 6) == 0 && std::memcmp(&b, "\x80\0\0\0\0\x01", 6) == 0);
-  const struct { uint64_t a, b; bool same; } cases[] = {{0x123456789ABC0000ull, 0x123456789ABCFFFFull, true},
-      {0, 0xFFFF, true}, {0, 0x10000, false}, {0x123456789ABC0000ull, 0x923456789ABC0000ull, false}};
-  const auto first = [](uint64_t seed) { KZRand r = Seeded(seed); return KZRandULong(&r); };
+  const struct {
+    uint64_t a, b;
+    bool same;
+  } cases[] = {{0x123456789ABC0000ull, 0x123456789ABCFFFFull, true},
+               {0, 0xFFFF, true},
+               {0, 0x10000, false},
+               {0x123456789ABC0000ull, 0x923456789ABC0000ull, false}};
+  const auto first = [](uint64_t seed) {
+    KZRand r = Seeded(seed);
+    return KZRandULong(&r);
+  };
   for (const auto &c : cases) EXPECT_EQ(first(c.a) == first(c.b), c.same) << std::hex << c.a << " " << c.b;
 }
 
@@ -67,9 +79,11 @@ TEST(RandomShared, ThreadsReceiveEveryStepExactlyOnce) {
     const auto draw = [wide](KZRand *state) { return wide ? KZRandULong(state) : uint64_t{KZRandUInt(state)}; };
     KZRandInit(nullptr, 0x5EED5EED5EED0000ull);
     std::vector<uint64_t> got[2], expected(100000);
-    const auto work = [&](int t) { for (int i = 0; i < 50000; ++i) got[t].push_back(draw(nullptr)); };
+    const auto work = [&](int t) {
+      for (int i = 0; i < 50000; ++i) got[t].push_back(draw(nullptr));
+    };
     { std::jthread first(work, 0), second(work, 1); }
-    for (KZRand s = Seeded(0x5EED5EED5EED0000ull); uint64_t &v : expected) v = draw(&s);
+    for (KZRand s = Seeded(0x5EED5EED5EED0000ull); uint64_t & v : expected) v = draw(&s);
     got[0].insert(got[0].end(), got[1].begin(), got[1].end());
     std::sort(got[0].begin(), got[0].end()), std::sort(expected.begin(), expected.end());
     EXPECT_TRUE(got[0] == expected) << wide;
@@ -81,18 +95,21 @@ TEST(RandomShared, ThreadsReceiveEveryStepExactlyOnce) {
 // forked child draws what its parent draws next when the program seeded the
 // generator itself, and its own values when the seed came from entropy.
 TEST(RandomShared, SeedsItselfOnceAndForkedChildren) {
-  EXPECT_EXIT({
-    uint32_t r[8];
-    for (uint32_t &v : r) v = KZRandUInt(nullptr);
-    int states = 0;  // the states behind r[0] that go on with r[1..7]
-    for (uint64_t low = 0; low < 0x10000; ++low) {
-      Model m{uint64_t{r[0]} << 16 | low};
-      states += std::all_of(r + 1, r + 8, [&](uint32_t v) { return m.Next() == v; });
-    }
-    exit(states == 1 && r[0] != 0 ? 0 : 1);
-  }, ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(
+      {
+        uint32_t r[8];
+        for (uint32_t &v : r) v = KZRandUInt(nullptr);
+        int states = 0;  // the states behind r[0] that go on with r[1..7]
+        for (uint64_t low = 0; low < 0x10000; ++low) {
+          Model m{uint64_t{r[0]} << 16 | low};
+          states += std::all_of(r + 1, r + 8, [&](uint32_t v) { return m.Next() == v; });
+        }
+        exit(states == 1 && r[0] != 0 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
   const auto childDraw = [] {
-    const auto child = kztest::RunChild({}, [] { return printf("%s", std::to_string(KZRandULong(nullptr)).c_str()) < 0; });
+    const auto child =
+        kztest::RunChild({}, [] { return printf("%s", std::to_string(KZRandULong(nullptr)).c_str()) < 0; });
     EXPECT_TRUE(child.Exited(0)) << child.Describe();
     return child.out;
   };

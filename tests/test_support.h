@@ -6,12 +6,12 @@
 #include <stdlib.h>
 #include <string.h>
 #if defined(_WIN32)
-#include <windows.h>
 #include <io.h>
 #include <process.h>
+#include <windows.h>
 #else
-#include <sys/wait.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #endif
 

@@ -13,8 +13,8 @@
 #include <atomic>
 #include <latch>
 
-#include "kz/error.h"
 #include "child_process.h"
+#include "kz/error.h"
 #include "test_support.h"
 
 namespace {
@@ -46,7 +46,8 @@ int SystemJoin(KZThread thread, void **exitValue) {  // 0, or 1 when the system 
 KZThread SystemThreadReturning(unsigned value) {
   static unsigned returned;
   returned = value;
-  return reinterpret_cast<uintptr_t>(CreateThread(nullptr, 0, [](void *) -> DWORD { return returned; }, nullptr, 0, nullptr));
+  return reinterpret_cast<uintptr_t>(CreateThread(
+      nullptr, 0, [](void *) -> DWORD { return returned; }, nullptr, 0, nullptr));
 }
 #else
 uint64_t KernelThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
@@ -57,7 +58,8 @@ KZThread SystemThreadReturning(unsigned value) {
   static unsigned returned;
   returned = value;
   pthread_t plain;
-  pthread_create(&plain, nullptr, [](void *) { return reinterpret_cast<void *>(uintptr_t{returned}); }, nullptr);
+  pthread_create(
+      &plain, nullptr, [](void *) { return reinterpret_cast<void *>(uintptr_t{returned}); }, nullptr);
   return static_cast<KZThread>(plain);
 }
 #endif
@@ -66,7 +68,7 @@ TEST(ThreadResultsDeathTest, DetachedThreadsEntryIsFreedAndReusedByTheNextCreati
   // Joined through the system, a library thread shows its entry index as its
   // exit value; such joins leave entries in use, hence a new process.
   const auto reuse = [] {
-    std::latch go(0);  // open
+    std::latch go(0);                                               // open
     KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);  // entry 0
     const bool ended = EventuallyTrue([&] { return !ThreadIsAlive(detached); });
     // Entry 0 again, which must not keep the detached flag; once joined, entry 0 once more.
@@ -108,7 +110,12 @@ int64_t OwnStackSize(void *) {
 #endif
   return static_cast<int64_t>(size);
 }
-struct { KZThreadFunction function; void *argument; uint32_t kib; std::string where; } g_hook;  // its arguments
+struct {
+  KZThreadFunction function;
+  void *argument;
+  uint32_t kib;
+  std::string where;
+} g_hook;  // its arguments
 
 TEST(ThreadCreate, HookReplacesCreation) {
   SetThreadCreateHooks([](KZThreadFunction f, void *a, uint32_t kib, const char *file, uint32_t line) -> KZThread {
@@ -204,15 +211,17 @@ TEST(ThreadName, LibraryThreadIsNamedAfterItsCreationAndRenamed) {
 #else
   static const std::string tooLong(300, 'x'), utf8 = "\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9";
   std::string seen, created = __FILE__ ":" + std::to_string(__LINE__ + 1);  // seen: the name, then the system's copy
-  ThreadJoin(ThreadCreate([](void *seen) -> int64_t {
-    for (const char *name : {"", "pool/worker-number-12345", tooLong.c_str(), utf8.c_str()}) {
-      char system[64] = "";
-      if (*name) ThreadSetName(name);
-      pthread_getname_np(pthread_self(), system, sizeof system);
-      *static_cast<std::string *>(seen) += ThreadGetName() + std::string("|") + system + "|";
-    }
-    return 0;
-  }, &seen, 0));
+  ThreadJoin(ThreadCreate(
+      [](void *seen) -> int64_t {
+        for (const char *name : {"", "pool/worker-number-12345", tooLong.c_str(), utf8.c_str()}) {
+          char system[64] = "";
+          if (*name) ThreadSetName(name);
+          pthread_getname_np(pthread_self(), system, sizeof system);
+          *static_cast<std::string *>(seen) += ThreadGetName() + std::string("|") + system + "|";
+        }
+        return 0;
+      },
+      &seen, 0));
   // The system's copy: the last component, cut to 15 bytes of whole characters.
   EXPECT_EQ(seen, created + "|thread_test.cpp|pool/worker-number-12345|worker-number-1|" + std::string(255, 'x') + "|" +
                       std::string(15, 'x') + "|" + utf8 + "|" + utf8.substr(0, 14) + "|");
@@ -227,8 +236,14 @@ TEST(ThreadPriority, TableValuesMapToNiceValuesOthersToNormalAndRaisingNeedsTheR
 #else
   if (NiceOf(KernelThreadId()) != 0) GTEST_SKIP() << "not running at nice value 0";  // which new threads inherit
   kztest::Child child = kztest::RunChild({}, [] {
-    struct Worker { std::latch go{1}; std::atomic<uint64_t> id{0}; } worker;
-    auto run = [](void *a) { auto *w = static_cast<Worker *>(a); return w->id = ThreadId(), w->go.wait(), int64_t{0}; };
+    struct Worker {
+      std::latch go{1};
+      std::atomic<uint64_t> id{0};
+    } worker;
+    auto run = [](void *a) {
+      auto *w = static_cast<Worker *>(a);
+      return w->id = ThreadId(), w->go.wait(), int64_t{0};
+    };
     const KZThread thread = ThreadCreate(run, &worker, 0);
     if (!EventuallyTrue([&] { return worker.id.load() != 0; })) return 2;
     // Prints "priority:nice" for each value, whether raising back to normal went as the right allows, then the
@@ -270,36 +285,47 @@ TEST(ThreadStress, ManyThreadsCreatedAndJoinedConcurrently) {
   ran = failures = 0;
   std::vector<KZThread> creators, detached[8];
   for (auto &mine : detached)  // the creators are library threads themselves
-    creators.push_back(ThreadCreate([](void *mine) -> int64_t {
-      for (int64_t round = 0, value; round < 40; round++) {  // results of every width and sign
-        KZThread joinable = ThreadCreate(ReturnValueAt, &(value = (round % 2 ? INT64_MIN : INT64_MAX) ^ round), 0);
-        auto counted = [](void *) -> int64_t { ran++; return 0; };
-        static_cast<std::vector<KZThread> *>(mine)->push_back(ThreadCreateDetached(counted, nullptr, 0));
-        failures += ThreadJoin(joinable) != value;
-      }
-      return -7;
-    }, &mine, 0));
+    creators.push_back(ThreadCreate(
+        [](void *mine) -> int64_t {
+          for (int64_t round = 0, value; round < 40; round++) {  // results of every width and sign
+            KZThread joinable = ThreadCreate(ReturnValueAt, &(value = (round % 2 ? INT64_MIN : INT64_MAX) ^ round), 0);
+            auto counted = [](void *) -> int64_t {
+              ran++;
+              return 0;
+            };
+            static_cast<std::vector<KZThread> *>(mine)->push_back(ThreadCreateDetached(counted, nullptr, 0));
+            failures += ThreadJoin(joinable) != value;
+          }
+          return -7;
+        },
+        &mine, 0));
   for (KZThread creator : creators) EXPECT_EQ(ThreadJoin(creator), -7);
-  for (auto &mine : detached) for (KZThread thread : mine) WaitForEnd(thread);
+  for (auto &mine : detached)
+    for (KZThread thread : mine) WaitForEnd(thread);
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(ran.load(), 8 * 40);
 }
 
 TEST(ThreadDeathTest, FatalMessagesAndAssertions) {
   const kztest::FatalCase cases[] = {
-      {[] { ThreadJoin(ThreadGetCurrent()); }, 1, "kzlib: \"kzthread:708\": thread operation failed"},
-      {[] {  // an exit value that is no entry of the table
-         ThreadJoin(SystemThreadReturning(0x7FFFFFFF));
-       }, 0, "'result < ArrayLength\\(threadResults\\)' failed at kzlib/kzthread:717"},
+    {[] { ThreadJoin(ThreadGetCurrent()); }, 1, "kzlib: \"kzthread:708\": thread operation failed"},
+    {[] {  // an exit value that is no entry of the table
+       ThreadJoin(SystemThreadReturning(0x7FFFFFFF));
+     },
+     0, "'result < ArrayLength\\(threadResults\\)' failed at kzlib/kzthread:717"},
 #if !defined(_WIN32)
-      {[] {  // 4 TiB of stack, not under a cap a little above what the process uses now
-         unsigned long long pages = 0;
-         std::ifstream("/proc/self/statm") >> pages;
-         const rlimit limit = {pages * sysconf(_SC_PAGESIZE) + (256u << 20), RLIM_INFINITY};
-         if (pages && setrlimit(RLIMIT_AS, &limit) == 0) ThreadCreate(ReturnValueAt, nullptr, 0xFFFFFFFFu);
-       }, 1, "\"kzthread:651\": thread creation failed, errno=11"},
+    {[] {  // 4 TiB of stack, not under a cap a little above what the process uses now
+       unsigned long long pages = 0;
+       std::ifstream("/proc/self/statm") >> pages;
+       const rlimit limit = {pages * sysconf(_SC_PAGESIZE) + (256u << 20), RLIM_INFINITY};
+       if (pages && setrlimit(RLIMIT_AS, &limit) == 0) ThreadCreate(ReturnValueAt, nullptr, 0xFFFFFFFFu);
+     },
+     1, "\"kzthread:651\": thread creation failed, errno=11"},
 #endif
-      {[] { for (int i = 0; i < 100000; i++) ThreadVarCreate(nullptr); }, 1, "\"kzthread:1108\": TlsAlloc failed"},
+    {[] {
+       for (int i = 0; i < 100000; i++) ThreadVarCreate(nullptr);
+     },
+     1, "\"kzthread:1108\": TlsAlloc failed"},
   };
   for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);
 }

@@ -51,11 +51,15 @@ testing::AssertionResult Encodes(int (*encode)(Record *, const char *, uint32_t)
   if (ref.outcome != Outcome::kInvalid && ref.outcome != Outcome::kTooLarge)
     return testing::AssertionResult(error == 0 && KZErrorCode() == 0)
            << "errno " << error << " (" << KZErrorMessage() << ") after " << testing::PrintToString(std::string(text));
-  struct Level { std::string module, function, file; uint32_t line = 0; } level;  // the innermost
-  KZErrorEnumerateStack([](void *to, const char *, const char *module, const char *function, const char *file,
-                           uint32_t line) {
-    if (!static_cast<Level *>(to)->line) *static_cast<Level *>(to) = {module, function, file, line};
-  }, &level);
+  struct Level {
+    std::string module, function, file;
+    uint32_t line = 0;
+  } level;  // the innermost
+  KZErrorEnumerateStack(
+      [](void *to, const char *, const char *module, const char *function, const char *file, uint32_t line) {
+        if (!static_cast<Level *>(to)->line) *static_cast<Level *>(to) = {module, function, file, line};
+      },
+      &level);
   static std::atomic<uint32_t> readerLines[2];  // one error exit per reader, shared by both messages
   uint32_t seen = 0;
   if (readerLines[form == Form::kUCS4].compare_exchange_strong(seen, level.line)) seen = level.line;
@@ -65,8 +69,8 @@ testing::AssertionResult Encodes(int (*encode)(Record *, const char *, uint32_t)
       level.module != "kzlib" || level.function != (form == Form::kUCS4 ? "ReadUTF8_32" : "ReadUTF8Inline") ||
       level.file != "kzlib/unicode/unicode" || level.line == 0 || level.line != seen)
     return testing::AssertionFailure() << "error '" << KZErrorMessage() << "' at " << level.module << "."
-                                       << level.function << " " << level.file << ":" << level.line << " (first "
-                                       << seen << ")";
+                                       << level.function << " " << level.file << ":" << level.line << " (first " << seen
+                                       << ")";
   return testing::AssertionSuccess();
 }
 
@@ -78,21 +82,42 @@ testing::AssertionResult Encodes(Form form, std::string_view text, uint32_t coun
 
 TEST(Unicode, EncodersOnDocumentedInputs) {
   constexpr Form k2 = Form::kUCS2, k4 = Form::kUCS4, kL = Form::kLatin1;
-  constexpr Outcome kOk = Outcome::kOk, kBad = Outcome::kInvalid, kBig = Outcome::kTooLarge,
-                    kCut = Outcome::kTruncated, kNot1 = Outcome::kNotLatin1;
-  const struct { Form form; std::string_view text; std::vector<uint32_t> values; Outcome outcome; } cases[] = {
-      {k2, "A\xC3\xA9"sv, {0x41, 0xE9}, kOk}, {k2, "\xC0\x80xy"sv, {}, kBad}, {k2, "ab\xC3"sv, {'a', 'b'}, kCut},
-      {k2, "\xF0\x9F\x98\x80"sv, {}, kBig}, {k4, "\xF0\x9F\x98\x80"sv, {0x1F600}, kOk},
-      {k4, "\xF8\x80\x80\x80"sv, {0x200000}, kOk}, {k4, "\xFF\xBF\xBF\xBF"sv, {0x3FFFFF}, kOk},  // no upper bound
-      {k4, "\xF0\x8F\xBF\xBF"sv, {}, kBad}, {k4, "\xF4\x8F\xBF"sv, {}, kCut}, {k4, "\xF0"sv, {}, kCut},
-      {k2, "\xF0"sv, {}, kBig}, {k2, "x\xF8\x41"sv, {'x'}, kBig},  // whatever follows
-      {kL, "\xC4\x80"sv, {}, kNot1}, {kL, "\xC3\xBF"sv, {0xFF}, kOk}, {kL, "ok\xE2\x82\xAC"sv, {'o', 'k'}, kNot1},
-      {kL, "\xF0\x9F\x98\x80"sv, {}, kBig}, {kL, "\xC4\x41"sv, {}, kBad},  // read fully before the range test
-      {k2, "\xED\xA0\xBD\xED\xB8\x80"sv, {0xD83D, 0xDE00}, kOk}, {k4, "\xED\xBF\xBF"sv, {0xDFFF}, kOk},  // unpaired
+  constexpr Outcome kOk = Outcome::kOk, kBad = Outcome::kInvalid, kBig = Outcome::kTooLarge, kCut = Outcome::kTruncated,
+                    kNot1 = Outcome::kNotLatin1;
+  const struct {
+    Form form;
+    std::string_view text;
+    std::vector<uint32_t> values;
+    Outcome outcome;
+  } cases[] = {
+      {k2, "A\xC3\xA9"sv, {0x41, 0xE9}, kOk},
+      {k2, "\xC0\x80xy"sv, {}, kBad},
+      {k2, "ab\xC3"sv, {'a', 'b'}, kCut},
+      {k2, "\xF0\x9F\x98\x80"sv, {}, kBig},
+      {k4, "\xF0\x9F\x98\x80"sv, {0x1F600}, kOk},
+      {k4, "\xF8\x80\x80\x80"sv, {0x200000}, kOk},
+      {k4, "\xFF\xBF\xBF\xBF"sv, {0x3FFFFF}, kOk},  // no upper bound
+      {k4, "\xF0\x8F\xBF\xBF"sv, {}, kBad},
+      {k4, "\xF4\x8F\xBF"sv, {}, kCut},
+      {k4, "\xF0"sv, {}, kCut},
+      {k2, "\xF0"sv, {}, kBig},
+      {k2, "x\xF8\x41"sv, {'x'}, kBig},  // whatever follows
+      {kL, "\xC4\x80"sv, {}, kNot1},
+      {kL, "\xC3\xBF"sv, {0xFF}, kOk},
+      {kL, "ok\xE2\x82\xAC"sv, {'o', 'k'}, kNot1},
+      {kL, "\xF0\x9F\x98\x80"sv, {}, kBig},
+      {kL, "\xC4\x41"sv, {}, kBad},  // read fully before the range test
+      {k2, "\xED\xA0\xBD\xED\xB8\x80"sv, {0xD83D, 0xDE00}, kOk},
+      {k4, "\xED\xBF\xBF"sv, {0xDFFF}, kOk},  // unpaired
       {k2, "\xE0\xA0\x80\xEF\xBF\xBF\xC2\x80\xDF\xBF"sv, {0x800, 0xFFFF, 0x80, 0x7FF}, kOk},
-      {k2, "\xE0\x9F\xBF"sv, {}, kBad}, {k2, "\xC1\xBF"sv, {}, kBad}, {k2, "a\x80"sv, {'a'}, kBad},
-      {k2, "\xE2\x28\xA1"sv, {}, kBad}, {k2, "\xE0\x80"sv, {}, kCut},  // cut off before it could be found overlong
-      {k2, "\xE0\x41"sv, {}, kBad}, {k4, "a\0b"sv, {'a', 0, 'b'}, kOk}, {k2, ""sv, {}, kOk},
+      {k2, "\xE0\x9F\xBF"sv, {}, kBad},
+      {k2, "\xC1\xBF"sv, {}, kBad},
+      {k2, "a\x80"sv, {'a'}, kBad},
+      {k2, "\xE2\x28\xA1"sv, {}, kBad},
+      {k2, "\xE0\x80"sv, {}, kCut},  // cut off before it could be found overlong
+      {k2, "\xE0\x41"sv, {}, kBad},
+      {k4, "a\0b"sv, {'a', 0, 'b'}, kOk},
+      {k2, ""sv, {}, kOk},
   };
   for (const auto &c : cases) {
     EXPECT_TRUE(RefRead(c.text, c.form) == (Reference{c.values, c.outcome})) << c.text;
@@ -124,7 +149,8 @@ TEST(Unicode, DecodersOnDocumentedInputs) {
   Scoped<UByteArray> a, dropped, b, c;
   KZErrorClear();
   ASSERT_EQ(UCS2Decode(&a, pair, 2) + UCS4Decode(&dropped, points + 1, 1) + UCS4Decode(&b, points, 9) +
-                ISO88591Decode(&c, "a\xE9\xFF\x80", 4), 4);
+                ISO88591Decode(&c, "a\xE9\xFF\x80", 4),
+            4);
   EXPECT_EQ(kztest::Bytes(a), "\xED\xA0\xBD\xED\xB8\x80");
   EXPECT_TRUE(dropped.count == 0 && dropped.elements[0] == 0);  // without a trace
   EXPECT_EQ(kztest::Bytes(b), "\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF\xF7\xBF\xBF\xBF"s + '\0' + "\xDF\xBF\xED\xA0\x80");
@@ -136,11 +162,29 @@ TEST(Unicode, DecodersOnDocumentedInputs) {
 // of texts of every length 0-40 made of ASCII, Latin-1, CJK and 4-byte fillers
 // (each at least 40 bytes long), into arrays growing in small steps and arrays
 // with room for every block.
-const std::string_view kInserts[] = {
-    "\x80"sv, "\xBF"sv, "\xC0\x80"sv, "\xC1\xBF"sv, "\xC3"sv, "\xC3\xA9"sv, "\xC4\x80"sv, "\xC2\x41"sv, "\xE2\x82"sv,
-    "\xE2\x82\xAC"sv, "\xE0\x80"sv, "\xE0\x9F\xBF"sv, "\xE2\x28\xA1"sv, "\xE2\x82\x28"sv, "\xED\xA0\x80"sv,
-    "\xEF\xBF\xBF"sv, "\xF0\x9F\x98\x80"sv, "\xF0\x8F\xBF\xBF"sv, "\xF8\x80\x80\x80"sv, "\xFF\xBF\xBF\xBF"sv,
-    "\xF4\x8F\xBF"sv, "\xF0\x80\x41\x80"sv, "\0"sv};
+const std::string_view kInserts[] = {"\x80"sv,
+                                     "\xBF"sv,
+                                     "\xC0\x80"sv,
+                                     "\xC1\xBF"sv,
+                                     "\xC3"sv,
+                                     "\xC3\xA9"sv,
+                                     "\xC4\x80"sv,
+                                     "\xC2\x41"sv,
+                                     "\xE2\x82"sv,
+                                     "\xE2\x82\xAC"sv,
+                                     "\xE0\x80"sv,
+                                     "\xE0\x9F\xBF"sv,
+                                     "\xE2\x28\xA1"sv,
+                                     "\xE2\x82\x28"sv,
+                                     "\xED\xA0\x80"sv,
+                                     "\xEF\xBF\xBF"sv,
+                                     "\xF0\x9F\x98\x80"sv,
+                                     "\xF0\x8F\xBF\xBF"sv,
+                                     "\xF8\x80\x80\x80"sv,
+                                     "\xFF\xBF\xBF\xBF"sv,
+                                     "\xF4\x8F\xBF"sv,
+                                     "\xF0\x80\x41\x80"sv,
+                                     "\0"sv};
 const std::string_view kFillers[] = {
     "The quick brown fox jumps over the lazy dog, twice: 0123456789."sv,
     "d\xC3\xA9j\xC3\xA0 vu, \xC3\xA7\xC3\xA0 et l\xC3\xA0 \xC3\xBC\xC3\xB6\xC3\xA4\xC3\x9F"
@@ -235,7 +279,8 @@ TEST(Unicode, AgreesWithIconv) {
              kztest::Bytes(back) == utf8 && std::vector<uint32_t>(a.elements, a.elements + a.count) == values;
     };
     ASSERT_TRUE(agrees(Scoped<UIntArray>(), UCS4Encode, UCS4Decode) &&
-                (width == 4 || agrees(Scoped<UShortArray>(), UCS2Encode, UCS2Decode))) << std::hex << first;
+                (width == 4 || agrees(Scoped<UShortArray>(), UCS2Encode, UCS2Decode)))
+        << std::hex << first;
   }
 }
 
@@ -267,11 +312,27 @@ TEST(UnicodeDeathTest, GrowthLimits) {
   const char *kOver = "'newCapacity <= maxSize - 1' failed at kzlib/array:78";
   const kztest::FatalCase cases[] = {
       // Appends grow within the 32-bit counter range: a full array at its top stops there.
-      {[] { UShortArray a{g_units, 4294967294u, 4294967294u}; UCS2Encode(&a, "a", 1); }, 0, kClamp},
+      {[] {
+         UShortArray a{g_units, 4294967294u, 4294967294u};
+         UCS2Encode(&a, "a", 1);
+       },
+       0, kClamp},
       // The terminator and the decoders' 8 free bytes must stay below 2^31 elements.
-      {[] { UShortArray a{g_units, 2147483648u, 2147483648u}; UCS2Encode(&a, "", 0); }, 0, kOver},
-      {[] { UByteArray a{g_bytes, 2147483640u, 2147483646u}; UCS2Decode(&a, g_units, 1); }, 0, kClamp},
-      {[] { UByteArray a{g_bytes, 2147483647u, 2147483647u}; ISO88591Decode(&a, "", 0); }, 0, kOver},
+      {[] {
+         UShortArray a{g_units, 2147483648u, 2147483648u};
+         UCS2Encode(&a, "", 0);
+       },
+       0, kOver},
+      {[] {
+         UByteArray a{g_bytes, 2147483640u, 2147483646u};
+         UCS2Decode(&a, g_units, 1);
+       },
+       0, kClamp},
+      {[] {
+         UByteArray a{g_bytes, 2147483647u, 2147483647u};
+         ISO88591Decode(&a, "", 0);
+       },
+       0, kOver},
   };
   for (const kztest::FatalCase &c : cases) kztest::ExpectFatal(c);
 }

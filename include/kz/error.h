@@ -26,21 +26,21 @@
 KZ_BEGIN_DECLS
 
 #define KZ_ERROR_CODE(domain, code) ((((uint64_t)(domain)) << 32) | (uint32_t)(code))
-#define KZ_ERROR_DOMAIN(error) ((uint32_t)((uint64_t)(error) >> 32))
+#define KZ_ERROR_DOMAIN(error)      ((uint32_t)((uint64_t)(error) >> 32))
 
-#define KZ_DOMAIN_ERRNO 0
+#define KZ_DOMAIN_ERRNO  0
 #define KZ_DOMAIN_SYSTEM 1
-#define KZ_DOMAIN_KZ 2
+#define KZ_DOMAIN_KZ     2
 
-#define KZ_ERR_GENERAL KZ_ERROR_CODE(2, 0)
-#define KZ_ERR_INVALID KZ_ERROR_CODE(2, 1)
-#define KZ_ERR_TIMEOUT KZ_ERROR_CODE(2, 2)
-#define KZ_ERR_PROTOCOL KZ_ERROR_CODE(2, 3)
-#define KZ_ERR_SSL KZ_ERROR_CODE(2, 5)
+#define KZ_ERR_GENERAL       KZ_ERROR_CODE(2, 0)
+#define KZ_ERR_INVALID       KZ_ERROR_CODE(2, 1)
+#define KZ_ERR_TIMEOUT       KZ_ERROR_CODE(2, 2)
+#define KZ_ERR_PROTOCOL      KZ_ERROR_CODE(2, 3)
+#define KZ_ERR_SSL           KZ_ERROR_CODE(2, 5)
 #define KZ_ERR_NOT_SUPPORTED KZ_ERROR_CODE(2, 6)
-#define KZ_ERR_EOF KZ_ERROR_CODE(2, 7)
+#define KZ_ERR_EOF           KZ_ERROR_CODE(2, 7)
 
-#define KZ_ERROR_STACK_MAX 32
+#define KZ_ERROR_STACK_MAX   32
 #define KZ_ERROR_MESSAGE_MAX 1024
 
 /* The platform's last error: the errno value of the last failing system call
@@ -70,8 +70,8 @@ KZ_API int KZErrorGetErrno(void);
 /* The current message; valid until the next error call on this thread. */
 KZ_API const char *KZErrorMessage(void);
 
-typedef void (*KZErrorStackCallback)(void *argument, const char *text, const char *module,
-                                     const char *function, const char *file, uint32_t line);
+typedef void (*KZErrorStackCallback)(void *argument, const char *text, const char *module, const char *function,
+                                     const char *file, uint32_t line);
 /* Calls back once per stack level, innermost first; 1, or 0 when there is no
  * error or no stack. The callback may raise errors of its own. */
 KZ_API int KZErrorEnumerateStack(KZErrorStackCallback callback, void *argument);
@@ -98,11 +98,10 @@ KZ_API int64_t KZRunProtected_(KZProtectedFunction function, void *argument, KZC
 
 /* ---- calling macros -------------------------------------------------------- */
 
-#define KZErrorThrow \
-  (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, 4, 0), KZErrorThrow_)
+#define KZErrorThrow (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, 4, 0), KZErrorThrow_)
 #define KZErrorRethrow \
   (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, 4, 0), KZErrorRethrow_)
-#define KZErrorThrowInputError(name, line, status)                                        \
+#define KZErrorThrowInputError(name, line, status)                                    \
   (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, 4, 0), \
    KZErrorThrowInputError_((name), (line), (status)))
 #define KZRunProtected(function, argument, report) KZRunProtected_((function), (argument), (report))

@@ -50,7 +50,7 @@ constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGSYS};
 constexpr int kSignalCount = sizeof kSignals / sizeof kSignals[0];
 constexpr size_t kMaxFrames = 64;
 constexpr size_t kAltStackSize = 256 * 1024;
-constexpr size_t kAltStackMinimum = 64 * 1024;  // a smaller stack found in place is replaced
+constexpr size_t kAltStackMinimum = 64 * 1024;   // a smaller stack found in place is replaced
 constexpr size_t kStackBytesAbove = 256 * 1024;  // stack dumped above the stack pointer
 constexpr size_t kRedZone = 128;
 constexpr size_t kDirectoryMax = 4000;
@@ -293,10 +293,8 @@ const char *SignalCodeName(int signal, int code) {
         case FPE_FLTSUB: return "FPE_FLTSUB";
         default: return "";
       }
-    case SIGSYS:
-      return code == 1 ? "SYS_SECCOMP" : "";
-    default:
-      return "";
+    case SIGSYS: return code == 1 ? "SYS_SECCOMP" : "";
+    default: return "";
   }
 }
 
@@ -329,10 +327,8 @@ uint32_t ExceptionCode(int signal, const siginfo_t *info, uintptr_t sp) {
       // A fault just below (or at) the stack pointer: the stack ran out.
       if (code > 0 && address != 0 && address + 65536 >= sp && address < sp + 4096) return kStackOverflow;
       return kAccessViolation;
-    case SIGBUS:
-      return code == BUS_ADRALN ? kDatatypeMisalignment : kInPageError;
-    case SIGILL:
-      return (code == ILL_PRVOPC || code == ILL_PRVREG) ? kPrivilegedInstruction : kIllegalInstruction;
+    case SIGBUS: return code == BUS_ADRALN ? kDatatypeMisalignment : kInPageError;
+    case SIGILL: return (code == ILL_PRVOPC || code == ILL_PRVREG) ? kPrivilegedInstruction : kIllegalInstruction;
     case SIGFPE:
       switch (code) {
         case FPE_INTDIV: return kIntegerDivideByZero;
@@ -344,10 +340,8 @@ uint32_t ExceptionCode(int signal, const siginfo_t *info, uintptr_t sp) {
         case FPE_FLTSUB: return kArrayBoundsExceeded;
         default: return kFloatInvalidOperation;
       }
-    case SIGSYS:
-      return kInvalidSystemService;
-    default:
-      return kAccessViolation;
+    case SIGSYS: return kInvalidSystemService;
+    default: return kAccessViolation;
   }
 }
 
@@ -361,10 +355,8 @@ bool TakenByProtectedCall(uint32_t code) {
     case kArrayBoundsExceeded:
     case kPrivilegedInstruction:
     case kStackOverflow:
-    case kDatatypeMisalignment:
-      return true;
-    default:
-      return false;
+    case kDatatypeMisalignment: return true;
+    default: return false;
   }
 }
 
@@ -423,8 +415,10 @@ void WatchdogExpired(int) {
   char buffer[256];
   {
     Writer out(ErrorStreamFd(), buffer, sizeof buffer);
-    out.Str(ProgramName()).Str(": crash handler still running after ").Dec(g_graceTime.load()).Str(
-        " seconds, ending the process\n");
+    out.Str(ProgramName())
+        .Str(": crash handler still running after ")
+        .Dec(g_graceTime.load())
+        .Str(" seconds, ending the process\n");
   }
   EndWithSignal(signal ? signal : SIGABRT);
 }
@@ -500,11 +494,11 @@ void WriteRegisters(Writer &out, const ucontext_t *context) {
   static const struct {
     const char *name;
     int index;
-  } kRegisters[] = {{"rax", REG_RAX}, {"rbx", REG_RBX}, {"rcx", REG_RCX},       {"rdx", REG_RDX},
-                    {"rsi", REG_RSI}, {"rdi", REG_RDI}, {"rbp", REG_RBP},       {"rsp", REG_RSP},
-                    {"r8", REG_R8},   {"r9", REG_R9},   {"r10", REG_R10},       {"r11", REG_R11},
-                    {"r12", REG_R12}, {"r13", REG_R13}, {"r14", REG_R14},       {"r15", REG_R15},
-                    {"rip", REG_RIP}, {"eflags", REG_EFL}, {"csgsfs", REG_CSGSFS}, {"err", REG_ERR},
+  } kRegisters[] = {{"rax", REG_RAX},       {"rbx", REG_RBX},         {"rcx", REG_RCX},       {"rdx", REG_RDX},
+                    {"rsi", REG_RSI},       {"rdi", REG_RDI},         {"rbp", REG_RBP},       {"rsp", REG_RSP},
+                    {"r8", REG_R8},         {"r9", REG_R9},           {"r10", REG_R10},       {"r11", REG_R11},
+                    {"r12", REG_R12},       {"r13", REG_R13},         {"r14", REG_R14},       {"r15", REG_R15},
+                    {"rip", REG_RIP},       {"eflags", REG_EFL},      {"csgsfs", REG_CSGSFS}, {"err", REG_ERR},
                     {"trapno", REG_TRAPNO}, {"oldmask", REG_OLDMASK}, {"cr2", REG_CR2}};
   int column = 0;
   for (const auto &reg : kRegisters) {
@@ -557,8 +551,10 @@ void WriteFrame(void *data, const backtrace::Frame &frame) {
     out.Str("??");
   }
   if (frame.file) {
-    out.Str(" at ").Str(line->shortForm ? BaseName(frame.file) : frame.file).Char(':').Dec(
-        static_cast<uint64_t>(frame.line < 0 ? 0 : frame.line));
+    out.Str(" at ")
+        .Str(line->shortForm ? BaseName(frame.file) : frame.file)
+        .Char(':')
+        .Dec(static_cast<uint64_t>(frame.line < 0 ? 0 : frame.line));
   }
   if (frame.inlined) out.Str(" (inlined)");
   if (!line->shortForm && frame.module && !frame.inlined)
@@ -580,8 +576,12 @@ void WriteLog(const char *name) {
     out.Str("kzlib crash report\n\n");
     out.Str("Program:        ").Str(ProgramName()).Char('\n');
     out.Str("Executable:     ").Str(length > 0 ? executable : "(unknown)").Char('\n');
-    out.Str("Library:        kzlib ").Dec(static_cast<uint64_t>(kzlib_major)).Char('.').Dec(
-        static_cast<uint64_t>(kzlib_minor)).Char('.').Dec(static_cast<uint64_t>(kzlib_build));
+    out.Str("Library:        kzlib ")
+        .Dec(static_cast<uint64_t>(kzlib_major))
+        .Char('.')
+        .Dec(static_cast<uint64_t>(kzlib_minor))
+        .Char('.')
+        .Dec(static_cast<uint64_t>(kzlib_build));
     if (kzlib_branch) out.Char('.').Dec(static_cast<uint64_t>(kzlib_branch));
     out.Char(' ').Str(KZArchitecture()).Char('\n');
     out.Str("Host:           ").Str(host ? host : "(unknown)").Char('\n');
@@ -689,9 +689,12 @@ void WriteMemoryMap(DumpFile &dump, uintptr_t sp, uintptr_t &stackStart, uintptr
         uintptr_t value = 0;
         for (;; p++) {
           char d = *p;
-          if (d >= '0' && d <= '9') value = value * 16 + static_cast<uintptr_t>(d - '0');
-          else if (d >= 'a' && d <= 'f') value = value * 16 + static_cast<uintptr_t>(d - 'a' + 10);
-          else break;
+          if (d >= '0' && d <= '9')
+            value = value * 16 + static_cast<uintptr_t>(d - '0');
+          else if (d >= 'a' && d <= 'f')
+            value = value * 16 + static_cast<uintptr_t>(d - 'a' + 10);
+          else
+            break;
         }
         return value;
       };
@@ -796,8 +799,7 @@ void StartDebugger() {
     if (gate[1] >= 0) close(gate[1]);
     char byte;
     if (gate[0] >= 0)
-      while (read(gate[0], &byte, 1) < 0 && errno == EINTR) {
-      }
+      while (read(gate[0], &byte, 1) < 0 && errno == EINTR) {}
     char *argv[] = {g_debugger, const_cast<char *>("-p"), pidText, nullptr};
     execve(g_debugger, argv, environ);
     _exit(127);
@@ -807,8 +809,7 @@ void StartDebugger() {
   if (gate[1] >= 0) close(gate[1]);
   if (child > 0) {
     int status;
-    while (waitpid(static_cast<pid_t>(child), &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(static_cast<pid_t>(child), &status, 0) < 0 && errno == EINTR) {}
   }
   if (remaining) alarm(remaining);
 }
@@ -853,8 +854,8 @@ bool IsDefault(const struct sigaction &action) {
 void PassOn(int slot, int signal, siginfo_t *info, void *context) {
   const struct sigaction &previous = g_previous[slot];
   bool withInfo = previous.sa_flags & SA_SIGINFO;
-  void *handler = withInfo ? reinterpret_cast<void *>(previous.sa_sigaction)
-                           : reinterpret_cast<void *>(previous.sa_handler);
+  void *handler =
+      withInfo ? reinterpret_cast<void *>(previous.sa_sigaction) : reinterpret_cast<void *>(previous.sa_handler);
   if (handler == reinterpret_cast<void *>(SIG_IGN)) {
     if (!(info && info->si_code > 0)) return;  // a sent signal that the process ignores
   } else if (handler != reinterpret_cast<void *>(SIG_DFL)) {
@@ -926,8 +927,8 @@ void CrashHandler(int signal, siginfo_t *info, void *rawContext) {
 
   // The action taken: 2 takes the exception; 0x100 asks for the crash files,
   // 0x400 for a stack text.
-  uint32_t action = (TakenByProtectedCall(g_crash.code) ? 2u : 0u) |
-                    (g_crash.flags & (KZ_FLAG_CRASH_FILES | KZ_FLAG_CRASH_STACK));
+  uint32_t action =
+      (TakenByProtectedCall(g_crash.code) ? 2u : 0u) | (g_crash.flags & (KZ_FLAG_CRASH_FILES | KZ_FLAG_CRASH_STACK));
   g_crash.frameCount = 0;
   if (action & KZ_FLAG_CRASH_STACK) CollectFrames();
 
@@ -1024,8 +1025,7 @@ void PrepareThread() {
   if (stack.checked) return;
   stack.checked = true;
   stack_t current;
-  if (sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) &&
-      current.ss_size >= kAltStackMinimum)
+  if (sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) && current.ss_size >= kAltStackMinimum)
     return;  // the thread has a large enough one already
   size_t page = AltStack::PageSize();
   size_t size = kAltStackSize + page;  // + a guard page below

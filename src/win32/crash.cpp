@@ -122,9 +122,8 @@ LPTOP_LEVEL_EXCEPTION_FILTER g_previousFilter = nullptr;
 std::atomic<uint32_t> g_graceTime{30};
 char g_debugger[MAX_PATH * 3];  // full path; empty: none
 
-using MiniDumpWriteDumpFunction = BOOL(WINAPI *)(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE,
-                                                 PMINIDUMP_EXCEPTION_INFORMATION, PMINIDUMP_USER_STREAM_INFORMATION,
-                                                 PMINIDUMP_CALLBACK_INFORMATION);
+using MiniDumpWriteDumpFunction = BOOL(WINAPI *)(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, PMINIDUMP_EXCEPTION_INFORMATION,
+                                                 PMINIDUMP_USER_STREAM_INFORMATION, PMINIDUMP_CALLBACK_INFORMATION);
 std::atomic<MiniDumpWriteDumpFunction> g_writeDump{nullptr};
 
 // Crash file names: two slots, so that the handler always reads a complete
@@ -203,18 +202,17 @@ bool TakenByProtectedCall(uint32_t code) {
     case kArrayBoundsExceeded:
     case kPrivilegedInstruction:
     case kStackOverflow:
-    case kDatatypeMisalignment:
-      return true;
-    default:
-      return false;
+    case kDatatypeMisalignment: return true;
+    default: return false;
   }
 }
 
 // Exceptions that are crashes; everything else (C++ exceptions, debugger
 // notices, guard pages) belongs to whoever raised it.
 bool IsCrash(uint32_t code) {
-  return TakenByProtectedCall(code) || code == kInvalidSystemService || (code >= kFloatDivideByZero && code <= kFloatUnderflow) ||
-         code == kIntegerDivideByZero || code == kIntegerOverflow;
+  return TakenByProtectedCall(code) || code == kInvalidSystemService ||
+         (code >= kFloatDivideByZero && code <= kFloatUnderflow) || code == kIntegerDivideByZero ||
+         code == kIntegerOverflow;
 }
 
 // ---- crash files -------------------------------------------------------------------
@@ -261,12 +259,12 @@ void WriteRegisters(Writer &out, const CONTEXT *context) {
   const struct {
     const char *name;
     uint64_t value;
-  } registers[] = {{"rax", context->Rax}, {"rbx", context->Rbx}, {"rcx", context->Rcx},   {"rdx", context->Rdx},
-                   {"rsi", context->Rsi}, {"rdi", context->Rdi}, {"rbp", context->Rbp},   {"rsp", context->Rsp},
-                   {"r8", context->R8},   {"r9", context->R9},   {"r10", context->R10},   {"r11", context->R11},
-                   {"r12", context->R12}, {"r13", context->R13}, {"r14", context->R14},   {"r15", context->R15},
-                   {"rip", context->Rip}, {"eflags", context->EFlags}, {"mxcsr", context->MxCsr},
-                   {"segcs", context->SegCs}};
+  } registers[] = {
+      {"rax", context->Rax}, {"rbx", context->Rbx},       {"rcx", context->Rcx},     {"rdx", context->Rdx},
+      {"rsi", context->Rsi}, {"rdi", context->Rdi},       {"rbp", context->Rbp},     {"rsp", context->Rsp},
+      {"r8", context->R8},   {"r9", context->R9},         {"r10", context->R10},     {"r11", context->R11},
+      {"r12", context->R12}, {"r13", context->R13},       {"r14", context->R14},     {"r15", context->R15},
+      {"rip", context->Rip}, {"eflags", context->EFlags}, {"mxcsr", context->MxCsr}, {"segcs", context->SegCs}};
   int column = 0;
   for (const auto &reg : registers) {
     out.Str("  ").Str(reg.name);
@@ -334,8 +332,12 @@ void WriteLog(const char *name) {
     out.Str("kzlib crash report\n\n");
     out.Str("Program:        ").Str(ProgramName()).Str("\n");
     out.Str("Executable:     ").Str(written > 0 ? executable : "(unknown)").Str("\n");
-    out.Str("Library:        kzlib ").Dec(static_cast<uint64_t>(kzlib_major)).Char('.').Dec(
-        static_cast<uint64_t>(kzlib_minor)).Char('.').Dec(static_cast<uint64_t>(kzlib_build));
+    out.Str("Library:        kzlib ")
+        .Dec(static_cast<uint64_t>(kzlib_major))
+        .Char('.')
+        .Dec(static_cast<uint64_t>(kzlib_minor))
+        .Char('.')
+        .Dec(static_cast<uint64_t>(kzlib_build));
     if (kzlib_branch) out.Char('.').Dec(static_cast<uint64_t>(kzlib_branch));
     out.Char(' ').Str(KZArchitecture()).Str("\n");
     out.Str("Host:           ").Str(host ? host : "(unknown)").Str("\n");
@@ -489,8 +491,7 @@ DWORD WINAPI Watchdog(void *) {
   char buffer[256];
   {
     Writer out(ErrorStreamHandle(), buffer, sizeof buffer);
-    out.Str(ProgramName()).Str(": crash handler still running after ").Dec(grace).Str(
-        " seconds, ending the process\n");
+    out.Str(ProgramName()).Str(": crash handler still running after ").Dec(grace).Str(" seconds, ending the process\n");
   }
   TerminateProcess(GetCurrentProcess(), g_crash.code);
   return 0;
@@ -519,7 +520,6 @@ DWORD WINAPI ReportCrash(void *) {
   }
   return 0;
 }
-
 
 // Records the crash; a helper thread with a stack of its own (the crashing
 // thread's may be used up) collects the backtrace, writes what the flags ask
@@ -562,7 +562,6 @@ void HandleCrash(EXCEPTION_POINTERS *pointers, bool isProtected) {
   WaitForSingleObject(helper, INFINITE);
   CloseHandle(helper);
 }
-
 
 // Sees every exception first: inside a protected call it takes the ones the
 // call takes; everything else goes on to the frames and the filter.
@@ -682,8 +681,8 @@ void SetDebugger(const char *program) {
   if (MultiByteToWideChar(CP_UTF8, 0, program, -1, name, MAX_PATH) <= 0) return;
   DWORD length = SearchPathW(nullptr, name, L".exe", MAX_PATH, found, nullptr);
   if (length == 0 || length >= MAX_PATH) return;
-  int written = WideCharToMultiByte(CP_UTF8, 0, found, static_cast<int>(length), g_debugger,
-                                    sizeof g_debugger - 1, nullptr, nullptr);
+  int written = WideCharToMultiByte(CP_UTF8, 0, found, static_cast<int>(length), g_debugger, sizeof g_debugger - 1,
+                                    nullptr, nullptr);
   g_debugger[written > 0 ? written : 0] = '\0';
 }
 

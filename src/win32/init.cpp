@@ -9,8 +9,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "internal/os/init.h"
 #include "internal/context.h"
+#include "internal/os/init.h"
 #include "kz/message.h"
 
 namespace kz::os {
@@ -103,8 +103,8 @@ long GetExecutablePath(char *buffer, size_t size, int *error) {
     *error = length == 0 ? static_cast<int>(GetLastError()) : ERROR_INSUFFICIENT_BUFFER;
     return -1;
   }
-  int needed = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, path, static_cast<int>(length), nullptr, 0,
-                                   nullptr, nullptr);
+  int needed =
+      WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, path, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
   if (needed <= 0) {
     *error = static_cast<int>(GetLastError());
     return -1;

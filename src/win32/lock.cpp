@@ -140,8 +140,7 @@ struct KZRecursiveMutexHandle {
 
 namespace {
 
-KZRecursiveMutexHandle *const kRecursiveUnset =
-    reinterpret_cast<KZRecursiveMutexHandle *>(~static_cast<uintptr_t>(0));
+KZRecursiveMutexHandle *const kRecursiveUnset = reinterpret_cast<KZRecursiveMutexHandle *>(~static_cast<uintptr_t>(0));
 
 [[noreturn]] void MutexOperationFailed(int error, const char *function) {
   kz::os::FailWithError(error);
@@ -150,8 +149,8 @@ KZRecursiveMutexHandle *const kRecursiveUnset =
 }
 
 KZRecursiveMutexHandle *RecursiveMutexNew() {
-  auto *handle = static_cast<KZRecursiveMutexHandle *>(
-      Allocate_(sizeof(KZRecursiveMutexHandle), nullptr, "kzlib/kzthread", 895));
+  auto *handle =
+      static_cast<KZRecursiveMutexHandle *>(Allocate_(sizeof(KZRecursiveMutexHandle), nullptr, "kzlib/kzthread", 895));
   InitializeCriticalSection(&handle->section);
   new (&handle->holder) std::atomic<DWORD>(0);
   handle->depth = 0;
@@ -165,8 +164,7 @@ KZRecursiveMutexHandle *RecursiveMutexGet(KZRecursiveMutex *variable) {
   if (current != kRecursiveUnset && current != nullptr) return current;
   KZRecursiveMutexHandle *fresh = RecursiveMutexNew();
   while (current == kRecursiveUnset || current == nullptr) {
-    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel, std::memory_order_acquire))
-      return fresh;
+    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel, std::memory_order_acquire)) return fresh;
   }
   DeleteCriticalSection(&fresh->section);
   free(fresh);

@@ -112,16 +112,15 @@ bool FormatMemoryCounters(char *buffer, size_t size) {
   if (!read) return false;
   // The counters print as "%ld" like the library always printed them: a
   // 32-bit long on Windows.
-  int written = snprintf(buffer, size,
-                         "PeakWorkingSetSize=%ld, WorkingSetSize=%ld, QuotaPeakPagedPoolUsage=%ld, "
-                         "QuotaPagedPoolUsage=%ld, QuotaPeakNonPagedPoolUsage=%ld, "
-                         "QuotaNonPagedPoolUsage=%ld, PagefileUsage=%ld, PeakPagefileUsage=%ld",
-                         static_cast<long>(counters.PeakWorkingSetSize), static_cast<long>(counters.WorkingSetSize),
-                         static_cast<long>(counters.QuotaPeakPagedPoolUsage),
-                         static_cast<long>(counters.QuotaPagedPoolUsage),
-                         static_cast<long>(counters.QuotaPeakNonPagedPoolUsage),
-                         static_cast<long>(counters.QuotaNonPagedPoolUsage), static_cast<long>(counters.PagefileUsage),
-                         static_cast<long>(counters.PeakPagefileUsage));
+  int written = snprintf(
+      buffer, size,
+      "PeakWorkingSetSize=%ld, WorkingSetSize=%ld, QuotaPeakPagedPoolUsage=%ld, "
+      "QuotaPagedPoolUsage=%ld, QuotaPeakNonPagedPoolUsage=%ld, "
+      "QuotaNonPagedPoolUsage=%ld, PagefileUsage=%ld, PeakPagefileUsage=%ld",
+      static_cast<long>(counters.PeakWorkingSetSize), static_cast<long>(counters.WorkingSetSize),
+      static_cast<long>(counters.QuotaPeakPagedPoolUsage), static_cast<long>(counters.QuotaPagedPoolUsage),
+      static_cast<long>(counters.QuotaPeakNonPagedPoolUsage), static_cast<long>(counters.QuotaNonPagedPoolUsage),
+      static_cast<long>(counters.PagefileUsage), static_cast<long>(counters.PeakPagefileUsage));
   return written > 0;
 }
 

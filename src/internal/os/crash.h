@@ -62,4 +62,3 @@ void SetDebugger(const char *program);
 int64_t RunProtected(KZProtectedFunction function, void *argument, KZCrashReport report);
 
 }  // namespace kz::crash
-
