@@ -45,7 +45,10 @@ void Versus(benchmark::State &state, Kz kz, Other other, const char *counter = "
     for (int pass = 0; pass < 2; ++pass) {
       const bool runOther = (pass == 0) == otherFirst;
       const double start = ThreadSeconds();
-      if (runOther) other(); else kz();
+      if (runOther)
+        other();
+      else
+        kz();
       (runOther ? otherTime : kzTime) = ThreadSeconds() - start;
     }
     kzTotal += kzTime;

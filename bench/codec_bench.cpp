@@ -8,6 +8,10 @@
 //                   OpenSSL block decoder refuses line breaks) on 76-character
 //                   lines ended by CR LF
 //   QPEncode / QPDecode  throughput alone
+//   BM_Simdutf*        simdutf binary_to_base64 / base64_to_binary on 1 MiB
+//                      (one line) into a reused buffer, when CMake finds a copy
+//                      through KZ_SIMDUTF_DIR; time_vs_kz is then kzlib's
+//                      throughput as a fraction of simdutf's
 //   BM_Base64*Scalar   kzlib's scalar code alone (what processors without the
 //                      vector kernels run), throughput only
 //
@@ -36,6 +40,9 @@
 #ifdef KZ_BENCH_HAVE_GLIB
 #include <glib.h>
 #endif
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+#include <simdutf.h>
+#endif
 
 #include "bench_support.h"
 #include "internal/codec_kernels.h"
@@ -46,36 +53,48 @@ using kzbench::Expect;
 using kzbench::Versus;
 
 constexpr size_t kSize = 64 * 1024;
+constexpr size_t kLargeSize = 1024 * 1024;  // the simdutf rows
 
 struct Inputs {
-  std::string bytes;    // random
-  std::string text;     // its Base64, one line
-  std::string lines;    // its Base64 in 76-character lines with CR LF
-  std::string qpText;   // mostly-ASCII text for quoted-printable
-  std::string qp;       // its quoted-printable encoding with line breaks
+  std::string bytes;   // random
+  std::string text;    // its Base64, one line
+  std::string lines;   // its Base64 in 76-character lines with CR LF
+  std::string qpText;  // mostly-ASCII text for quoted-printable
+  std::string qp;      // its quoted-printable encoding with line breaks
 };
 
 std::string Encoded(const std::string &bytes, int32_t breakLines, bool qp = false) {
   UByteArray a{};
-  if (qp) QPEncode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
-  else Base64Encode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
+  if (qp)
+    QPEncode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
+  else
+    Base64Encode(&a, bytes.data(), static_cast<uint32_t>(bytes.size()), breakLines);
   std::string s(reinterpret_cast<const char *>(a.elements), a.count);
   std::free(a.elements);
   return s;
 }
 
+Inputs MakeInputs(size_t size) {
+  Inputs in;
+  std::mt19937_64 rng(64);
+  in.bytes = kzbench::RandomValues<std::string>(size, rng);
+  in.text = Encoded(in.bytes, 0);
+  in.lines = Encoded(in.bytes, 1);
+  const char *const words[] = {
+      "Gr\xC3\xBC\xC3\x9F"
+      "e ",
+      "plain ",
+      "text ",
+      "a=b ",
+      "line\r\n",
+      "caf\xC3\xA9 "};
+  in.qpText = kzbench::WordText(size, words, rng);
+  in.qp = Encoded(in.qpText, 1, true);
+  return in;
+}
+
 const Inputs &Data() {
-  static const Inputs inputs = [] {
-    Inputs in;
-    std::mt19937_64 rng(64);
-    in.bytes = kzbench::RandomValues<std::string>(kSize, rng);
-    in.text = Encoded(in.bytes, 0);
-    in.lines = Encoded(in.bytes, 1);
-    const char *const words[] = {"Gr\xC3\xBC\xC3\x9F" "e ", "plain ", "text ", "a=b ", "line\r\n", "caf\xC3\xA9 "};
-    in.qpText = kzbench::WordText(kSize, words, rng);
-    in.qp = Encoded(in.qpText, 1, true);
-    return in;
-  }();
+  static const Inputs inputs = MakeInputs(kSize);
   return inputs;
 }
 
@@ -116,13 +135,14 @@ void OpenSSLBlock(benchmark::State &state, const std::string &input, const std::
   // bytes for every group of four characters, padding included.
   std::vector<unsigned char> buffer(std::max(expected.size() + 1, input.size()));
   auto openssl = [&] {
-    const int n = Block(buffer.data(), reinterpret_cast<const unsigned char *>(input.data()),
-                        static_cast<int>(input.size()));
+    const int n =
+        Block(buffer.data(), reinterpret_cast<const unsigned char *>(input.data()), static_cast<int>(input.size()));
     benchmark::DoNotOptimize(n);
   };
   openssl(), (kz.*KzCode)(input);
   Expect(std::memcmp(buffer.data(), expected.data(), expected.size()) == 0 && kz.str() == expected, what);
-  Versus(state, [&] { (kz.*KzCode)(input); }, openssl);
+  Versus(
+      state, [&] { (kz.*KzCode)(input); }, openssl);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(input.size()));
 }
 
@@ -142,7 +162,8 @@ void BM_GLibEncode(benchmark::State &state) {
   gchar *check = g_base64_encode(reinterpret_cast<const guchar *>(in.bytes.data()), in.bytes.size());
   Expect(in.text == check, "glib encode");
   g_free(check);
-  Versus(state, [&] { kz.Encode(in.bytes); }, glib);
+  Versus(
+      state, [&] { kz.Encode(in.bytes); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 
@@ -159,7 +180,8 @@ void BM_GLibEncodeStep(benchmark::State &state) {
   };
   glib();
   Expect(std::memcmp(buffer.data(), in.text.data(), in.text.size()) == 0, "glib encode step");
-  Versus(state, [&] { kz.Encode(in.bytes); }, glib);
+  Versus(
+      state, [&] { kz.Encode(in.bytes); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 #endif
@@ -194,7 +216,8 @@ void BM_GLibDecode(benchmark::State &state) {
   kz.Decode(text);
   Expect(n == in.bytes.size() && std::memcmp(check, in.bytes.data(), n) == 0 && kz.str() == in.bytes, "glib decode");
   g_free(check);
-  Versus(state, [&] { kz.Decode(text); }, glib);
+  Versus(
+      state, [&] { kz.Decode(text); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 
@@ -212,7 +235,8 @@ void BM_GLibDecodeStep(benchmark::State &state) {
   };
   glib();
   Expect(n == in.bytes.size() && std::memcmp(buffer.data(), in.bytes.data(), n) == 0, "glib decode step");
-  Versus(state, [&] { kz.Decode(text); }, glib);
+  Versus(
+      state, [&] { kz.Decode(text); }, glib);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 #endif
@@ -228,6 +252,53 @@ BENCHMARK(BM_OpenSSLDecodeBlock)->UseManualTime();
 #ifdef KZ_BENCH_HAVE_GLIB
 BENCHMARK(BM_GLibDecode)->ArgName("lines")->Arg(0)->Arg(1)->UseManualTime();
 BENCHMARK(BM_GLibDecodeStep)->ArgName("lines")->Arg(0)->Arg(1)->UseManualTime();
+#endif
+
+// ---- simdutf (1 MiB, one line) -------------------------------------------------------
+
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+const Inputs &LargeData() {
+  static const Inputs inputs = MakeInputs(kLargeSize);
+  return inputs;
+}
+
+void BM_SimdutfEncode(benchmark::State &state) {
+  const Inputs &in = LargeData();
+  Kz kz;
+  std::vector<char> buffer(in.text.size() + 64);
+  auto simd = [&] {
+    const size_t n = simdutf::binary_to_base64(in.bytes.data(), in.bytes.size(), buffer.data());
+    benchmark::DoNotOptimize(n);
+  };
+  kz.Encode(in.bytes);
+  Expect(simdutf::binary_to_base64(in.bytes.data(), in.bytes.size(), buffer.data()) == in.text.size() &&
+             std::memcmp(buffer.data(), in.text.data(), in.text.size()) == 0 && kz.str() == in.text,
+         "simdutf encode");
+  Versus(
+      state, [&] { kz.Encode(in.bytes); }, simd);
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(in.bytes.size()));
+}
+
+void BM_SimdutfDecode(benchmark::State &state) {
+  const Inputs &in = LargeData();
+  Kz kz;
+  std::vector<char> buffer(in.bytes.size() + 64);
+  auto simd = [&] {
+    const simdutf::result r = simdutf::base64_to_binary(in.text.data(), in.text.size(), buffer.data());
+    benchmark::DoNotOptimize(r);
+  };
+  kz.Decode(in.text);
+  const simdutf::result r = simdutf::base64_to_binary(in.text.data(), in.text.size(), buffer.data());
+  Expect(r.error == simdutf::SUCCESS && r.count == in.bytes.size() &&
+             std::memcmp(buffer.data(), in.bytes.data(), in.bytes.size()) == 0 && kz.str() == in.bytes,
+         "simdutf decode");
+  Versus(
+      state, [&] { kz.Decode(in.text); }, simd);
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(in.text.size()));
+}
+
+BENCHMARK(BM_SimdutfEncode)->UseManualTime();
+BENCHMARK(BM_SimdutfDecode)->UseManualTime();
 #endif
 
 // ---- the scalar code ---------------------------------------------------------------

@@ -35,8 +35,8 @@ using kzbench::Expect;
 using kzbench::Versus;
 
 std::string Text(size_t n) {
-  const char *const words[] = {"the ", "stream ", "of ", "bytes ", "compresses ", "well\n", "zlib ", "0123456789 ",
-                               "request ", "header: value\r\n"};
+  const char *const words[] = {"the ",   "stream ", "of ",         "bytes ",   "compresses ",
+                               "well\n", "zlib ",   "0123456789 ", "request ", "header: value\r\n"};
   return kzbench::WordText(n, words, std::mt19937_64(n));
 }
 
@@ -109,8 +109,13 @@ void BM_Inflate(benchmark::State &state) {
   std::free(out.elements);
 }
 
-BENCHMARK(BM_Deflate)->ArgNames({"bytes", "level"})->Args({1024, 0})->Args({65536, 0})->Args({1024, 1})
-    ->Args({65536, 1})->UseManualTime();
+BENCHMARK(BM_Deflate)
+    ->ArgNames({"bytes", "level"})
+    ->Args({1024, 0})
+    ->Args({65536, 0})
+    ->Args({1024, 1})
+    ->Args({65536, 1})
+    ->UseManualTime();
 BENCHMARK(BM_Inflate)->ArgNames({"bytes", "level"})->Args({1024, 0})->Args({65536, 0})->UseManualTime();
 
 }  // namespace

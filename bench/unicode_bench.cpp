@@ -26,6 +26,11 @@
 // thread's CPU clock; it reports the other's time and "time_vs_kz", the
 // other's total time divided by kzlib's (above 1: kzlib is faster). Throughput
 // is in UTF-8 bytes.
+//
+// The BM_Simdutf_* rows (built when CMake finds a copy of simdutf through
+// KZ_SIMDUTF_DIR) run simdutf's validating converters on 1 MiB versions of the
+// texts into a buffer allocated once; their time_vs_kz is kzlib's throughput
+// as a fraction of simdutf's.
 
 #include "kz/unicode.h"
 
@@ -41,6 +46,9 @@
 #ifdef KZ_BENCH_HAVE_GLIB
 #include <glib.h>
 #endif
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+#include <simdutf.h>
+#endif
 
 #include "bench_support.h"
 #include "kz/array.h"
@@ -54,7 +62,9 @@ using kzbench::Versus;
 // ---- texts ----------------------------------------------------------------------
 
 enum Script { kAscii, kLatin1, kCjk };
-constexpr size_t kTextBytes = 64 * 1024;
+// 64 KiB texts for most rows; 1 MiB for the simdutf rows.
+enum Size { kSmall, kLarge };
+constexpr size_t kTextBytes[] = {64 * 1024, 1024 * 1024};
 
 void AppendUtf8(std::string &s, uint32_t c) {
   if (c < 0x80) {
@@ -67,14 +77,14 @@ void AppendUtf8(std::string &s, uint32_t c) {
   }
 }
 
-std::string MakeText(Script script) {
+std::string MakeText(Script script, Size size) {
   std::mt19937 rng(42 + script);
-  static const char *const kWords[] = {"the", "of", "and", "to", "in", "a", "is", "that", "for", "it", "as", "was",
-                                       "with", "be", "by", "on", "not", "he", "this", "are", "or", "his", "from",
-                                       "at", "which", "but", "have", "an", "had", "they", "you", "were", "their",
-                                       "one", "all", "we", "can", "her", "has", "there", "been", "if", "more"};
+  static const char *const kWords[] = {
+      "the", "of",   "and",   "to",   "in",  "a",  "is",  "that", "for", "it",    "as",   "was",  "with", "be",  "by",
+      "on",  "not",  "he",    "this", "are", "or", "his", "from", "at",  "which", "but",  "have", "an",   "had", "they",
+      "you", "were", "their", "one",  "all", "we", "can", "her",  "has", "there", "been", "if",   "more"};
   std::string s;
-  while (s.size() < kTextBytes) {
+  while (s.size() < kTextBytes[size]) {
     if (script == kAscii) {
       s += kWords[rng() % std::size(kWords)];
       s += rng() % 12 == 0 ? ".\n" : " ";
@@ -91,15 +101,19 @@ std::string MakeText(Script script) {
   return s;
 }
 
-const std::string &Utf8(Script script) {
-  static const std::string texts[] = {MakeText(kAscii), MakeText(kLatin1), MakeText(kCjk)};
+const std::string &Utf8(Script script, Size size = kSmall) {
+  static const std::string texts[] = {MakeText(kAscii, kSmall), MakeText(kLatin1, kSmall), MakeText(kCjk, kSmall)};
+  if (size == kLarge) {
+    static const std::string large[] = {MakeText(kAscii, kLarge), MakeText(kLatin1, kLarge), MakeText(kCjk, kLarge)};
+    return large[script];
+  }
   return texts[script];
 }
 
 template <typename Unit>
-std::vector<Unit> Wide(Script script) {
+std::vector<Unit> Wide(Script script, Size size) {
   std::vector<Unit> v;
-  const std::string &s = Utf8(script);
+  const std::string &s = Utf8(script, size);
   for (size_t i = 0; i < s.size();) {
     const uint8_t b = static_cast<uint8_t>(s[i]);
     const int n = b < 0x80 ? 1 : b < 0xE0 ? 2 : 3;
@@ -111,27 +125,29 @@ std::vector<Unit> Wide(Script script) {
   return v;
 }
 
-const std::vector<uint16_t> &Utf16(Script script) {
-  static const std::vector<uint16_t> texts[] = {Wide<uint16_t>(kAscii), Wide<uint16_t>(kLatin1), Wide<uint16_t>(kCjk)};
-  return texts[script];
+template <typename Unit>
+const std::vector<Unit> &WideText(Script script, Size size) {
+  static const std::vector<Unit> texts[2][3] = {
+      {Wide<Unit>(kAscii, kSmall), Wide<Unit>(kLatin1, kSmall), Wide<Unit>(kCjk, kSmall)},
+      {Wide<Unit>(kAscii, kLarge), Wide<Unit>(kLatin1, kLarge), Wide<Unit>(kCjk, kLarge)}};
+  return texts[size][script];
 }
 
-const std::vector<uint32_t> &Utf32(Script script) {
-  static const std::vector<uint32_t> texts[] = {Wide<uint32_t>(kAscii), Wide<uint32_t>(kLatin1), Wide<uint32_t>(kCjk)};
-  return texts[script];
-}
+const std::vector<uint16_t> &Utf16(Script script, Size size = kSmall) { return WideText<uint16_t>(script, size); }
+const std::vector<uint32_t> &Utf32(Script script, Size size = kSmall) { return WideText<uint32_t>(script, size); }
 
-std::string Narrow(Script script) {
+std::string Narrow(Script script, Size size) {
   std::string s;
-  for (uint32_t c : Utf32(script)) s += static_cast<char>(c);
+  for (uint32_t c : Utf32(script, size)) s += static_cast<char>(c);
   return s;
 }
 
 // The text in ISO-8859-1 (the ASCII and Latin-1 texts only).
-const std::string &Latin1(Script script) {
+const std::string &Latin1(Script script, Size size = kSmall) {
   if (script == kCjk) Fail("the CJK text has no ISO-8859-1 form");
-  static const std::string texts[] = {Narrow(kAscii), Narrow(kLatin1)};
-  return texts[script];
+  static const std::string texts[2][2] = {{Narrow(kAscii, kSmall), Narrow(kLatin1, kSmall)},
+                                          {Narrow(kAscii, kLarge), Narrow(kLatin1, kLarge)}};
+  return texts[size][script];
 }
 
 template <typename Units>
@@ -173,8 +189,14 @@ class Iconv {
 struct Utf8ToUtf16 {
   using Record = UShortArray;
   static constexpr auto Convert = UCS2Encode;
-  static const std::string &In(Script s) { return Utf8(s); }
-  static const std::vector<uint16_t> &Out(Script s) { return Utf16(s); }
+  static const std::string &In(Script s, Size z = kSmall) { return Utf8(s, z); }
+  static const std::vector<uint16_t> &Out(Script s, Size z = kSmall) { return Utf16(s, z); }
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+  template <typename In, typename Out>
+  static size_t Simdutf(const In &in, Out *out) {
+    return simdutf::convert_utf8_to_utf16le(in.data(), in.size(), reinterpret_cast<char16_t *>(out));
+  }
+#endif
   static constexpr const char *kTo = "UTF-16LE", *kFrom = "UTF-8";
 #ifdef KZ_BENCH_HAVE_GLIB
   static gunichar2 *GLib(const std::string &in, glong *written) {
@@ -186,8 +208,14 @@ struct Utf8ToUtf16 {
 struct Utf16ToUtf8 {
   using Record = UByteArray;
   static constexpr auto Convert = UCS2Decode;
-  static const std::vector<uint16_t> &In(Script s) { return Utf16(s); }
-  static const std::string &Out(Script s) { return Utf8(s); }
+  static const std::vector<uint16_t> &In(Script s, Size z = kSmall) { return Utf16(s, z); }
+  static const std::string &Out(Script s, Size z = kSmall) { return Utf8(s, z); }
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+  template <typename In, typename Out>
+  static size_t Simdutf(const In &in, Out *out) {
+    return simdutf::convert_utf16le_to_utf8(reinterpret_cast<const char16_t *>(in.data()), in.size(), out);
+  }
+#endif
   static constexpr const char *kTo = "UTF-8", *kFrom = "UTF-16LE";
 #ifdef KZ_BENCH_HAVE_GLIB
   static gchar *GLib(const std::vector<uint16_t> &in, glong *written) {
@@ -200,8 +228,14 @@ struct Utf16ToUtf8 {
 struct Utf8ToUtf32 {
   using Record = UIntArray;
   static constexpr auto Convert = UCS4Encode;
-  static const std::string &In(Script s) { return Utf8(s); }
-  static const std::vector<uint32_t> &Out(Script s) { return Utf32(s); }
+  static const std::string &In(Script s, Size z = kSmall) { return Utf8(s, z); }
+  static const std::vector<uint32_t> &Out(Script s, Size z = kSmall) { return Utf32(s, z); }
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+  template <typename In, typename Out>
+  static size_t Simdutf(const In &in, Out *out) {
+    return simdutf::convert_utf8_to_utf32(in.data(), in.size(), reinterpret_cast<char32_t *>(out));
+  }
+#endif
   static constexpr const char *kTo = "UTF-32LE", *kFrom = "UTF-8";
 #ifdef KZ_BENCH_HAVE_GLIB
   static gunichar *GLib(const std::string &in, glong *written) {
@@ -213,8 +247,14 @@ struct Utf8ToUtf32 {
 struct Utf32ToUtf8 {
   using Record = UByteArray;
   static constexpr auto Convert = UCS4Decode;
-  static const std::vector<uint32_t> &In(Script s) { return Utf32(s); }
-  static const std::string &Out(Script s) { return Utf8(s); }
+  static const std::vector<uint32_t> &In(Script s, Size z = kSmall) { return Utf32(s, z); }
+  static const std::string &Out(Script s, Size z = kSmall) { return Utf8(s, z); }
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+  template <typename In, typename Out>
+  static size_t Simdutf(const In &in, Out *out) {
+    return simdutf::convert_utf32_to_utf8(reinterpret_cast<const char32_t *>(in.data()), in.size(), out);
+  }
+#endif
   static constexpr const char *kTo = "UTF-8", *kFrom = "UTF-32LE";
 #ifdef KZ_BENCH_HAVE_GLIB
   static gchar *GLib(const std::vector<uint32_t> &in, glong *written) {
@@ -227,16 +267,28 @@ struct Utf32ToUtf8 {
 struct Utf8ToLatin1 {
   using Record = UByteArray;
   static constexpr auto Convert = ISO88591Encode;
-  static const std::string &In(Script s) { return Utf8(s); }
-  static const std::string &Out(Script s) { return Latin1(s); }
+  static const std::string &In(Script s, Size z = kSmall) { return Utf8(s, z); }
+  static const std::string &Out(Script s, Size z = kSmall) { return Latin1(s, z); }
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+  template <typename In, typename Out>
+  static size_t Simdutf(const In &in, Out *out) {
+    return simdutf::convert_utf8_to_latin1(in.data(), in.size(), out);
+  }
+#endif
   static constexpr const char *kTo = "ISO-8859-1", *kFrom = "UTF-8";
 };
 
 struct Latin1ToUtf8 {
   using Record = UByteArray;
   static constexpr auto Convert = ISO88591Decode;
-  static const std::string &In(Script s) { return Latin1(s); }
-  static const std::string &Out(Script s) { return Utf8(s); }
+  static const std::string &In(Script s, Size z = kSmall) { return Latin1(s, z); }
+  static const std::string &Out(Script s, Size z = kSmall) { return Utf8(s, z); }
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+  template <typename In, typename Out>
+  static size_t Simdutf(const In &in, Out *out) {
+    return simdutf::convert_latin1_to_utf8(in.data(), in.size(), out);
+  }
+#endif
   static constexpr const char *kTo = "UTF-8", *kFrom = "ISO-8859-1";
 };
 
@@ -283,11 +335,39 @@ void BM_Iconv(benchmark::State &state) {
   Kz<C> kz;
   kz(in);
   Iconv ic(C::kTo, C::kFrom, Bytes(out) + 64);
-  Expect(kz.Holds(out) && ic.Run(in.data(), Bytes(in)) == Bytes(out) && std::memcmp(ic.data(), out.data(), Bytes(out)) == 0,
+  Expect(kz.Holds(out) && ic.Run(in.data(), Bytes(in)) == Bytes(out) &&
+             std::memcmp(ic.data(), out.data(), Bytes(out)) == 0,
          Named("iconv", C::kTo, C::kFrom).c_str());
-  Versus(state, [&] { kz(in); }, [&] { ic.Run(in.data(), Bytes(in)); });
+  Versus(
+      state, [&] { kz(in); }, [&] { ic.Run(in.data(), Bytes(in)); });
   Processed(state, S);
 }
+
+// ---- simdutf (1 MiB texts, a buffer allocated once) ---------------------------------------------------
+
+#ifdef KZ_BENCH_HAVE_SIMDUTF
+template <typename C, Script S>
+void BM_Simdutf(benchmark::State &state) {
+  const auto &in = C::In(S, kLarge);
+  const auto &out = C::Out(S, kLarge);
+  Kz<C> kz;
+  kz(in);
+  std::vector<typename std::decay_t<decltype(out)>::value_type> buffer(out.size() + 64);
+  Expect(kz.Holds(out) && C::Simdutf(in, buffer.data()) == out.size() &&
+             std::memcmp(buffer.data(), out.data(), Bytes(out)) == 0,
+         Named("simdutf", C::kTo, C::kFrom).c_str());
+  Versus(
+      state, [&] { kz(in); },
+      [&] {
+        const size_t n = C::Simdutf(in, buffer.data());
+        benchmark::DoNotOptimize(n);
+      });
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(Utf8(S, kLarge).size()));
+}
+#define KZ_SIMDUTF_BENCH(C, S, name) BENCHMARK(BM_Simdutf<C, S>)->Name(name)->UseManualTime()
+#else
+#define KZ_SIMDUTF_BENCH(C, S, name) static_assert(true)
+#endif
 
 // ---- GLib (allocates its result on every call) --------------------------------------------------------
 
@@ -303,13 +383,14 @@ void BM_GLib(benchmark::State &state) {
   Expect(check && static_cast<size_t>(written) == out.size() && std::memcmp(check, out.data(), Bytes(out)) == 0,
          Named("GLib", C::kTo, C::kFrom).c_str());
   g_free(check);
-  Versus(state, [&] { kz(in); },
-         [&] {
-           glong n = 0;
-           auto *result = C::GLib(in, &n);
-           benchmark::DoNotOptimize(result);
-           g_free(result);
-         });
+  Versus(
+      state, [&] { kz(in); },
+      [&] {
+        glong n = 0;
+        auto *result = C::GLib(in, &n);
+        benchmark::DoNotOptimize(result);
+        g_free(result);
+      });
   Processed(state, S);
 }
 
@@ -318,18 +399,19 @@ void BM_GLib(benchmark::State &state) {
 template <typename C, Script S>
 void BM_GLibFreshKz(benchmark::State &state) {
   const auto &in = C::In(S);
-  Versus(state,
-         [&] {
-           typename C::Record a{};
-           C::Convert(&a, in.data(), static_cast<uint32_t>(in.size()));
-           benchmark::DoNotOptimize(a.elements);
-           ArrayFree_(&a);
-         },
-         [&] {
-           auto *result = C::GLib(in, nullptr);
-           benchmark::DoNotOptimize(result);
-           g_free(result);
-         });
+  Versus(
+      state,
+      [&] {
+        typename C::Record a{};
+        C::Convert(&a, in.data(), static_cast<uint32_t>(in.size()));
+        benchmark::DoNotOptimize(a.elements);
+        ArrayFree_(&a);
+      },
+      [&] {
+        auto *result = C::GLib(in, nullptr);
+        benchmark::DoNotOptimize(result);
+        g_free(result);
+      });
   Processed(state, S);
 }
 
@@ -340,24 +422,28 @@ void BM_GLibFreshKz(benchmark::State &state) {
 
 // ---- registration (the names the figures in the docs use) -----------------------------------------------
 
-#define KZ_KZ_BENCH(C, S, name) BENCHMARK(BM_Kz<C, S>)->Name(name)
+#define KZ_KZ_BENCH(C, S, name)    BENCHMARK(BM_Kz<C, S>)->Name(name)
 #define KZ_ICONV_BENCH(C, S, name) BENCHMARK(BM_Iconv<C, S>)->Name(name)->UseManualTime()
 
-#define KZ_UNICODE_BENCHES(S)                                                              \
-  KZ_KZ_BENCH(Utf8ToUtf16, S, "BM_UCS2Encode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf8ToUtf16, S, "BM_Iconv_Utf8ToUtf16<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16<" #S ">");                   \
-  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16_FreshKz<" #S ">");    \
-  KZ_KZ_BENCH(Utf16ToUtf8, S, "BM_UCS2Decode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf16ToUtf8, S, "BM_Iconv_Utf16ToUtf8<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8<" #S ">");                   \
-  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8_FreshKz<" #S ">");    \
-  KZ_KZ_BENCH(Utf8ToUtf32, S, "BM_UCS4Encode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf8ToUtf32, S, "BM_Iconv_Utf8ToUtf32<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf32, S, "BM_GLib_Utf8ToUcs4<" #S ">");                    \
-  KZ_KZ_BENCH(Utf32ToUtf8, S, "BM_UCS4Decode<" #S ">");                                    \
-  KZ_ICONV_BENCH(Utf32ToUtf8, S, "BM_Iconv_Utf32ToUtf8<" #S ">");                          \
-  KZ_GLIB_BENCH(BM_GLib, Utf32ToUtf8, S, "BM_GLib_Ucs4ToUtf8<" #S ">")
+#define KZ_UNICODE_BENCHES(S)                                                           \
+  KZ_KZ_BENCH(Utf8ToUtf16, S, "BM_UCS2Encode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf8ToUtf16, S, "BM_Iconv_Utf8ToUtf16<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16<" #S ">");                \
+  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf8ToUtf16, S, "BM_GLib_Utf8ToUtf16_FreshKz<" #S ">"); \
+  KZ_KZ_BENCH(Utf16ToUtf8, S, "BM_UCS2Decode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf16ToUtf8, S, "BM_Iconv_Utf16ToUtf8<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8<" #S ">");                \
+  KZ_GLIB_BENCH(BM_GLibFreshKz, Utf16ToUtf8, S, "BM_GLib_Utf16ToUtf8_FreshKz<" #S ">"); \
+  KZ_KZ_BENCH(Utf8ToUtf32, S, "BM_UCS4Encode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf8ToUtf32, S, "BM_Iconv_Utf8ToUtf32<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf8ToUtf32, S, "BM_GLib_Utf8ToUcs4<" #S ">");                 \
+  KZ_KZ_BENCH(Utf32ToUtf8, S, "BM_UCS4Decode<" #S ">");                                 \
+  KZ_ICONV_BENCH(Utf32ToUtf8, S, "BM_Iconv_Utf32ToUtf8<" #S ">");                       \
+  KZ_GLIB_BENCH(BM_GLib, Utf32ToUtf8, S, "BM_GLib_Ucs4ToUtf8<" #S ">");                 \
+  KZ_SIMDUTF_BENCH(Utf8ToUtf16, S, "BM_Simdutf_Utf8ToUtf16<" #S ">");                   \
+  KZ_SIMDUTF_BENCH(Utf16ToUtf8, S, "BM_Simdutf_Utf16ToUtf8<" #S ">");                   \
+  KZ_SIMDUTF_BENCH(Utf8ToUtf32, S, "BM_Simdutf_Utf8ToUtf32<" #S ">");                   \
+  KZ_SIMDUTF_BENCH(Utf32ToUtf8, S, "BM_Simdutf_Utf32ToUtf8<" #S ">")
 
 KZ_UNICODE_BENCHES(kAscii);
 KZ_UNICODE_BENCHES(kLatin1);
@@ -366,5 +452,7 @@ KZ_KZ_BENCH(Utf8ToLatin1, kLatin1, "BM_ISO88591Encode");
 KZ_ICONV_BENCH(Utf8ToLatin1, kLatin1, "BM_Iconv_Utf8ToLatin1");
 KZ_KZ_BENCH(Latin1ToUtf8, kLatin1, "BM_ISO88591Decode");
 KZ_ICONV_BENCH(Latin1ToUtf8, kLatin1, "BM_Iconv_Latin1ToUtf8");
+KZ_SIMDUTF_BENCH(Utf8ToLatin1, kLatin1, "BM_Simdutf_Utf8ToLatin1");
+KZ_SIMDUTF_BENCH(Latin1ToUtf8, kLatin1, "BM_Simdutf_Latin1ToUtf8");
 
 }  // namespace

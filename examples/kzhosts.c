@@ -136,13 +136,12 @@ int main(int argc, char **argv) {
 
   QSort(table.hosts.elements, table.hosts.count, sizeof(HostCount), ByCountThenName, NULL);
 
-  UByteArrayPrintf(&report, "%I64u lines, %u distinct hosts, %I64u without a host\n",
-                   (unsigned long long)lines, table.hosts.count, (unsigned long long)skipped);
+  UByteArrayPrintf(&report, "%I64u lines, %u distinct hosts, %I64u without a host\n", (unsigned long long)lines,
+                   table.hosts.count, (unsigned long long)skipped);
   for (i = 0; i < top && i < table.hosts.count; i++) {
     const HostCount *entry = &table.hosts.elements[i];
     UByteArrayPrintf(&report, "%8u  %5.1f%%  %s  (%016I64x)\n", entry->count,
-                     lines ? 100.0 * entry->count / (double)lines : 0.0, entry->host,
-                     (unsigned long long)entry->hash);
+                     lines ? 100.0 * entry->count / (double)lines : 0.0, entry->host, (unsigned long long)entry->hash);
   }
   fwrite(report.elements, 1, report.count, stdout);
 

@@ -31,7 +31,7 @@
 
 #include "kz/kzlib.h"
 
-#define READ_BLOCK 65536u  /* bytes asked of fread at a time */
+#define READ_BLOCK  65536u /* bytes asked of fread at a time */
 #define WRITE_BLOCK 65536u /* output is written once this much has collected */
 
 enum { FINGERPRINT_URL, FINGERPRINT_HOST, FINGERPRINT_TOP };
@@ -42,9 +42,9 @@ typedef KZ_ARRAY(uint64_t) U64Array;
 
 typedef struct FingerprintSet {
   U64Array slots; /* open addressing, linear probing; 0 = empty */
-  uint32_t bits;            /* slots.count == 1 << bits */
-  uint64_t used;            /* non-zero fingerprints stored */
-  int hasZero;              /* 0 itself cannot be stored in a slot */
+  uint32_t bits;  /* slots.count == 1 << bits */
+  uint64_t used;  /* non-zero fingerprints stored */
+  int hasZero;    /* 0 itself cannot be stored in a slot */
 } FingerprintSet;
 
 static uint32_t SlotOf(uint64_t key, uint32_t bits) {
@@ -93,10 +93,10 @@ static int SetAdd(FingerprintSet *set, uint64_t key) {
 /* ---- a run over the inputs -------------------------------------------------------- */
 
 typedef struct Run {
-  int kind;   /* FINGERPRINT_* */
+  int kind; /* FINGERPRINT_* */
   int dedup;
   int strict;
-  URL *base;  /* null without --base */
+  URL *base; /* null without --base */
   URL *url, *normal;
   UByteArray printed; /* the normalised URL's text */
   UByteArray input;   /* the block being split into lines */
@@ -108,8 +108,7 @@ typedef struct Run {
 static void Flush(Run *run) {
   if (run->output.count == 0) return;
   errno = 0;
-  if (fwrite(run->output.elements, 1, run->output.count, stdout) != run->output.count ||
-      fflush(stdout) != 0) {
+  if (fwrite(run->output.elements, 1, run->output.count, stdout) != run->output.count || fflush(stdout) != 0) {
     /* Nobody reads any more (a closed pipe) or the disk is full: stop. */
     if (errno != EPIPE) fprintf(stderr, "kzurl: cannot write output: %s\n", strerror(errno));
     exit(1);
@@ -292,9 +291,12 @@ int main(int argc, char **argv) {
     }
     if ((value = OptionValue(argc, argv, &i, "--print", &missing)) != NULL || missing) {
       if (missing) return UsageError("%s needs a value", arg);
-      if (strcmp(value, "host") == 0) printHost = 1;
-      else if (strcmp(value, "url") == 0) printHost = 0;
-      else return UsageError("--print takes url or host, not '%s'", value);
+      if (strcmp(value, "host") == 0)
+        printHost = 1;
+      else if (strcmp(value, "url") == 0)
+        printHost = 0;
+      else
+        return UsageError("--print takes url or host, not '%s'", value);
     } else if ((value = OptionValue(argc, argv, &i, "--base", &missing)) != NULL || missing) {
       if (missing) return UsageError("%s needs a value", arg);
       baseText = value;

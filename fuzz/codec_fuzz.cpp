@@ -4,6 +4,8 @@
 //   bit 0  line breaks for the encoders
 //   bit 1  scalar code only (otherwise the vector kernels, where available)
 //   bit 2  the output array starts with a prefix and spare room
+//   bits 3-4  the widest vector kernels to use: 0 the best the processor
+//          has, 1 SSSE3, 2 AVX2, 3 AVX-512 (capped at the best)
 // Checked:
 //   Base64Decode(Base64Encode(x)) == x, with and without line breaks; with
 //     them, the text is the unbroken encoding cut into 76-character lines
@@ -13,7 +15,7 @@
 //   Base64Decode and QPDecode of the data as a text: never crash, keep the
 //     prefix, count <= capacity, the capacity that appending byte by byte
 //     reaches; Base64Decode equals a character-at-a-time model of the rule,
-//     and the scalar code and the vector kernels agree.
+//     and the scalar code and the vector kernels agree, at the level chosen.
 
 #include "kz/array.h"
 #include "kz/codec.h"
@@ -30,7 +32,6 @@ namespace {
 
 using kzfuzz::Require;
 using namespace kzref;
-
 
 using Coder = void (*)(UByteArray *, const std::string &, int32_t);
 
@@ -86,7 +87,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const bool scalar = in.Bit(1);
   const bool prefixed = in.Bit(2);
   const std::string &x = in.data;
-  kz::CodecUseVectorKernels(!scalar);
+  using kz::CodecKernels;
+  const unsigned level = static_cast<unsigned>(in.Bit(3)) | static_cast<unsigned>(in.Bit(4)) << 1;
+  const CodecKernels vector = level ? static_cast<CodecKernels>(level) : kz::CodecBestKernels();
+  kz::CodecUseKernels(scalar ? CodecKernels::kScalar : vector);
 
   const std::string b64 = Apply(B64Encode, x, lines, prefixed);
   Require(Apply(B64Decode, b64, 0, prefixed) == x, "Base64 round trip");
@@ -98,11 +102,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   const std::string decoded = Apply(B64Decode, x, 0, prefixed);
   Require(decoded == ModelBase64Decode(x), "Base64Decode follows the rule");
-  if (!scalar && kz::CodecUseVectorKernels(false)) {
+  if (!scalar && kz::CodecUseKernels(vector) != CodecKernels::kScalar) {
+    kz::CodecUseKernels(CodecKernels::kScalar);
     Require(Apply(B64Decode, x, 0, prefixed) == decoded, "scalar and vector decoding agree");
     Require(Apply(B64Encode, x, lines, prefixed) == b64, "scalar and vector encoding agree");
   }
   Require(Apply(QPDec, x, 0, prefixed).size() <= x.size(), "QPDecode never grows the text");
-  kz::CodecUseVectorKernels(true);
+  kz::CodecUseKernels(kz::CodecBestKernels());
   return 0;
 }

@@ -16,7 +16,8 @@
 //   - round trips: UCS2Decode(UCS2Encode(x)) == x and likewise for
 //     ISO-8859-1 and for code points below 0x200000 when encoding succeeds;
 //     UCS2Encode(UCS2Decode(u)) == u; UCS4Encode(UCS4Decode(v)) == v without
-//     the values of 0x200000 and above; ISO88591Encode(ISO88591Decode(b)) == b.
+//     the values of 0x200000 and above; ISO88591Encode(ISO88591Decode(b)) == b;
+//   - all of it at every kernel level the processor has.
 
 #include "kz/unicode.h"
 
@@ -29,6 +30,7 @@
 #include <string_view>
 #include <vector>
 
+#include "internal/unicode_kernels.h"
 #include "kz/array.h"
 #include "kz/error.h"
 #include "reference_unicode.h"
@@ -57,10 +59,12 @@ void CheckEncoder(Form form, int (*convert)(Record *, const char *, uint32_t), s
     return result;
   };
   Require(Converts<Record>(encode, ok, count0, capacity0, ref.values, ok,
-                           ModelEncode(count0, capacity0, ref.values.size(), ok)).empty(),
+                           ModelEncode(count0, capacity0, ref.values.size(), ok))
+              .empty(),
           what, text.size());
   if (ref.outcome == Outcome::kInvalid || ref.outcome == Outcome::kTooLarge) {
-    const char *message = ref.outcome == Outcome::kInvalid ? "Invalid UTF-8 sequence" : "Unicode character larger than FFFF";
+    const char *message =
+        ref.outcome == Outcome::kInvalid ? "Invalid UTF-8 sequence" : "Unicode character larger than FFFF";
     Require(KZErrorCode() == 0x200000003ull && std::strcmp(KZErrorMessage(), message) == 0, what, text.size());
     uint32_t line = 0;
     Require(std::strcmp(KZErrorLocation(&line), "kzlib/unicode/unicode") == 0, what, text.size());
@@ -75,7 +79,9 @@ void CheckDecoder(int (*convert)(UByteArray *, const In *, uint32_t), const std:
   uint64_t capacity = capacity0;
   const std::vector<uint32_t> expected = RefDecode(in, count0, &capacity);
   const In none = 0;
-  auto decode = [&](UByteArray *a) { return convert(a, in.empty() ? &none : in.data(), static_cast<uint32_t>(in.size())); };
+  auto decode = [&](UByteArray *a) {
+    return convert(a, in.empty() ? &none : in.data(), static_cast<uint32_t>(in.size()));
+  };
   Require(Converts<UByteArray>(decode, 1, count0, capacity0, expected, true, capacity).empty(), what, size);
 }
 
@@ -110,8 +116,9 @@ std::string MadeText(const uint8_t *data, size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size == 0) return 0;
+namespace {
+
+void CheckAll(const uint8_t *data, size_t size) {
   // Starting array: count 0-3, spare room 0, 1-31 or (with bit 7) a lot.
   const uint32_t count0 = data[0] & 3;
   const uint32_t room = (data[0] & 0x80) ? 4096 : (data[0] >> 2) & 31;
@@ -169,7 +176,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint32_t noPoint = 0;
   Require(UCS2Decode(&back, units.empty() ? &noUnit : units.data(), static_cast<uint32_t>(units.size())) == 1 &&
               UCS2Encode(&u, reinterpret_cast<const char *>(back.elements), back.count) == 1 &&
-              u.count == units.size() && (units.empty() || std::memcmp(u.elements, units.data(), units.size() * 2) == 0),
+              u.count == units.size() &&
+              (units.empty() || std::memcmp(u.elements, units.data(), units.size() * 2) == 0),
           "UCS2Encode(UCS2Decode(u))", size);
   back.count = 0;
   std::vector<uint32_t> kept;
@@ -188,5 +196,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ArrayFree_(&b);
   ArrayFree_(&back);
   KZErrorClear();
+}
+
+}  // namespace
+
+// Every kernel level the processor has, from the widest down to the 16-byte
+// blocks without shuffles.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  using kz::UnicodeKernels;
+  if (size == 0) return 0;
+  for (auto level = static_cast<int>(kz::UnicodeBestKernels());; --level) {
+    kz::UnicodeUseKernels(static_cast<UnicodeKernels>(level));
+    CheckAll(data, size);
+    if (level <= static_cast<int>(UnicodeKernels::kSse2)) break;
+  }
+  kz::UnicodeUseKernels(kz::UnicodeBestKernels());
   return 0;
 }

@@ -59,8 +59,10 @@ std::string Stored(const URL &url) {
 bool IsDottedName(const std::string &host) {
   int dots = 0;
   for (char c : host) {
-    if (c == '.') ++dots;
-    else if (c < '0' || c > '9') return false;
+    if (c == '.')
+      ++dots;
+    else if (c < '0' || c > '9')
+      return false;
   }
   return dots == 3;
 }
@@ -73,8 +75,7 @@ bool EndsInDefaultDocument(const std::string &path) {
 }
 
 void CheckParsed(URL &url, int strict, int eightBit, const std::string &text) {
-  Require(URLIsValid(&url) || (url.u_scheme == SCHEME_FILE && url.u_host.count == 1), "valid after parse",
-          text);
+  Require(URLIsValid(&url) || (url.u_scheme == SCHEME_FILE && url.u_host.count == 1), "valid after parse", text);
 
   std::string printed = Print(url);
   URL again;

@@ -46,7 +46,8 @@ uint64_t NextSize(uint64_t capacity, uint64_t required, uint64_t maxSize, bool b
     } else {
       uint64_t old = c;
       c = GrowByFifth(c);
-      if (!big) KZ_CHECK(c > old, "newCapacity > oldCapacity || ! \"requested buffer is too large\"", "kzlib/array", 88);
+      if (!big)
+        KZ_CHECK(c > old, "newCapacity > oldCapacity || ! \"requested buffer is too large\"", "kzlib/array", 88);
       if (c >= maxSize) {
         c = maxSize - 1;
         if (c == capacity) {
@@ -170,8 +171,7 @@ KZ_API void *BigArrayGrow_(void *array, size_t eltSize, const char *file, uint32
   return Grow(static_cast<Big *>(array), eltSize, file, line, kBigMax, true);
 }
 
-KZ_API void BigArrayGrowExact_(void *array, uint64_t newCapacity, size_t eltSize, const char *file,
-                               uint32_t line) {
+KZ_API void BigArrayGrowExact_(void *array, uint64_t newCapacity, size_t eltSize, const char *file, uint32_t line) {
   KZ_CHECK(newCapacity < 9223372036854775807ull, "eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
   GrowExact(static_cast<Big *>(array), newCapacity, eltSize, file, line);
 }

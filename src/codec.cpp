@@ -13,9 +13,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "internal/array_view.h"
 #include "internal/codec_kernels.h"
 #include "kz/array.h"
-#include "kz/memory.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define KZ_CODEC_X86 1
@@ -25,30 +25,16 @@
 namespace {
 
 constexpr const char *kFile = "kzlib/codec";
-constexpr uint64_t kMaxSize = 4294967295u;           // limit of the 32-bit family
-constexpr uint64_t kLargestCapacity = kMaxSize - 1;  // the most the rule hands out
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 // ---- output growth ----------------------------------------------------------
 
-// Makes room for `required` bytes. The capacity reached is the one that
-// appending byte by byte reaches (the rule's steps from the current capacity
-// until they cover `required`). A request beyond the largest capacity fails
-// the rule's assertion exactly as the byte-by-byte growth would on its last
-// step, without allocating the 4 GiB in between.
+// Makes room for `required` bytes on the capacity that appending byte by byte
+// reaches, up to the family's 4 GiB limit.
 void Reserve(UByteArray *out, uint64_t required, uint32_t line) {
-  if (required <= out->capacity) return;
-  uint64_t next;
-  if (required > kLargestCapacity) {
-    const uint64_t last = out->capacity > kLargestCapacity ? out->capacity : kLargestCapacity;
-    next = ArrayNextSize(last, last + 1, kMaxSize);  // does not return
-  } else {
-    next = ArrayNextSize(out->capacity, required, kMaxSize);
-  }
-  out->elements = static_cast<unsigned char *>(Allocate_(static_cast<size_t>(next), out->elements, kFile, line));
-  out->capacity = static_cast<uint32_t>(next);
+  kz::View(*out, kFile, line).ReserveAsAppending(required);
 }
 
 // Writes into the array's spare capacity; Put grows by one step of the rule
@@ -72,7 +58,7 @@ class Sink {
  private:
   [[gnu::noinline]] void Grow() {
     const uint64_t count = static_cast<uint64_t>(p_ - out_->elements);
-    Reserve(out_, count + 1, line_);
+    kz::View(*out_, kFile, line_).Grow();
     p_ = out_->elements + count;
     end_ = out_->elements + out_->capacity;
   }
@@ -140,25 +126,65 @@ constexpr const uint32_t *kValue = kDecode.shifted[3];  // the plain 6-bit value
 // The 24-bit value of four characters, with kBad set if any of them is outside
 // the alphabet.
 inline uint32_t Group(const unsigned char *in) {
-  return kDecode.shifted[0][in[0]] | kDecode.shifted[1][in[1]] | kDecode.shifted[2][in[2]] |
-         kDecode.shifted[3][in[3]];
+  return kDecode.shifted[0][in[0]] | kDecode.shifted[1][in[1]] | kDecode.shifted[2][in[2]] | kDecode.shifted[3][in[3]];
 }
 
 // ---- vector kernels ---------------------------------------------------------------
 //
-// On x86-64 processors with SSSE3 (checked at run time) whole blocks go
-// through 16-byte vector steps; the scalar code does everything else and is
-// the whole implementation elsewhere. Both give the same bytes.
+// On x86-64 whole blocks go through vector steps: 16 bytes with SSSE3, 32 with
+// AVX2, 64 with AVX-512 (VBMI byte permutes); the widest level the processor
+// has is chosen when the library loads. The scalar code does everything else
+// and is the whole implementation elsewhere. Every level gives the same bytes:
+// the wide steps take only blocks made entirely of alphabet characters and
+// leave any other block to the 16-byte step, which handles the bytes outside
+// the alphabet.
 
 #if KZ_CODEC_X86
 
+using kz::CodecKernels;
+
+// Builds that cap the kernels, so that the public tests run over each level
+// on a machine that would take a wider one.
+#if defined(KZ_CODEC_SCALAR)
+constexpr CodecKernels kKernelCap = CodecKernels::kScalar;
+#elif defined(KZ_CODEC_MAX_SSSE3)
+constexpr CodecKernels kKernelCap = CodecKernels::kSsse3;
+#elif defined(KZ_CODEC_MAX_AVX2)
+constexpr CodecKernels kKernelCap = CodecKernels::kAvx2;
+#else
+constexpr CodecKernels kKernelCap = CodecKernels::kAvx512;
+#endif
+
 // Static initialisation may run before the compiler's own CPU detection.
-bool HaveSsse3() {
+CodecKernels DetectKernels() {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("ssse3") != 0;
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+      __builtin_cpu_supports("avx512vbmi"))
+    return CodecKernels::kAvx512;
+  if (__builtin_cpu_supports("avx2")) return CodecKernels::kAvx2;
+  if (__builtin_cpu_supports("ssse3")) return CodecKernels::kSsse3;
+  return CodecKernels::kScalar;
 }
 
-std::atomic<bool> g_vectorKernels{HaveSsse3()};
+// The detected level within the build's cap.
+CodecKernels BestKernels() {
+  const CodecKernels detected = DetectKernels();
+  return detected < kKernelCap ? detected : kKernelCap;
+}
+
+// Decided when the library loads: a function-local static would make the
+// first concurrent calls wait on its guard, which changes errno.
+const CodecKernels g_bestKernels = BestKernels();
+std::atomic<CodecKernels> g_kernels{g_bestKernels};
+
+// GCC 12 takes the AVX-512 headers' deliberately undefined registers for
+// uninitialised values.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+#define KZ_AVX2   __attribute__((target("avx2")))
+#define KZ_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi")))
 
 // 12 bytes -> 16 characters per step: the bytes of each group spread over a
 // 32-bit lane, the four 6-bit indices cut out with two multiplies, then
@@ -183,70 +209,222 @@ __attribute__((target("ssse3"))) size_t EncodeBlocksVector(const unsigned char *
   return done;
 }
 
+// The same, 24 bytes -> 32 characters: each 128-bit half takes 12 bytes.
+KZ_AVX2 size_t EncodeBlocksAvx2(const unsigned char *in, const unsigned char *inEnd, size_t groups, unsigned char *to) {
+  const __m256i spread = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1, 0, 2, 1, 4, 3, 5, 4, 7,
+                                          6, 8, 7, 10, 9, 11, 10);
+  const __m256i offsets = _mm256_setr_epi8(71, -4, -4, -4, -4, -4, -4, -4, -4, -4, -4, -19, -16, 65, 0, 0, 71, -4, -4,
+                                           -4, -4, -4, -4, -4, -4, -4, -4, -19, -16, 65, 0, 0);
+  size_t done = 0;
+  while (groups - done >= 8 && inEnd - in >= 28) {
+    const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in));
+    const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + 12));
+    const __m256i v = _mm256_shuffle_epi8(_mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1), spread);
+    const __m256i ac =
+        _mm256_mulhi_epu16(_mm256_and_si256(v, _mm256_set1_epi32(0x0FC0FC00)), _mm256_set1_epi32(0x04000040));
+    const __m256i bd =
+        _mm256_mullo_epi16(_mm256_and_si256(v, _mm256_set1_epi32(0x003F03F0)), _mm256_set1_epi32(0x01000010));
+    const __m256i index = _mm256_or_si256(ac, bd);
+    __m256i range = _mm256_subs_epu8(index, _mm256_set1_epi8(51));
+    range =
+        _mm256_or_si256(range, _mm256_and_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(26), index), _mm256_set1_epi8(13)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(to), _mm256_add_epi8(index, _mm256_shuffle_epi8(offsets, range)));
+    in += 24, to += 32, done += 8;
+  }
+  return done;
+}
+
+// 48 bytes -> 64 characters: each group's bytes permuted into a 64-bit word's
+// 32-bit lane, the 6-bit indices cut out by one multishift, the characters
+// looked up by one permute of the alphabet. The load is masked to the 48
+// bytes.
+KZ_AVX512 size_t EncodeBlocksAvx512(const unsigned char *in, size_t groups, unsigned char *to) {
+  const __m512i spread =
+      _mm512_setr_epi32(0x01020001, 0x04050304, 0x07080607, 0x0a0b090a, 0x0d0e0c0d, 0x10110f10, 0x13141213, 0x16171516,
+                        0x191a1819, 0x1c1d1b1c, 0x1f201e1f, 0x22232122, 0x25262425, 0x28292728, 0x2b2c2a2b, 0x2e2f2d2e);
+  const __m512i shifts = _mm512_set1_epi64(0x3036242a1016040a);
+  const __m512i alphabet = _mm512_loadu_si512(kAlphabet);
+  size_t done = 0;
+  while (groups - done >= 16) {
+    const __m512i v = _mm512_permutexvar_epi8(spread, _mm512_maskz_loadu_epi8(0x0000FFFFFFFFFFFFull, in));
+    const __m512i index = _mm512_multishift_epi64_epi8(shifts, v);
+    _mm512_storeu_si512(to, _mm512_permutexvar_epi8(index, alphabet));
+    in += 48, to += 64, done += 16;
+  }
+  return done;
+}
+
 struct Decoded {
   size_t chars;  // characters used: whole groups and the bytes skipped between them
   size_t bytes;  // bytes written
 };
 
-// 16 characters -> 12 bytes per step while `room` allows. In a block holding a
-// byte outside the alphabet, the whole groups in front of that byte are
-// written; if they end at the bad byte, bytes outside the alphabet are skipped
-// and the run goes on, otherwise it ends there.
+// One 16-character block at in[done.chars]: 16 characters -> 12 bytes. In a
+// block holding a byte outside the alphabet, the whole groups in front of
+// that byte are written; if they end at the bad byte, bytes outside the
+// alphabet are skipped. Returns false when the run ends (a group left open,
+// or too little input or room for a block).
 //
 // Validity: the high nibble of a character picks a class bit (0x01 for 2x,
 // 0x02 for 3x, 0x04 for 4x and 6x, 0x08 for 5x and 7x, 0x10 for every other
 // row, bytes 128-255 included); the low nibble picks the classes in which that
 // column is not in the alphabet. The value is the character plus an offset
 // chosen by the high nibble, "/" moved down one row to part it from "+".
-__attribute__((target("ssse3"))) Decoded DecodeBlocksVector(const unsigned char *in, size_t chars, unsigned char *to,
-                                                            size_t room) {
-  const __m128i invalidColumns = _mm_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13,
-                                               0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
-  const __m128i rowClass = _mm_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10,
-                                         0x10, 0x10, 0x10, 0x10);
+__attribute__((target("ssse3"))) bool DecodeBlockSsse3(const unsigned char *in, size_t chars, unsigned char *to,
+                                                       size_t room, Decoded &done) {
+  if (chars - done.chars < 16 || room - done.bytes < 12) return false;
+  const __m128i invalidColumns =
+      _mm_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13, 0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
+  const __m128i rowClass =
+      _mm_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10);
   const __m128i rowOffset = _mm_setr_epi8(0, 16, 19, 4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0);
   const __m128i nibble = _mm_set1_epi8(0x0F);
   const __m128i toBigEndian = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
-  Decoded done{0, 0};
-  while (chars - done.chars >= 16 && room - done.bytes >= 12) {
-    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + done.chars));
-    const __m128i high = _mm_and_si128(_mm_srli_epi32(c, 4), nibble);
-    const __m128i bad = _mm_and_si128(_mm_shuffle_epi8(invalidColumns, _mm_and_si128(c, nibble)),
-                                      _mm_shuffle_epi8(rowClass, high));
-    const unsigned validMask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bad, _mm_setzero_si128())));
-    const __m128i slash = _mm_cmpeq_epi8(c, _mm_set1_epi8('/'));
-    const __m128i values = _mm_add_epi8(c, _mm_shuffle_epi8(rowOffset, _mm_add_epi8(high, slash)));
-    // a b c d (6 bits each) -> ab cd (12 bits) -> abcd (24 bits) per lane, then big-endian bytes.
-    const __m128i pairs = _mm_maddubs_epi16(values, _mm_set1_epi32(0x01400140));
-    const __m128i groups = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
-    const __m128i bytes = _mm_shuffle_epi8(groups, toBigEndian);
+  const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + done.chars));
+  const __m128i high = _mm_and_si128(_mm_srli_epi32(c, 4), nibble);
+  const __m128i bad =
+      _mm_and_si128(_mm_shuffle_epi8(invalidColumns, _mm_and_si128(c, nibble)), _mm_shuffle_epi8(rowClass, high));
+  const unsigned validMask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bad, _mm_setzero_si128())));
+  const __m128i slash = _mm_cmpeq_epi8(c, _mm_set1_epi8('/'));
+  const __m128i values = _mm_add_epi8(c, _mm_shuffle_epi8(rowOffset, _mm_add_epi8(high, slash)));
+  // a b c d (6 bits each) -> ab cd (12 bits) -> abcd (24 bits) per lane, then big-endian bytes.
+  const __m128i pairs = _mm_maddubs_epi16(values, _mm_set1_epi32(0x01400140));
+  const __m128i groups = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
+  const __m128i bytes = _mm_shuffle_epi8(groups, toBigEndian);
+  unsigned char *const at = to + done.bytes;
+  if (validMask == 0xFFFF) {
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(at), bytes);
+    const uint32_t last = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(bytes, 8)));
+    std::memcpy(at + 8, &last, 4);
+    done.chars += 16, done.bytes += 12;
+    return true;
+  }
+  const unsigned good = static_cast<unsigned>(__builtin_ctz(~validMask));  // characters before the first bad byte
+  const unsigned whole = good / 4;
+  alignas(16) unsigned char block[16];
+  _mm_store_si128(reinterpret_cast<__m128i *>(block), bytes);
+  std::memcpy(at, block, 3 * whole);
+  done.chars += 4 * whole, done.bytes += 3 * whole;
+  if (good % 4 != 0) return false;  // a group left open: the caller goes on one character at a time
+  // At a group boundary (a line break after whole groups, say): skip the
+  // bytes outside the alphabet and go on.
+  while (done.chars < chars && (kValue[in[done.chars]] & kBad)) ++done.chars;
+  return true;
+}
+
+// After a wide block whose first byte outside the alphabet is at `good`, as
+// the 16-byte step does (the caller has written the bytes of the whole groups
+// in front of it): if those groups end at the bad byte, the bytes outside the
+// alphabet are skipped and the run goes on (true), otherwise it ends there.
+inline bool SkipAfterGroups(const unsigned char *in, size_t chars, unsigned good, Decoded &done) {
+  done.chars += good / 4 * 4, done.bytes += good / 4 * 3;
+  if (good % 4 != 0) return false;
+  while (done.chars < chars && (kValue[in[done.chars]] & kBad)) ++done.chars;
+  return true;
+}
+
+// 32 characters -> 24 bytes per step, the 16-byte step's arithmetic in each
+// half.
+KZ_AVX2 void DecodeBlocksAvx2(const unsigned char *in, size_t chars, unsigned char *to, size_t room, Decoded &done) {
+  const __m256i invalidColumns =
+      _mm256_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13, 0x1A, 0x1B, 0x1B, 0x1B, 0x1A,
+                       0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13, 0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
+  const __m256i rowClass =
+      _mm256_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10,
+                       0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10);
+  const __m256i rowOffset = _mm256_setr_epi8(0, 16, 19, 4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0, 0, 16, 19, 4,
+                                             -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0);
+  const __m256i nibble = _mm256_set1_epi8(0x0F);
+  const __m256i toBigEndian = _mm256_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1, 2, 1, 0, 6, 5, 4,
+                                               10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+  const __m256i together = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
+  while (chars - done.chars >= 32 && room - done.bytes >= 24) {
+    const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + done.chars));
+    const __m256i high = _mm256_and_si256(_mm256_srli_epi32(c, 4), nibble);
+    const __m256i bad = _mm256_and_si256(_mm256_shuffle_epi8(invalidColumns, _mm256_and_si256(c, nibble)),
+                                         _mm256_shuffle_epi8(rowClass, high));
+    const uint32_t validMask =
+        static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bad, _mm256_setzero_si256())));
+    const __m256i slash = _mm256_cmpeq_epi8(c, _mm256_set1_epi8('/'));
+    const __m256i values = _mm256_add_epi8(c, _mm256_shuffle_epi8(rowOffset, _mm256_add_epi8(high, slash)));
+    const __m256i pairs = _mm256_maddubs_epi16(values, _mm256_set1_epi32(0x01400140));
+    const __m256i groups = _mm256_madd_epi16(pairs, _mm256_set1_epi32(0x00011000));
+    const __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(groups, toBigEndian), together);
     unsigned char *const at = to + done.bytes;
-    if (validMask == 0xFFFF) {
-      _mm_storel_epi64(reinterpret_cast<__m128i *>(at), bytes);
-      const uint32_t last = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(bytes, 8)));
-      std::memcpy(at + 8, &last, 4);
-      done.chars += 16, done.bytes += 12;
+    if (validMask == 0xFFFFFFFFu) {
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(at), _mm256_castsi256_si128(bytes));
+      _mm_storel_epi64(reinterpret_cast<__m128i *>(at + 16), _mm256_extracti128_si256(bytes, 1));
+      done.chars += 32, done.bytes += 24;
       continue;
     }
-    const unsigned good = static_cast<unsigned>(__builtin_ctz(~validMask));  // characters before the first bad byte
-    const unsigned whole = good / 4;
-    alignas(16) unsigned char block[16];
-    _mm_store_si128(reinterpret_cast<__m128i *>(block), bytes);
-    std::memcpy(at, block, 3 * whole);
-    done.chars += 4 * whole, done.bytes += 3 * whole;
-    if (good % 4 != 0) break;  // a group left open: the caller goes on one character at a time
-    // At a group boundary (a line break after whole groups, say): skip the
-    // bytes outside the alphabet and go on.
-    while (done.chars < chars && (kValue[in[done.chars]] & kBad)) ++done.chars;
+    const unsigned good = static_cast<unsigned>(__builtin_ctz(~validMask));
+    alignas(32) unsigned char block[32];
+    _mm256_store_si256(reinterpret_cast<__m256i *>(block), bytes);
+    std::memcpy(at, block, good / 4 * 3);
+    if (!SkipAfterGroups(in, chars, good, done)) return;
   }
+}
+
+// 64 characters -> 48 bytes per step: values by one two-table permute over
+// the 128 ASCII codes (0x80 for a code outside the alphabet, and the
+// character's own high bit for the rest), the 16-byte step's multiplies, one
+// permute to the 48 bytes and a store masked to them.
+struct AsciiValues {
+  uint8_t value[128];
+};
+constexpr AsciiValues MakeAsciiValues() {
+  AsciiValues t{};
+  for (auto &v : t.value) v = 0x80;
+  for (uint8_t v = 0; v < 64; ++v) t.value[static_cast<unsigned char>(kAlphabet[v])] = v;
+  return t;
+}
+alignas(64) constexpr AsciiValues kAsciiValues = MakeAsciiValues();
+
+KZ_AVX512 void DecodeBlocksAvx512(const unsigned char *in, size_t chars, unsigned char *to, size_t room,
+                                  Decoded &done) {
+  const __m512i lowCodes = _mm512_load_si512(kAsciiValues.value);
+  const __m512i highCodes = _mm512_load_si512(kAsciiValues.value + 64);
+  const __m512i toBytes =
+      _mm512_setr_epi32(0x06000102, 0x090a0405, 0x0c0d0e08, 0x16101112, 0x191a1415, 0x1c1d1e18, 0x26202122, 0x292a2425,
+                        0x2c2d2e28, 0x36303132, 0x393a3435, 0x3c3d3e38, 0, 0, 0, 0);
+  while (chars - done.chars >= 64 && room - done.bytes >= 48) {
+    const __m512i c = _mm512_loadu_si512(in + done.chars);
+    const __m512i values = _mm512_permutex2var_epi8(lowCodes, c, highCodes);
+    const uint64_t badMask = _mm512_movepi8_mask(_mm512_or_si512(values, c));
+    const __m512i pairs = _mm512_maddubs_epi16(values, _mm512_set1_epi32(0x01400140));
+    const __m512i groups = _mm512_madd_epi16(pairs, _mm512_set1_epi32(0x00011000));
+    const __m512i bytes = _mm512_permutexvar_epi8(toBytes, groups);
+    unsigned char *const at = to + done.bytes;
+    if (!badMask) {
+      _mm512_mask_storeu_epi8(at, 0x0000FFFFFFFFFFFFull, bytes);
+      done.chars += 64, done.bytes += 48;
+      continue;
+    }
+    const unsigned good = static_cast<unsigned>(__builtin_ctzll(badMask));
+    _mm512_mask_storeu_epi8(at, (uint64_t{1} << (good / 4 * 3)) - 1, bytes);
+    if (!SkipAfterGroups(in, chars, good, done)) return;
+  }
+}
+
+// Blocks at every level up to `kernels`: the widest steps while they take the
+// input, a 16-byte step where they do not, and back.
+Decoded DecodeBlocksVector(const unsigned char *in, size_t chars, unsigned char *to, size_t room,
+                           CodecKernels kernels) {
+  Decoded done{0, 0};
+  do {
+    if (kernels >= CodecKernels::kAvx512)
+      DecodeBlocksAvx512(in, chars, to, room, done);
+    else if (kernels >= CodecKernels::kAvx2)
+      DecodeBlocksAvx2(in, chars, to, room, done);
+  } while (DecodeBlockSsse3(in, chars, to, room, done));
   return done;
 }
 
-inline bool UseVector() { return g_vectorKernels.load(std::memory_order_relaxed); }
+inline CodecKernels Kernels() { return g_kernels.load(std::memory_order_relaxed); }
 
 #else
 
-inline bool UseVector() { return false; }
+inline kz::CodecKernels Kernels() { return kz::CodecKernels::kScalar; }
 
 #endif
 
@@ -262,14 +440,20 @@ inline unsigned char *StorePair(unsigned char *to, uint32_t twelveBits) {
 // eight-byte load while eight bytes remain before `inEnd` (the end of the whole
 // input), then one group at a time.
 inline unsigned char *EncodeGroups(const unsigned char *in, const unsigned char *inEnd, size_t groups,
-                                   unsigned char *to, bool vector) {
+                                   unsigned char *to, kz::CodecKernels kernels) {
 #if KZ_CODEC_X86
-  if (vector) {
-    const size_t done = EncodeBlocksVector(in, inEnd, groups, to);
+  if (kernels != CodecKernels::kScalar) {
+    size_t done = 0;
+    if (kernels >= CodecKernels::kAvx512)
+      done = EncodeBlocksAvx512(in, groups, to);
+    else if (kernels >= CodecKernels::kAvx2)
+      done = EncodeBlocksAvx2(in, inEnd, groups, to);
+    in += 3 * done, to += 4 * done, groups -= done;
+    done = EncodeBlocksVector(in, inEnd, groups, to);
     in += 3 * done, to += 4 * done, groups -= done;
   }
 #else
-  (void)vector;
+  (void)kernels;
 #endif
   while (groups >= 2 && inEnd - in >= 8) {  // 6 bytes -> 8 characters
     const uint64_t v = LoadBigEndian64(in);
@@ -321,17 +505,17 @@ KZ_API void Base64Encode(UByteArray *out, const void *bytes, uint32_t length, in
   }
   if (total == 0) return;
   Reserve(out, uint64_t{out->count} + total, 188);
-  const bool vector = UseVector();
+  const kz::CodecKernels kernels = Kernels();
   unsigned char *to = out->elements + out->count;
   if (!breakLines) {
-    to = EncodeGroups(in, inEnd, groups, to, vector);
+    to = EncodeGroups(in, inEnd, groups, to, kernels);
     in += 3 * groups;
     if (left) to = EncodeTail(in, left, to);
   } else {
     size_t lineGroups = 0;
     for (size_t remaining = groups; remaining > 0;) {
       const size_t n = remaining < kGroupsPerLine ? remaining : kGroupsPerLine;
-      to = EncodeGroups(in, inEnd, n, to, vector);
+      to = EncodeGroups(in, inEnd, n, to, kernels);
       in += 3 * n, remaining -= n;
       lineGroups = n;
       if (n == kGroupsPerLine) {
@@ -349,7 +533,8 @@ KZ_API void Base64Decode(UByteArray *out, const char *text, uint32_t length) {
   const auto *in = reinterpret_cast<const unsigned char *>(text);
   const unsigned char *const end = in + length;
   Sink sink(out, 241);
-  const bool vector = UseVector();
+  const kz::CodecKernels kernels = Kernels();
+  const bool vector = kernels != kz::CodecKernels::kScalar;
   uint32_t value = 0;  // the characters of the current group, 6 bits each
   unsigned pending = 0;
   while (in < end) {
@@ -358,7 +543,7 @@ KZ_API void Base64Decode(UByteArray *out, const char *text, uint32_t length) {
       // four to three; the first byte outside the alphabet ends the run.
 #if KZ_CODEC_X86
       if (vector) {
-        const Decoded done = DecodeBlocksVector(in, static_cast<size_t>(end - in), sink.At(), sink.Room());
+        const Decoded done = DecodeBlocksVector(in, static_cast<size_t>(end - in), sink.At(), sink.Room(), kernels);
         in += done.chars;
         sink.Advance(done.bytes);
       }
@@ -437,6 +622,42 @@ constexpr std::array<uint8_t, 256> MakeQPClasses() {
 }
 constexpr std::array<uint8_t, 256> kQPClass = MakeQPClasses();
 
+// The number of bytes from `in` on (at most `limit`) that are written as they
+// are: by the encoder (tab = false) or by the decoder, which also copies tabs.
+// 16 bytes a step with SSE2 on x86-64 (33-126 without "=", the blank and for
+// the decoder the tab), a byte at a time elsewhere and near the end.
+inline size_t LiteralRun(const unsigned char *in, size_t limit, bool tab) {
+  size_t n = 0;
+#if KZ_CODEC_X86
+  while (limit - n >= 16) {
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + n));
+    __m128i literal =
+        _mm_andnot_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('=')),
+                         _mm_and_si128(_mm_cmpgt_epi8(c, _mm_set1_epi8(31)), _mm_cmplt_epi8(c, _mm_set1_epi8(127))));
+    if (tab) literal = _mm_or_si128(literal, _mm_cmpeq_epi8(c, _mm_set1_epi8('\t')));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(literal));
+    if (mask != 0xFFFF) return n + static_cast<unsigned>(__builtin_ctz(~mask));
+    n += 16;
+  }
+#endif
+  while (n < limit && (tab ? kQPClass[in[n]] == kCopy : IsQPLiteral(in[n]))) ++n;
+  return n;
+}
+
+// Copies n (at least 1) bytes: at once into the room there is, the rest a
+// byte at a time, so that the array grows exactly as with Put alone.
+inline void PutRun(Sink &sink, const unsigned char *from, size_t n) {
+  if (n <= sink.Room()) {
+    std::memcpy(sink.At(), from, n);
+    sink.Advance(n);
+    return;
+  }
+  const size_t direct = sink.Room();
+  if (direct) std::memcpy(sink.At(), from, direct);  // an empty array has no storage
+  sink.Advance(direct);
+  for (size_t k = direct; k < n; ++k) sink.Put(from[k]);
+}
+
 inline void SoftBreak(Sink &sink) {
   sink.Put('=');
   sink.Put('\r');
@@ -454,15 +675,22 @@ KZ_API void QPEncode(UByteArray *out, const void *bytes, uint32_t length, int32_
   for (uint32_t i = 0; i < length; ++i) {
     const unsigned char c = in[i];
     if (IsQPLiteral(c)) {
-      if (breakLines && n >= 75) SoftBreak(sink), n = 0;
-      sink.Put(c);
-      n += 1;
+      // A run of literal bytes, cut into lines of at most 75 before the break.
+      size_t run = LiteralRun(in + i, length - i, false);
+      i += static_cast<uint32_t>(run) - 1;
+      const unsigned char *from = in + i + 1 - run;
+      while (run > 0) {
+        if (breakLines && n >= 75) SoftBreak(sink), n = 0;
+        const size_t take = breakLines && run > 75 - n ? 75 - n : run;
+        PutRun(sink, from, take);
+        from += take, run -= take, n += static_cast<uint32_t>(take);
+      }
       continue;
     }
     if (breakLines && n >= 73) SoftBreak(sink), n = 0;
-    sink.Put('=');
-    sink.Put(static_cast<unsigned char>(kHexDigits[c >> 4]));
-    sink.Put(static_cast<unsigned char>(kHexDigits[c & 15]));
+    const unsigned char escape[3] = {'=', static_cast<unsigned char>(kHexDigits[c >> 4]),
+                                     static_cast<unsigned char>(kHexDigits[c & 15])};
+    PutRun(sink, escape, 3);
     n += 3;
     if (breakLines && c == '\n') SoftBreak(sink), n = 0;
   }
@@ -480,10 +708,13 @@ KZ_API void QPDecode(UByteArray *out, const char *text, uint32_t length) {
   for (uint32_t i = 0; i < length; ++i) {
     const unsigned char c = in[i];
     switch (kQPClass[c]) {
-      case kCopy:
-        sink.Put(c);
+      case kCopy: {
+        const size_t run = LiteralRun(in + i, length - i, true);
+        PutRun(sink, in + i, run);
+        i += static_cast<uint32_t>(run) - 1;
         softBreak = false;
         break;
+      }
       case kEquals:
         if (length - i > 2 && in[i + 1] > 32) {
           const uint8_t high = kHexValue[in[i + 1]], low = kHexValue[in[i + 2]];
@@ -494,11 +725,12 @@ KZ_API void QPDecode(UByteArray *out, const char *text, uint32_t length) {
         }
         break;
       case kLineEnd:
-        if (!softBreak) sink.Put(c);
-        else if (c == '\n') softBreak = false;
+        if (!softBreak)
+          sink.Put(c);
+        else if (c == '\n')
+          softBreak = false;
         break;
-      default:
-        break;
+      default: break;
     }
   }
   sink.Finish();
@@ -508,23 +740,26 @@ KZ_API void QPDecode(UByteArray *out, const char *text, uint32_t length) {
 
 namespace kz {
 
-bool CodecVectorKernelsAvailable() {
+CodecKernels CodecBestKernels() {
 #if KZ_CODEC_X86
-  return HaveSsse3();
+  return g_bestKernels;
 #else
-  return false;
+  return CodecKernels::kScalar;
 #endif
 }
 
-bool CodecUseVectorKernels(bool on) {
+CodecKernels CodecUseKernels(CodecKernels kernels) {
+  const CodecKernels use = kernels < CodecBestKernels() ? kernels : CodecBestKernels();
 #if KZ_CODEC_X86
-  const bool use = on && CodecVectorKernelsAvailable();
-  g_vectorKernels.store(use, std::memory_order_relaxed);
-  return use;
-#else
-  (void)on;
-  return false;
+  g_kernels.store(use, std::memory_order_relaxed);
 #endif
+  return use;
+}
+
+bool CodecVectorKernelsAvailable() { return CodecBestKernels() != CodecKernels::kScalar; }
+
+bool CodecUseVectorKernels(bool on) {
+  return CodecUseKernels(on ? CodecBestKernels() : CodecKernels::kScalar) != CodecKernels::kScalar;
 }
 
 }  // namespace kz

@@ -15,8 +15,8 @@
 #include "kz/message.h"
 
 struct KZCompress {
-  uint32_t level;        // the library's level, 0-3
-  int32_t compressing;   // 1: the stream holds a deflate state, 0: an inflate state
+  uint32_t level;       // the library's level, 0-3
+  int32_t compressing;  // 1: the stream holds a deflate state, 0: an inflate state
   z_stream stream;
   const void *dictionary;  // caller's preset dictionary or null
   uint32_t dictionaryLength;
@@ -31,15 +31,11 @@ constexpr uint64_t kCapacityLimit = 2147483647u;
 
 int ZlibLevel(uint32_t level) {
   switch (level) {
-    case 0:
-      return Z_DEFAULT_COMPRESSION;
+    case 0: return Z_DEFAULT_COMPRESSION;
     case 1:
-    case 2:
-      return 1;
-    case 3:
-      return 9;
-    default:
-      kzassert_("FALSE", kFile, 70);
+    case 2: return 1;
+    case 3: return 9;
+    default: kzassert_("FALSE", kFile, 70);
   }
 }
 
@@ -98,8 +94,10 @@ KZ_API KZCompress *CompressNew(uint32_t level, int32_t compress) {
   c->stream.opaque = Z_NULL;
   c->dictionary = nullptr;
   c->dictionaryLength = 0;
-  if (compress) SetUpDeflate(c, 97, "CompressNew");
-  else SetUpInflate(c, 99, "CompressNew");
+  if (compress)
+    SetUpDeflate(c, 97, "CompressNew");
+  else
+    SetUpInflate(c, 99, "CompressNew");
   return c;
 }
 
@@ -152,14 +150,11 @@ KZ_API int32_t CompressInflate(KZCompress *c, const void *input, uint32_t length
     int result = inflate(&stream, Z_SYNC_FLUSH);
     out->count = static_cast<uint32_t>(c0 + stream.total_out);
     switch (result) {
-      case Z_STREAM_END:
-        return 0;
-      case Z_OK:
-        continue;
+      case Z_STREAM_END: return 0;
+      case Z_OK: continue;
       case Z_BUF_ERROR:  // no progress: the input ended inside the stream
         return -1;
-      case Z_DATA_ERROR:
-        return -4;
+      case Z_DATA_ERROR: return -4;
       case Z_NEED_DICT:
         if (!c->dictionary) return -4;
         result = inflateSetDictionary(&stream, static_cast<const Bytef *>(c->dictionary), c->dictionaryLength);
@@ -170,16 +165,17 @@ KZ_API int32_t CompressInflate(KZCompress *c, const void *input, uint32_t length
         }
         Check(result, 177, "CompressInflate", stream);
         continue;
-      default:
-        ZlibFailed(180, "CompressInflate", stream, result);
+      default: ZlibFailed(180, "CompressInflate", stream, result);
     }
   }
 }
 
 KZ_API void CompressDelete(KZCompress *c) {
   if (!c) return;
-  if (c->compressing) Check(deflateEnd(&c->stream), 189, "CompressDelete", c->stream);
-  else Check(inflateEnd(&c->stream), 190, "CompressDelete", c->stream);
+  if (c->compressing)
+    Check(deflateEnd(&c->stream), 189, "CompressDelete", c->stream);
+  else
+    Check(inflateEnd(&c->stream), 190, "CompressDelete", c->stream);
   free(c);
 }
 

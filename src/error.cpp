@@ -8,6 +8,7 @@
 #include <trio.h>
 
 #include "internal/context.h"
+#include "internal/format.h"
 #include "internal/os/crash.h"
 #include "internal/os/error.h"
 
@@ -126,7 +127,7 @@ KZ_API int *KZErrorVThrow_(uint64_t code, const char *format, va_list args) {
   record->module = context->module;
   record->function = context->function;
   record->code = code;
-  trio_vsnprintf(context->buffer, sizeof context->buffer, format, args);
+  FormatV(context->buffer, sizeof context->buffer, format, args);
   memcpy(record->message, context->buffer, sizeof record->message);
   record->message[sizeof record->message - 1] = '\0';
   record->stackCount = 1;
@@ -155,7 +156,7 @@ KZ_API int *KZErrorVRethrow_(const char *format, va_list args) {
   record->function = context->function;
   char *buffer = context->buffer;
   constexpr size_t size = sizeof context->buffer;
-  int formatted = trio_vsnprintf(buffer, size, format, args);
+  int formatted = FormatV(buffer, size, format, args);
   size_t n = formatted < 0 ? 0 : strlen(buffer);
   if (n < size) trio_snprintf(buffer + n, size - n, ": %s", record->message);
   memcpy(record->message, buffer, sizeof record->message);

@@ -14,6 +14,7 @@
 #include "internal/os/error.h"
 #include "internal/os/file.h"
 #include "internal/os/init.h"
+#include "kz/env.h"
 #include "kz/error.h"
 #include "kz/init.h"
 #include "kz/lock.h"
@@ -31,11 +32,6 @@ constexpr uint64_t kMicrosecondsFrom1601To1970 = 11644473600000000ull;
 constexpr size_t kPathLimit = 260;         // longest absolute path made, and lock-file path buffer
 constexpr size_t kZeroBlock = 1u << 20;    // zero-filling writes at most this much at once
 constexpr size_t kModulePathBuffer = 259;  // the running program's path, as the executable search reads it
-
-// The process environment's value of name, or null. The one place this family
-// reads the environment (PATH, TMPDIR): switch to KZGetEnvironmentVariable once
-// the environment family is in the tree.
-const char *EnvironmentValue(const char *name) { return getenv(name); }
 
 // The library's UTF-8 rules for paths, the same that UCS2Encode applies, so a
 // path is refused alike on every platform: one- to three-byte sequences with
@@ -111,6 +107,29 @@ class Text {
 
  private:
   UByteArray bytes_{};
+};
+
+// The environment's value of name, copied under the environment family's lock
+// (so a concurrent change cannot free it under us); text() is null when it is
+// not set. The one place this family reads the environment (PATH, TMPDIR); the
+// caller's errno and last error stay as they were.
+class EnvironmentValue {
+ public:
+  explicit EnvironmentValue(const char *name) {
+    const ErrorStateKept kept;
+    set_ = KZUBAGetEnvironmentVariable(name, &value_) == 1;
+  }
+  ~EnvironmentValue() { free(value_.elements); }
+  EnvironmentValue(const EnvironmentValue &) = delete;
+  EnvironmentValue &operator=(const EnvironmentValue &) = delete;
+  const char *text() const {
+    if (!set_) return nullptr;
+    return value_.elements ? reinterpret_cast<const char *>(value_.elements) : "";
+  }
+
+ private:
+  UByteArray value_ = {nullptr, 0, 0};
+  bool set_ = false;
 };
 
 // directory "/" name, or name alone; false (errno 22) when either is not a
@@ -695,7 +714,8 @@ KZ_API int PathMakeAbsolute(UByteArray *out, const char *path) {
 }
 
 KZ_API int AppendTemporaryDirectory(UByteArray *out) {
-  const char *directory = EnvironmentValue("TMPDIR");
+  EnvironmentValue temporary("TMPDIR");
+  const char *directory = temporary.text();
   if (!directory || !*directory) directory = "/tmp";
   size_t length = strlen(directory);
   AppendArray(out, directory, length);
@@ -767,7 +787,7 @@ KZ_API int PathFindExecutable(UByteArray *out, const char *name) {
     SetArray(out, name, strlen(name));
     return 1;
   }
-  if (PathFindInList(EnvironmentValue(PathGetBinaryPathVariable()), out, name)) return 1;
+  if (PathFindInList(EnvironmentValue(PathGetBinaryPathVariable()).text(), out, name)) return 1;
   char program[kModulePathBuffer];
   int error = 0;
   long length = os::GetExecutablePath(program, sizeof program, &error);

@@ -38,9 +38,9 @@
 //                         == clmul(h, K(d+64)) ^ clmul(l, K(d))   (mod F),
 // both products below x^128, and the next sixteen bytes are XORed in. Four
 // accumulators take 64 bytes per round (d = 512); at the end they are folded
-// into one (d = 384, 256, 128 for the first three), single 16-byte blocks
-// follow with d = 128, and H * x^64 + L mod F is T(h) ^ l with the 8-byte-step
-// tables. The start value enters as v * x^(8n) = (v * x^128) * x^(8n-128):
+// into one (d = 384, 256, 128 for the first three); an input of 16-63 bytes
+// starts with one accumulator instead. Single 16-byte blocks follow with
+// d = 128, and H * x^64 + L mod F is T(h) ^ l with the 8-byte-step tables. The start value enters as v * x^(8n) = (v * x^128) * x^(8n-128):
 // clmul(v, K(128)) is XORed into the first block. The last 0-15 bytes take the
 // table method. Every step is a congruence mod F and the result is reduced
 // below x^64, so it is the table method's value bit for bit.
@@ -66,10 +66,6 @@ inline uint64_t LoadLittle64(const unsigned char *p) {
   w = __builtin_bswap64(w);
 #endif
   return w;
-}
-
-inline uint64_t ByteStep(uint64_t value, unsigned char byte) {
-  return ((uint64_t{byte} << 56) | (value >> 8)) ^ g_table[7][value & 255];
 }
 
 // value * x^64 mod F.
@@ -101,13 +97,20 @@ uint64_t PowerEntry(unsigned i) { return g_power[i]; }
 uint64_t TableEntry(unsigned k, unsigned byte) { return g_table[k][byte]; }
 
 uint64_t ExtendTables(uint64_t value, const unsigned char *p, size_t n) {
-  while (n > 0 && (reinterpret_cast<uintptr_t>(p) & 7) != 0) {
-    value = ByteStep(value, *p++);
-    n--;
-  }
   for (; n >= 8; p += 8, n -= 8) value = LoadLittle64(p) ^ WordReduce(value);
-  for (; n > 0; n--) value = ByteStep(value, *p++);
-  return value;
+  if (n == 0) return value;
+  // The last n < 8 bytes in one step, value * x^(8n) + tail mod F: byte j of
+  // value (j < n) is pushed past x^63 and reduces through table j + 8 - n (as
+  // in WordReduce, n bytes further along), the rest moves down 8n bits, and
+  // the tail bytes land on the top 8n bits as n byte steps would put them.
+  const unsigned shift = 8 * static_cast<unsigned>(n);
+  uint64_t tail = 0;
+  uint64_t reduced = 0;
+  for (unsigned j = 0; j < n; j++) {
+    tail |= uint64_t{p[j]} << (8 * j);
+    reduced ^= g_table[j + 8 - n][(value >> (8 * j)) & 255];
+  }
+  return (value >> shift) ^ (tail << (64 - shift)) ^ reduced;
 }
 
 #if defined(KZ_FINGERPRINT_HAVE_CLMUL)
@@ -138,7 +141,7 @@ __attribute__((target("pclmul,sse4.1"))) inline __m128i Load(const unsigned char
 }  // namespace
 
 __attribute__((target("pclmul,sse4.1"))) uint64_t ExtendClmul(uint64_t value, const unsigned char *p, size_t n) {
-  if (n < 64) return ExtendTables(value, p, n);
+  if (n < 16) return ExtendTables(value, p, n);
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
 #error "the lane order below assumes a little-endian machine"
 #endif
@@ -148,18 +151,26 @@ __attribute__((target("pclmul,sse4.1"))) uint64_t ExtendClmul(uint64_t value, co
   const __m128i by256 = _mm_set_epi64x(static_cast<long long>(K(256)), static_cast<long long>(K(320)));
   const __m128i by128 = _mm_set_epi64x(static_cast<long long>(K(128)), static_cast<long long>(K(192)));
 
-  __m128i x0 = Load(p), x1 = Load(p + 16), x2 = Load(p + 32), x3 = Load(p + 48);
   // v * x^128 into the first block: v times the high constant of by128.
-  x0 = _mm_xor_si128(x0, _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(value)), by128, 0x10));
-  p += 64;
-  n -= 64;
-  for (; n >= 64; p += 64, n -= 64) {
-    x0 = _mm_xor_si128(Fold(x0, by512), Load(p));
-    x1 = _mm_xor_si128(Fold(x1, by512), Load(p + 16));
-    x2 = _mm_xor_si128(Fold(x2, by512), Load(p + 32));
-    x3 = _mm_xor_si128(Fold(x3, by512), Load(p + 48));
+  const __m128i start = _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(value)), by128, 0x10);
+  __m128i acc;
+  if (n >= 64) {
+    __m128i x0 = _mm_xor_si128(Load(p), start), x1 = Load(p + 16), x2 = Load(p + 32), x3 = Load(p + 48);
+    p += 64;
+    n -= 64;
+    for (; n >= 64; p += 64, n -= 64) {
+      x0 = _mm_xor_si128(Fold(x0, by512), Load(p));
+      x1 = _mm_xor_si128(Fold(x1, by512), Load(p + 16));
+      x2 = _mm_xor_si128(Fold(x2, by512), Load(p + 32));
+      x3 = _mm_xor_si128(Fold(x3, by512), Load(p + 48));
+    }
+    acc = _mm_xor_si128(_mm_xor_si128(Fold(x0, by384), Fold(x1, by256)), _mm_xor_si128(Fold(x2, by128), x3));
+  } else {
+    // 16-63 bytes (URL components): one accumulator from the start.
+    acc = _mm_xor_si128(Load(p), start);
+    p += 16;
+    n -= 16;
   }
-  __m128i acc = _mm_xor_si128(_mm_xor_si128(Fold(x0, by384), Fold(x1, by256)), _mm_xor_si128(Fold(x2, by128), x3));
   for (; n >= 16; p += 16, n -= 16) acc = _mm_xor_si128(Fold(acc, by128), Load(p));
 
   const uint64_t h = static_cast<uint64_t>(_mm_cvtsi128_si64(acc));
@@ -177,7 +188,7 @@ bool HaveClmul() {
 const bool g_clmul = HaveClmul();
 
 uint64_t Extend(uint64_t value, const unsigned char *p, size_t n) {
-  return n >= 64 && g_clmul ? ExtendClmul(value, p, n) : ExtendTables(value, p, n);
+  return n >= 16 && g_clmul ? ExtendClmul(value, p, n) : ExtendTables(value, p, n);
 }
 
 #else  // no carry-less multiplication kernel on this architecture

@@ -22,7 +22,6 @@
 #include "internal/os/thread.h"
 #include "internal/startup.h"
 #include "kz/error.h"
-#include "kz/file.h"
 #include "kz/memory.h"
 #include "kz/message.h"
 
@@ -185,21 +184,7 @@ void RecordProgram(const char *path) {
   LazyLockGuard hold(GlobalLock());
   char executable[261];
   const char *found = KZExecutable(executable, sizeof executable);
-#if defined(KZ_WITH_FILE)  // the path search of the file family, where it is built
-  UByteArray searched{};
-  if (!found && PathFindExecutable(&searched, path)) {
-    // A hit through a relative PATH entry is made absolute; one that cannot
-    // be (longer than a path may be) is not recorded.
-    UByteArray absolute{};
-    if (PathMakeAbsolute(&absolute, reinterpret_cast<const char *>(searched.elements)) &&
-        absolute.count < sizeof executable) {
-      memcpy(executable, absolute.elements, absolute.count + 1);
-      found = executable;
-    }
-    free(absolute.elements);
-  }
-  free(searched.elements);
-#endif
+  if (!found && os::FindProgram(path, executable, sizeof executable)) found = executable;
   free(g_executablePath);
   g_executablePath = found ? Strdup_(found, kFile, __LINE__) : nullptr;
 

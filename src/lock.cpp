@@ -20,7 +20,6 @@
 #include "kz/lock.h"
 #include "kz/message.h"
 
-
 namespace {
 
 using kz::os::WaitResult;
@@ -187,13 +186,9 @@ KZ_API int ConditionTimedWait(KZCondition *condition, KZMutex *mutex, uint32_t t
   WaitResult result = kz::os::SemaphoreWait(semaphore, timeout);
   switch (result) {
     case WaitResult::kSignaled:
-    case WaitResult::kTimedOut:
-      break;
-    case WaitResult::kFailed:
-      Fatal(992, "ConditionTimedWait", "WaitForSingleObject failed");
-      break;
-    default:
-      kzassert_("FALSE", kFile, 994);
+    case WaitResult::kTimedOut: break;
+    case WaitResult::kFailed: Fatal(992, "ConditionTimedWait", "WaitForSingleObject failed"); break;
+    default: kzassert_("FALSE", kFile, 994);
   }
 
   // 4. Leave; the last waiter of a broadcast reports that all have left.

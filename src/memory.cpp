@@ -62,8 +62,7 @@ KZ_API void *Allocate0_(size_t size, const char *file, uint32_t line) {
   FatalAllocation(nullptr, size, file, line);
 }
 
-KZ_API void *AllocateAligned_(size_t size, size_t alignment, void **aligned, const char *file,
-                              uint32_t line) {
+KZ_API void *AllocateAligned_(size_t size, size_t alignment, void **aligned, const char *file, uint32_t line) {
   void *block = Allocate_(size, nullptr, file, line);
   // Checked after the allocation, as programs have always seen it.
   KZ_CHECK(alignment > 0, "align > 0", "kzlib/kzlib", 4335);
@@ -150,8 +149,8 @@ KZ_API void *MemoryRemap_(void *old, size_t oldSize, size_t newSize, const char 
   return fresh;
 }
 
-KZ_API void *AnonArrayGrow_(size_t unit, void *oldBase, uint64_t count, uint64_t width,
-                            uint64_t *outSize, const char *file, uint32_t line) {
+KZ_API void *AnonArrayGrow_(size_t unit, void *oldBase, uint64_t count, uint64_t width, uint64_t *outSize,
+                            const char *file, uint32_t line) {
   uint64_t total = count * width;
   uint64_t bytes = total % (8 * unit) == 0 ? total / 8 : (total / (8 * unit) + 1) * unit;
   if (outSize) *outSize = bytes;
@@ -161,7 +160,8 @@ KZ_API void *AnonArrayGrow_(size_t unit, void *oldBase, uint64_t count, uint64_t
   auto *header = static_cast<uint64_t *>(MemoryRemap_(oldHeader, oldTotal, bytes + 8, file, line));
   if (!header) {
     KZSetMessageContext2_(file, line, nullptr, nullptr, 5, 1);
-    KZMessage_("array malloc failed: ptr=%p size=%lu", oldBase, static_cast<unsigned long>(static_cast<uint32_t>(bytes)));
+    KZMessage_("array malloc failed: ptr=%p size=%lu", oldBase,
+               static_cast<unsigned long>(static_cast<uint32_t>(bytes)));
     abort();
   }
   *header = bytes + 8;
@@ -294,9 +294,7 @@ KZ_API void LocalCPoolPut_(KZLocalPool *pool, void *object, const char *file, ui
   PutItem(pool, object, file, line);
 }
 
-KZ_API void *LocalCPoolGet_(KZLocalPool *pool) {
-  return pool->count ? pool->items[--pool->count] : nullptr;
-}
+KZ_API void *LocalCPoolGet_(KZLocalPool *pool) { return pool->count ? pool->items[--pool->count] : nullptr; }
 
 // ---- inert debugging entry points ----
 

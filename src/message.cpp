@@ -11,6 +11,7 @@
 
 #include "internal/array_view.h"
 #include "internal/context.h"
+#include "internal/format.h"
 #include "internal/lazy_lock.h"
 #include "internal/os/message.h"
 #include "internal/os/thread.h"
@@ -110,9 +111,27 @@ FILE *ErrorStream() {
   return stream ? stream : stderr;
 }
 
+}  // namespace
+
 LazyLock &MessageLock() {
   constinit static LazyLock lock;
   return lock;
+}
+
+namespace {
+
+// The message text through the library's formatter; one longer than the
+// stack buffer is left to trio's stream writer.
+void WriteFormatted(FILE *stream, const char *format, va_list args) {
+  va_list again;
+  va_copy(again, args);
+  char text[1024];
+  const int n = FormatV(text, sizeof text, format, args);
+  if (n >= 0 && static_cast<size_t>(n) < sizeof text)
+    fwrite(text, 1, static_cast<size_t>(n), stream);
+  else if (n >= 0)
+    trio_vfprintf(stream, format, again);
+  va_end(again);
 }
 
 void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withError, const char *format, va_list args) {
@@ -134,7 +153,7 @@ void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withErr
   }
   if (g_logPid.load(std::memory_order_relaxed))
     trio_fprintf(stream, "[%I64u] ", static_cast<unsigned long long>(os::ProcessId()));
-  trio_vfprintf(stream, format, args);
+  WriteFormatted(stream, format, args);
   if (withError) trio_fprintf(stream, ": %s", errorText ? errorText : "");
   fputs("\r\n", stream);
   fflush(stream);

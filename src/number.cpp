@@ -55,9 +55,7 @@ constexpr SafeDigitTable kSafeDigits;
 static_assert(kSafeDigits.count[10] == 19 && kSafeDigits.count[16] == 16 && kSafeDigits.count[2] == 64 &&
               kSafeDigits.count[36] == 12);
 
-inline void CheckBase(int base) {
-  KZ_CHECK(base > 1 && base < 37, "base > 1 && base < 37", "kzlib/kzlib", __LINE__);
-}
+inline void CheckBase(int base) { KZ_CHECK(base > 1 && base < 37, "base > 1 && base < 37", "kzlib/kzlib", __LINE__); }
 
 inline unsigned DigitOf(char c) { return kDigits.value[static_cast<unsigned char>(c)]; }
 // A 16-bit unit contributes its low byte only; the high byte is ignored.
@@ -140,8 +138,7 @@ inline bool ParseUpToEight(const char *p, size_t n, uint64_t *value) {
   if (n >= 4) {
     x = LoadOverlapping<uint32_t, uint64_t>(p, n);
   } else {
-    x = uint64_t{static_cast<unsigned char>(p[0])} |
-        (uint64_t{static_cast<unsigned char>(p[n / 2])} << (8 * (n / 2))) |
+    x = uint64_t{static_cast<unsigned char>(p[0])} | (uint64_t{static_cast<unsigned char>(p[n / 2])} << (8 * (n / 2))) |
         (uint64_t{static_cast<unsigned char>(p[n - 1])} << (8 * (n - 1)));
   }
   return ParseGathered(x, n, value);
@@ -470,8 +467,8 @@ inline uint64_t Fnv64(const void *bytes, uint64_t length, uint64_t h) {
 // in 0-30, 31 distinct values, and only target 14 is shared (by source bits
 // 17 and 29); bit 31 of a scrambled value is therefore never set. kInvert[i]
 // marks the source bits stored inverted; exactly 16 are marked.
-constexpr uint8_t kTarget[32] = {7,  8,  0,  11, 2,  28, 16, 26, 23, 30, 20, 1,  13, 10, 5,  21,
-                                 29, 14, 19, 27, 6,  3,  25, 18, 22, 9,  17, 4,  15, 14, 12, 24};
+constexpr uint8_t kTarget[32] = {7,  8,  0,  11, 2, 28, 16, 26, 23, 30, 20, 1, 13, 10, 5,  21,
+                                 29, 14, 19, 27, 6, 3,  25, 18, 22, 9,  17, 4, 15, 14, 12, 24};
 constexpr uint8_t kInvert[32] = {1, 0, 1, 0, 0, 1, 1, 0, 1, 1, 0, 1, 0, 0, 0, 1,
                                  0, 0, 0, 1, 1, 0, 1, 1, 0, 1, 0, 1, 1, 0, 0, 1};
 
@@ -533,8 +530,8 @@ KZ_API int32_t ParseInt(const char *bytes, uint32_t length, int base, int32_t *e
   CheckBase(base);
   const bool negative = length > 0 && bytes[0] == '-';
   int32_t failed = 0;
-  uint32_t magnitude = negative ? ParseUnsigned32(bytes + 1, length - 1, base, &failed)
-                                : ParseUnsigned32(bytes, length, base, &failed);
+  uint32_t magnitude =
+      negative ? ParseUnsigned32(bytes + 1, length - 1, base, &failed) : ParseUnsigned32(bytes, length, base, &failed);
   const uint32_t limit = negative ? 0x80000000u : 0x7FFFFFFFu;
   if (failed || magnitude > limit) {
     *error = 1;

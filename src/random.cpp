@@ -31,9 +31,9 @@ constexpr uint32_t kZipfExponentLine = 1230;
 // How the process-wide generator got its state.
 enum Seeded : int { kNotSeeded = 0, kFromEntropy = 1, kByCaller = 2 };
 
-KZRand g_state;                                  // guarded by g_lock
-KZCriticalSection *g_lock = kz::kLockUnset;      // created on first use
-std::atomic<int> g_seeded{kNotSeeded};           // changed under g_lock (and in a forked child)
+KZRand g_state;                              // guarded by g_lock
+KZCriticalSection *g_lock = kz::kLockUnset;  // created on first use
+std::atomic<int> g_seeded{kNotSeeded};       // changed under g_lock (and in a forked child)
 
 // Stores b0..b5 in this byte order into the memory of x0, x1, x2, and sets
 // the multiplier and addend words.

@@ -10,6 +10,13 @@
 //     shuffles compact 16-bit values in the encoder and pack 8 elements below
 //     0x800 into one store in the decoders. Elsewhere ASCII moves 8 bytes at a
 //     time;
+//   - wider kernels where the processor has them (the widest chosen once when
+//     the library loads): with AVX-512 (VBMI2) encoders take 64-byte blocks
+//     of 1- to 3-byte sequences, classified by masks and compressed to the
+//     values where sequences start, and decoders write 16 elements' UTF-8
+//     bytes (32 below 0x800) with one byte compress and a masked store; with
+//     AVX2 ASCII moves 32 bytes at a time. A block they do not take goes to
+//     the 16-byte blocks;
 //   - single sequences are read with one 32-bit load while at least four bytes
 //     remain and checked with masks;
 //   - anything else - a sequence the masks do not accept, the last three bytes
@@ -29,20 +36,38 @@
 #include <cstring>
 
 // KZ_UNICODE_PORTABLE builds the word-at-a-time paths on x86-64 too, and
-// KZ_UNICODE_NO_SHUFFLE leaves out the SSSE3 kernels, so that every path can
-// be tested on a machine that would not take it.
+// KZ_UNICODE_NO_SHUFFLE, KZ_UNICODE_MAX_SSSE3 and KZ_UNICODE_MAX_AVX2 cap the
+// kernels, so that every path can be tested on a machine that would take a
+// wider one.
 #if defined(__SSE2__) && !defined(KZ_UNICODE_PORTABLE)
-#include <emmintrin.h>
-#include <tmmintrin.h>
+#include <immintrin.h>
 #define KZ_UNICODE_SSE2 1
 #endif
 
+#include <atomic>
+
+#include "internal/array_view.h"
 #include "internal/context.h"
+#include "internal/unicode_kernels.h"
 #include "kz/array.h"
 #include "kz/error.h"
 #include "kz/message.h"
 
 namespace {
+
+using Kernels = kz::UnicodeKernels;
+
+// Builds that cap the kernels, so that each level is tested on a machine
+// that would take a wider one.
+#if defined(KZ_UNICODE_NO_SHUFFLE)
+constexpr Kernels kKernelCap = Kernels::kSse2;
+#elif defined(KZ_UNICODE_MAX_SSSE3)
+constexpr Kernels kKernelCap = Kernels::kSsse3;
+#elif defined(KZ_UNICODE_MAX_AVX2)
+constexpr Kernels kKernelCap = Kernels::kAvx2;
+#else
+constexpr Kernels kKernelCap = Kernels::kAvx512;
+#endif
 
 constexpr const char *kSource = "kzlib/unicode/unicode";
 // Error exits of the two UTF-8 readers, and the growth calls (named in the
@@ -80,15 +105,13 @@ inline void Put16(uint8_t *p, uint16_t w) {
 // Makes room for `required` elements with the growth rule and the 2^31 limit.
 template <typename Record>
 void ReserveExact(Record *array, uint64_t required, uint32_t line) {
-  uint64_t next = ArrayNextSize(array->capacity, required, kReserveLimit);
-  if (next >= kReserveLimit) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
-  ArrayGrowExact_(array, static_cast<uint32_t>(next), sizeof(*array->elements), kSource, line);
+  kz::View(*array, kSource, line).Reserve(required, kReserveLimit);
 }
 
 // The terminating zero element at index count, not counted.
 template <typename Record>
 void Terminate(Record *array, uint32_t line) {
-  if (array->capacity < uint64_t(array->count) + 1) ReserveExact(array, uint64_t(array->count) + 1, line);
+  ReserveExact(array, uint64_t(array->count) + 1, line);
   array->elements[array->count] = 0;
 }
 
@@ -261,18 +284,24 @@ inline void WidenPrefix(Unit *out, const uint8_t *p, uint32_t k) {
 
 // ---- byte shuffles (SSSE3, nearly every x86-64 processor) ----
 
+// The widest kernels this processor runs, capped by the build switches.
 // Decided when the library loads: a function-local static would make the
 // first concurrent calls wait on its guard, which changes errno.
-#if defined(KZ_UNICODE_NO_SHUFFLE)
-const bool g_hasShuffle = false;
-#else
-const bool g_hasShuffle = [] {
+Kernels DetectKernels() {
   __builtin_cpu_init();  // static initialisation may run before the compiler's own
-  return __builtin_cpu_supports("ssse3") != 0;
-}();
-#endif
+  Kernels best = Kernels::kSse2;
+  if (__builtin_cpu_supports("ssse3")) best = Kernels::kSsse3;
+  if (__builtin_cpu_supports("avx2")) best = Kernels::kAvx2;
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+      __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("bmi2"))
+    best = Kernels::kAvx512;
+  return best < kKernelCap ? best : kKernelCap;
+}
 
-bool HasShuffle() { return g_hasShuffle; }
+const Kernels g_bestKernels = DetectKernels();
+std::atomic<Kernels> g_kernels{g_bestKernels};
+
+Kernels CurrentKernels() { return g_kernels.load(std::memory_order_relaxed); }
 
 // Decoders: eight elements below 0x800 make 8 to 16 bytes; one shuffle, chosen
 // by which of them are ASCII, packs their byte pairs into one 16-byte store.
@@ -396,11 +425,13 @@ __attribute__((always_inline)) inline bool ReadMixed(__m128i v, uint32_t nonAsci
   const __m128i next2 = _mm_srli_si128(v, 2);
   for (int half = 0; half < 2; ++half) {
     const __m128i cur = half ? _mm_unpackhi_epi8(v, zero) : _mm_unpacklo_epi8(v, zero);
-    const __m128i c1 = _mm_and_si128(half ? _mm_unpackhi_epi8(next1, zero) : _mm_unpacklo_epi8(next1, zero), Words(0x3F));
+    const __m128i c1 =
+        _mm_and_si128(half ? _mm_unpackhi_epi8(next1, zero) : _mm_unpacklo_epi8(next1, zero), Words(0x3F));
     const __m128i two = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(cur, Words(0x1F)), 6), c1);
     __m128i value = Select(_mm_cmpgt_epi16(cur, Words(0xBF)), two, cur);
     if constexpr (F != Form::kLatin1) {
-      const __m128i c2 = _mm_and_si128(half ? _mm_unpackhi_epi8(next2, zero) : _mm_unpacklo_epi8(next2, zero), Words(0x3F));
+      const __m128i c2 =
+          _mm_and_si128(half ? _mm_unpackhi_epi8(next2, zero) : _mm_unpacklo_epi8(next2, zero), Words(0x3F));
       const __m128i three = _mm_or_si128(_mm_or_si128(_mm_slli_epi16(cur, 12), _mm_slli_epi16(c1, 6)), c2);
       value = Select(_mm_cmpgt_epi16(cur, Words(0xDF)), three, value);
     }
@@ -474,8 +505,10 @@ __attribute__((always_inline)) inline void EncodeBlocks(const uint8_t *&p, const
     }
     Mixed m;
     if (ReadMixed<F>(v, nonAscii, &m)) {
-      if constexpr (kShuffle) out += CompactShuffle(m, out);
-      else out += CompactSlots(m, out);
+      if constexpr (kShuffle)
+        out += CompactShuffle(m, out);
+      else
+        out += CompactSlots(m, out);
       p += m.consumed;
       continue;
     }
@@ -494,11 +527,162 @@ __attribute__((target("ssse3"))) void EncodeBlocksShuffle(const uint8_t *&p, con
 // Blocks with the shuffles where they serve (16-bit values on a processor
 // that has them), else without.
 template <Form F, typename Unit>
-inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, bool shuffle) {
+inline void EncodeBlocks16(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, bool shuffle) {
   if constexpr (F == Form::kUCS2) {
     if (shuffle) return EncodeBlocksShuffle(p, end, out, limit);
   }
   EncodeBlocks<F, Unit, false>(p, end, out, limit);
+}
+
+// ---- wide kernels (AVX2, AVX-512 with VBMI2) ----
+//
+// They take 32 or 64 bytes a step and leave a block they do not take to the
+// 16-byte blocks for the next 64 bytes, then go on; the 16-byte blocks return
+// at a block they do not take either, as before.
+
+#define KZ_AVX2   __attribute__((target("avx2")))
+#define KZ_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,bmi2")))
+
+// GCC 12 takes the AVX-512 headers' deliberately undefined registers for
+// uninitialised values.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// ASCII blocks of 32 bytes; false at a block with another byte.
+template <typename Unit>
+KZ_AVX2 bool EncodeAscii32(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit) {
+  while (end - p >= 32 && limit - out >= 32) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+    if (_mm256_movemask_epi8(v)) return false;
+    if constexpr (sizeof(Unit) == 1) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), v);
+    } else if constexpr (sizeof(Unit) == 2) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), _mm256_cvtepu8_epi16(_mm256_castsi256_si128(v)));
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + 16), _mm256_cvtepu8_epi16(_mm256_extracti128_si256(v, 1)));
+    } else {
+      for (int k = 0; k < 4; ++k)
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + 8 * k),
+                            _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p + 8 * k))));
+    }
+    p += 32, out += 32;
+  }
+  return true;
+}
+
+// Bytes 0-31 or 32-63 as 16-bit lanes.
+KZ_AVX512 inline __m512i WidenHalf(__m512i x, int half) {
+  return _mm512_cvtepu8_epi16(half ? _mm512_extracti64x4_epi64(x, 1) : _mm512_castsi512_si256(x));
+}
+
+// 64 bytes of ASCII, 2-byte and 3-byte sequences (for ISO-8859-1: ASCII and
+// C2/C3 sequences only) a step: the bytes classified by masks, the value of
+// every position computed in 16-bit lanes, the values where sequences start
+// compressed together and stored with a mask; a sequence cut by the block's
+// end is left for the next block. False at a block holding anything else.
+template <Form F, typename Unit>
+KZ_AVX512 bool EncodeBlocks64(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit) {
+  const __m512i positions =
+      _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45, 44, 43, 42, 41, 40,
+                      39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16,
+                      15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  const __m512i after1 = _mm512_add_epi8(positions, _mm512_set1_epi8(1));
+  const __m512i after2 = _mm512_add_epi8(positions, _mm512_set1_epi8(2));
+  while (end - p >= 64 && limit - out >= 64) {
+    const __m512i v = _mm512_loadu_si512(p);
+    const uint64_t nonAscii = _mm512_movepi8_mask(v);
+    if (!nonAscii) {
+      if constexpr (sizeof(Unit) == 1) {
+        _mm512_storeu_si512(out, v);
+      } else if constexpr (sizeof(Unit) == 2) {
+        _mm512_storeu_si512(out, _mm512_cvtepu8_epi16(_mm512_castsi512_si256(v)));
+        _mm512_storeu_si512(out + 32, _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(v, 1)));
+      } else {
+        _mm512_storeu_si512(out, _mm512_cvtepu8_epi32(_mm512_castsi512_si128(v)));
+        _mm512_storeu_si512(out + 16, _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(v, 1)));
+        _mm512_storeu_si512(out + 32, _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(v, 2)));
+        _mm512_storeu_si512(out + 48, _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(v, 3)));
+      }
+      p += 64, out += 64;
+      continue;
+    }
+    const uint64_t cont =
+        _mm512_cmpeq_epi8_mask(_mm512_and_si512(v, _mm512_set1_epi8(char(0xC0))), _mm512_set1_epi8(char(0x80)));
+    const uint64_t lead2 = _mm512_cmple_epu8_mask(_mm512_sub_epi8(v, _mm512_set1_epi8(char(0xC2))),
+                                                  _mm512_set1_epi8(F == Form::kLatin1 ? 0x01 : 0x1D));
+    uint64_t lead3 = 0;
+    if constexpr (F != Form::kLatin1)
+      lead3 = _mm512_cmple_epu8_mask(_mm512_sub_epi8(v, _mm512_set1_epi8(char(0xE0))), _mm512_set1_epi8(0x0F));
+    if ((cont | lead2 | lead3) != nonAscii || cont != (lead2 << 1 | lead3 << 1 | lead3 << 2)) return false;
+    const uint64_t cut = (lead2 & 0x8000000000000000ull) | (lead3 & 0xC000000000000000ull);
+    const unsigned consumed = cut ? static_cast<unsigned>(std::countr_zero(cut)) : 64;
+    const uint64_t within = consumed == 64 ? ~0ull : (uint64_t{1} << consumed) - 1;
+    const __m512i next1 = _mm512_permutexvar_epi8(after1, v);
+    if constexpr (F != Form::kLatin1) {
+      // Below 0x800: no bit in the lead's low nibble nor in bit 5 of the first continuation.
+      const __m512i payload =
+          _mm512_or_si512(_mm512_and_si512(v, _mm512_set1_epi8(0x0F)), _mm512_and_si512(next1, _mm512_set1_epi8(0x20)));
+      if (_mm512_testn_epi8_mask(payload, payload) & lead3 & within) return false;
+    }
+    const __m512i next2 = _mm512_permutexvar_epi8(after2, v);
+    const uint64_t keep = ~cont & within;
+    for (int half = 0; half < 2; ++half) {
+      const __m512i cur = WidenHalf(v, half);
+      const __m512i c1 = _mm512_and_si512(WidenHalf(next1, half), _mm512_set1_epi16(0x3F));
+      const __m512i two = _mm512_or_si512(_mm512_slli_epi16(_mm512_and_si512(cur, _mm512_set1_epi16(0x1F)), 6), c1);
+      __m512i value = _mm512_mask_mov_epi16(cur, static_cast<__mmask32>(lead2 >> (32 * half)), two);
+      if constexpr (F != Form::kLatin1) {
+        const __m512i c2 = _mm512_and_si512(WidenHalf(next2, half), _mm512_set1_epi16(0x3F));
+        const __m512i three =
+            _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi16(cur, 12), _mm512_slli_epi16(c1, 6)), c2);
+        value = _mm512_mask_mov_epi16(value, static_cast<__mmask32>(lead3 >> (32 * half)), three);
+      }
+      const auto kept = static_cast<__mmask32>(keep >> (32 * half));
+      const unsigned n = static_cast<unsigned>(std::popcount(static_cast<uint32_t>(kept)));
+      const __m512i packed = _mm512_maskz_compress_epi16(kept, value);
+      if constexpr (sizeof(Unit) == 2) {
+        _mm512_mask_storeu_epi16(out, _bzhi_u32(~0u, n), packed);
+      } else if constexpr (sizeof(Unit) == 1) {
+        _mm256_mask_storeu_epi8(out, _bzhi_u32(~0u, n), _mm512_cvtepi16_epi8(packed));
+      } else {
+        _mm512_mask_storeu_epi32(out, static_cast<__mmask16>(_bzhi_u32(0xFFFF, n)),
+                                 _mm512_cvtepu16_epi32(_mm512_castsi512_si256(packed)));
+        if (n > 16)
+          _mm512_mask_storeu_epi32(out + 16, static_cast<__mmask16>(_bzhi_u32(0xFFFF, n - 16)),
+                                   _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(packed, 1)));
+      }
+      out += n;
+    }
+    p += consumed;
+  }
+  return true;
+}
+
+template <Form F, typename Unit>
+KZ_AVX512 void EncodeBlocksAvx512(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit) {
+  while (!EncodeBlocks64<F>(p, end, out, limit)) {
+    const uint8_t *const stop = p + 64;
+    EncodeBlocks16<F>(p, stop, out, limit, true);
+    if (stop - p >= kBlock && limit - out >= kBlock) return;  // a block the 16-byte blocks do not take either
+  }
+  EncodeBlocks16<F>(p, end, out, limit, true);
+}
+
+template <Form F, typename Unit>
+KZ_AVX2 void EncodeBlocksAvx2(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit) {
+  while (!EncodeAscii32(p, end, out, limit)) {
+    const uint8_t *const stop = end - p > 64 ? p + 64 : end;
+    EncodeBlocks16<F>(p, stop, out, limit, true);
+    if (stop - p >= kBlock && limit - out >= kBlock) return;
+  }
+  EncodeBlocks16<F>(p, end, out, limit, true);
+}
+
+template <Form F, typename Unit>
+inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, Kernels kernels) {
+  if (kernels >= Kernels::kAvx512) return EncodeBlocksAvx512<F>(p, end, out, limit);
+  if (kernels >= Kernels::kAvx2) return EncodeBlocksAvx2<F>(p, end, out, limit);
+  EncodeBlocks16<F>(p, end, out, limit, kernels >= Kernels::kSsse3);
 }
 
 // Decoders. Each general block stores 2 or 4 bytes for every element and
@@ -550,11 +734,11 @@ inline uint8_t *Ucs4Block(__m128i v, uint8_t *out) {
   const __m128i b6 = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(v, 6), Dwords(0x3F)), Dwords(0x80));
   const __m128i b12 = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(v, 12), Dwords(0x3F)), Dwords(0x80));
   const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 6), Dwords(0xC0)), _mm_slli_epi32(b0, 8));
-  const __m128i three = _mm_or_si128(_mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 12), Dwords(0xE0)), _mm_slli_epi32(b6, 8)),
-                                     _mm_slli_epi32(b0, 16));
-  const __m128i four = _mm_or_si128(
-      _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 18), Dwords(0xF0)), _mm_slli_epi32(b12, 8)),
-      _mm_or_si128(_mm_slli_epi32(b6, 16), _mm_slli_epi32(b0, 24)));
+  const __m128i three = _mm_or_si128(
+      _mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 12), Dwords(0xE0)), _mm_slli_epi32(b6, 8)), _mm_slli_epi32(b0, 16));
+  const __m128i four =
+      _mm_or_si128(_mm_or_si128(_mm_or_si128(_mm_srli_epi32(v, 18), Dwords(0xF0)), _mm_slli_epi32(b12, 8)),
+                   _mm_or_si128(_mm_slli_epi32(b6, 16), _mm_slli_epi32(b0, 24)));
   const __m128i bytes = Select(below80, v, Select(below800, two, Select(below10000, three, four)));
   const uint64_t words[2] = {Low64(bytes), High64(bytes)};
   const __m128i lengths = _mm_add_epi32(_mm_add_epi32(_mm_add_epi32(Dwords(4), below80), below800), below10000);
@@ -608,9 +792,162 @@ __attribute__((target("ssse3"))) void ShuffleRuns(const In *in, uint32_t &i, uin
   }
 }
 
+// 16 elements a step: each element's UTF-8 bytes in a 32-bit lane (nothing
+// for 0x200000 and above), the bytes within each length compressed together
+// and stored with a mask, exactly the bytes of the elements; 64 ASCII
+// elements as one store.
+template <typename In>
+KZ_AVX512 void DecodeRunAvx512(const In *in, uint32_t &i, uint32_t stop, uint8_t *&out) {
+  const __m512i byteInLane = _mm512_set1_epi32(0x03020100);
+  const __m512i bytes1 = _mm512_set1_epi32(0x01010101);
+  while (stop - i >= 16) {
+    if (stop - i >= 64) {
+      __m512i ascii;
+      bool all;
+      if constexpr (sizeof(In) == 1) {
+        ascii = _mm512_loadu_si512(in + i);
+        all = _mm512_movepi8_mask(ascii) == 0;
+      } else if constexpr (sizeof(In) == 2) {
+        const __m512i a = _mm512_loadu_si512(in + i), b = _mm512_loadu_si512(in + i + 32);
+        all = _mm512_test_epi16_mask(_mm512_or_si512(a, b), _mm512_set1_epi16(static_cast<short>(0xFF80))) == 0;
+        ascii = _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvtepi16_epi8(a)), _mm512_cvtepi16_epi8(b), 1);
+      } else {
+        const __m512i a = _mm512_loadu_si512(in + i), b = _mm512_loadu_si512(in + i + 16);
+        const __m512i c = _mm512_loadu_si512(in + i + 32), d = _mm512_loadu_si512(in + i + 48);
+        all = _mm512_test_epi32_mask(_mm512_or_si512(_mm512_or_si512(a, b), _mm512_or_si512(c, d)),
+                                     _mm512_set1_epi32(static_cast<int>(0xFFFFFF80))) == 0;
+        ascii = _mm512_inserti64x4(
+            _mm512_castsi256_si512(
+                _mm256_inserti128_si256(_mm256_castsi128_si256(_mm512_cvtepi32_epi8(a)), _mm512_cvtepi32_epi8(b), 1)),
+            _mm256_inserti128_si256(_mm256_castsi128_si256(_mm512_cvtepi32_epi8(c)), _mm512_cvtepi32_epi8(d), 1), 1);
+      }
+      if (all) {
+        _mm512_storeu_si512(out, ascii);
+        i += 64, out += 64;
+        continue;
+      }
+    }
+    if (stop - i >= 32) {
+      // 32 elements below 0x800: one or two bytes each, in 16-bit lanes.
+      __m512i u;
+      bool small = true;
+      if constexpr (sizeof(In) == 1) {
+        u = _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)));
+      } else if constexpr (sizeof(In) == 2) {
+        u = _mm512_loadu_si512(in + i);
+        small = _mm512_test_epi16_mask(u, _mm512_set1_epi16(static_cast<short>(0xF800))) == 0;
+      } else {
+        const __m512i a = _mm512_loadu_si512(in + i), b = _mm512_loadu_si512(in + i + 16);
+        small = _mm512_test_epi32_mask(_mm512_or_si512(a, b), _mm512_set1_epi32(static_cast<int>(0xFFFFF800))) == 0;
+        u = _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvtepi32_epi16(a)), _mm512_cvtepi32_epi16(b), 1);
+      }
+      if (small) {
+        const __mmask32 high = _mm512_cmpge_epu16_mask(u, _mm512_set1_epi16(0x80));
+        const __m512i two = _mm512_or_si512(
+            _mm512_or_si512(_mm512_srli_epi16(u, 6), _mm512_set1_epi16(0xC0)),
+            _mm512_slli_epi16(_mm512_or_si512(_mm512_and_si512(u, _mm512_set1_epi16(0x3F)), _mm512_set1_epi16(0x80)),
+                              8));
+        const __m512i utf8 = _mm512_mask_mov_epi16(u, high, two);
+        const uint64_t kept = 0x5555555555555555ull | _pdep_u64(high, 0xAAAAAAAAAAAAAAAAull);
+        const unsigned n = static_cast<unsigned>(std::popcount(kept));
+        _mm512_mask_storeu_epi8(out, _bzhi_u64(~0ull, n), _mm512_maskz_compress_epi8(kept, utf8));
+        i += 32, out += n;
+        continue;
+      }
+    }
+    __m512i v;
+    if constexpr (sizeof(In) == 1)
+      v = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i)));
+    else if constexpr (sizeof(In) == 2)
+      v = _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)));
+    else
+      v = _mm512_loadu_si512(in + i);
+    const __m512i b0 = _mm512_or_si512(_mm512_and_si512(v, _mm512_set1_epi32(0x3F)), _mm512_set1_epi32(0x80));
+    const __m512i b6 =
+        _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 6), _mm512_set1_epi32(0x3F)), _mm512_set1_epi32(0x80));
+    const __m512i b12 =
+        _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 12), _mm512_set1_epi32(0x3F)), _mm512_set1_epi32(0x80));
+    const __m512i two =
+        _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(v, 6), _mm512_set1_epi32(0xC0)), _mm512_slli_epi32(b0, 8));
+    const __m512i three = _mm512_or_si512(
+        _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(v, 12), _mm512_set1_epi32(0xE0)), _mm512_slli_epi32(b6, 8)),
+        _mm512_slli_epi32(b0, 16));
+    const __m512i four = _mm512_or_si512(
+        _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(v, 18), _mm512_set1_epi32(0xF0)), _mm512_slli_epi32(b12, 8)),
+        _mm512_or_si512(_mm512_slli_epi32(b6, 16), _mm512_slli_epi32(b0, 24)));
+    const __mmask16 from80 = _mm512_cmpge_epu32_mask(v, _mm512_set1_epi32(0x80));
+    const __mmask16 from800 = _mm512_cmpge_epu32_mask(v, _mm512_set1_epi32(0x800));
+    const __mmask16 from10000 = _mm512_cmpge_epu32_mask(v, _mm512_set1_epi32(0x10000));
+    const __mmask16 fits = _mm512_cmplt_epu32_mask(v, _mm512_set1_epi32(0x200000));
+    __m512i utf8 = _mm512_mask_mov_epi32(v, from80, two);
+    utf8 = _mm512_mask_mov_epi32(utf8, from800, three);
+    utf8 = _mm512_mask_mov_epi32(utf8, from10000, four);
+    // Lengths 1-4 (0 past the range) in every byte of the lane; byte j is kept below its length.
+    __m512i length = _mm512_maskz_mov_epi32(fits, _mm512_set1_epi32(1));
+    length = _mm512_mask_add_epi32(length, from80 & fits, length, _mm512_set1_epi32(1));
+    length = _mm512_mask_add_epi32(length, from800 & fits, length, _mm512_set1_epi32(1));
+    length = _mm512_mask_add_epi32(length, from10000 & fits, length, _mm512_set1_epi32(1));
+    const __mmask64 kept = _mm512_cmplt_epu8_mask(byteInLane, _mm512_mullo_epi32(length, bytes1));
+    const unsigned n = static_cast<unsigned>(std::popcount(static_cast<uint64_t>(kept)));
+    _mm512_mask_storeu_epi8(out, _bzhi_u64(~0ull, n), _mm512_maskz_compress_epi8(kept, utf8));
+    i += 16, out += n;
+  }
+}
+
+// 32 ASCII elements a step; returns at the first block with another.
+template <typename In>
+KZ_AVX2 void DecodeAscii32(const In *in, uint32_t &i, uint32_t stop, uint8_t *&out) {
+  while (stop - i >= 32) {
+    __m256i ascii;
+    if constexpr (sizeof(In) == 1) {
+      ascii = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
+      if (_mm256_movemask_epi8(ascii)) return;
+    } else if constexpr (sizeof(In) == 2) {
+      const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
+      const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 16));
+      if (!_mm256_testz_si256(_mm256_or_si256(a, b), _mm256_set1_epi16(static_cast<short>(0xFF80)))) return;
+      ascii = _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8);
+    } else {
+      const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
+      const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 8));
+      const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 16));
+      const __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 24));
+      if (!_mm256_testz_si256(_mm256_or_si256(_mm256_or_si256(a, b), _mm256_or_si256(c, d)),
+                              _mm256_set1_epi32(static_cast<int>(0xFFFFFF80))))
+        return;
+      // Packs work within 128-bit halves: the dwords end up in the order 0 2 4 6 1 3 5 7.
+      const __m256i words = _mm256_packus_epi32(a, b), words2 = _mm256_packus_epi32(c, d);
+      ascii =
+          _mm256_permutevar8x32_epi32(_mm256_packus_epi16(words, words2), _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), ascii);
+    i += 32, out += 32;
+  }
+}
+
 // Converts in[i, stop).
 template <typename In>
-uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool shuffle) {
+uint8_t *DecodeRun16(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool shuffle);
+
+template <typename In>
+uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, Kernels kernels) {
+  if (kernels >= Kernels::kAvx512) {
+    DecodeRunAvx512(in, i, stop, out);
+  } else if (kernels >= Kernels::kAvx2) {
+    // ASCII 32 at a time; up to 64 elements of anything else 16 at a time, then ASCII again.
+    for (;;) {
+      DecodeAscii32(in, i, stop, out);
+      if (stop - i < 32) break;
+      const uint32_t next = stop - i > 64 ? i + 64 : stop;
+      out = DecodeRun16(in, i, next, out, true);
+      i = next;
+    }
+  }
+  return DecodeRun16(in, i, stop, out, kernels >= Kernels::kSsse3);
+}
+
+template <typename In>
+uint8_t *DecodeRun16(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool shuffle) {
   constexpr uint32_t kGeneral = sizeof(In) == 1 ? 16 : sizeof(In) == 2 ? 8 : 4;
   const __m128i zero = _mm_setzero_si128();
   while (i < stop) {
@@ -687,7 +1024,7 @@ uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool s
 
 constexpr uint32_t kBlock = 8;
 
-inline bool HasShuffle() { return false; }
+inline Kernels CurrentKernels() { return Kernels::kWord; }
 
 inline uint64_t Load64(const uint8_t *p) {
   uint64_t w;
@@ -697,7 +1034,7 @@ inline uint64_t Load64(const uint8_t *p) {
 }
 
 template <Form F, typename Unit>
-inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, bool) {
+inline void EncodeBlocks(const uint8_t *&p, const uint8_t *end, Unit *&out, Unit *limit, Kernels) {
   while (end - p >= kBlock && limit - out >= kBlock) {
     const uint64_t high = Load64(p) & 0x8080808080808080ull;
     const uint32_t k = high ? static_cast<uint32_t>(std::countr_zero(high)) / 8 : kBlock;
@@ -721,7 +1058,7 @@ inline uint32_t AsciiPrefix(const In *in) {
 
 // Converts in[i, stop).
 template <typename In>
-uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, bool) {
+uint8_t *DecodeRun(const In *in, uint32_t i, uint32_t stop, uint8_t *out, Kernels) {
   while (i < stop) {
     if (stop - i >= kBlock) {
       const uint32_t k = AsciiPrefix(in + i);
@@ -775,9 +1112,9 @@ int Encode(typename EncodeTraits<F>::Record *array, const char *text, uint32_t b
   Unit *limit = base + array->capacity;
   Read status = Read::kOk;
   bool failed = false;
-  const bool shuffle = HasShuffle();
+  const Kernels kernels = CurrentKernels();
   for (;;) {
-    EncodeBlocks<F>(p, end, out, limit, shuffle);
+    EncodeBlocks<F>(p, end, out, limit, kernels);
     // One sequence at a time: the one the blocks did not take, then back to
     // the blocks as long as they have room; near the end of the input or of
     // the array, all the rest.
@@ -832,7 +1169,7 @@ int Encode(typename EncodeTraits<F>::Record *array, const char *text, uint32_t b
     if (out == limit) {
       const uint32_t count = static_cast<uint32_t>(out - base);
       array->count = count;
-      ArrayGrow_(array, sizeof(Unit), kSource, kEncodeGrowLine);
+      kz::View(*array, kSource, kEncodeGrowLine).Grow();
       base = array->elements, out = base + count, limit = base + array->capacity;
     }
     *out++ = static_cast<Unit>(value);
@@ -854,12 +1191,14 @@ int Encode(typename EncodeTraits<F>::Record *array, const char *text, uint32_t b
 
 // Most bytes one input element can produce.
 template <typename In>
-constexpr uint32_t kMaxBytes = sizeof(In) == 1 ? 2 : sizeof(In) == 2 ? 3 : 4;
+constexpr uint32_t kMaxBytes = sizeof(In) == 1   ? 2
+                               : sizeof(In) == 2 ? 3
+                                                 : 4;
 
 template <typename In>
 int Decode(UByteArray *array, const In *in, uint32_t count) {
   if (!in) return 0;
-  const bool shuffle = HasShuffle();
+  const Kernels kernels = CurrentKernels();
   uint32_t i = 0;
   while (i < count) {
     const uint64_t used = array->count;
@@ -871,7 +1210,7 @@ int Decode(UByteArray *array, const In *in, uint32_t count) {
     // kMaxBytes, so before element j at most j * kMaxBytes are used.
     const uint64_t n = (array->capacity - used - 8) / kMaxBytes<In> + 1;
     const uint32_t stop = count - i <= n ? count : i + static_cast<uint32_t>(n);
-    uint8_t *out = DecodeRun(in, i, stop, array->elements + used, shuffle);
+    uint8_t *out = DecodeRun(in, i, stop, array->elements + used, kernels);
     array->count = static_cast<uint32_t>(out - array->elements);
     i = stop;
   }
@@ -908,3 +1247,27 @@ KZ_API int ISO88591Decode(UByteArray *array, const char *latin1, uint32_t byteCo
 }
 
 }  // extern "C"
+
+namespace kz {
+
+UnicodeKernels UnicodeBestKernels() {
+#if KZ_UNICODE_SSE2
+  return g_bestKernels;
+#else
+  return UnicodeKernels::kWord;
+#endif
+}
+
+UnicodeKernels UnicodeUseKernels(UnicodeKernels kernels) {
+#if KZ_UNICODE_SSE2
+  const UnicodeKernels use =
+      kernels < g_bestKernels ? (kernels < Kernels::kSse2 ? Kernels::kSse2 : kernels) : g_bestKernels;
+  g_kernels.store(use, std::memory_order_relaxed);
+  return use;
+#else
+  (void)kernels;
+  return UnicodeKernels::kWord;
+#endif
+}
+
+}  // namespace kz

@@ -10,9 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "internal/array_view.h"
 #include "internal/context.h"
 #include "internal/fingerprint.h"
+#include "internal/ip_literal.h"
 #include "internal/lazy_lock.h"
 #include "internal/startup.h"
 #include "kz/addr.h"
@@ -36,9 +41,8 @@ struct Scheme {
 };
 
 constexpr Scheme kSchemes[SCHEME_NUM] = {
-    {"http", 4, 80, true, "http://"},     {"https", 5, 443, true, "https://"},
-    {"ftp", 3, 21, true, "ftp://"},       {"file", 4, 0, true, "file://"},
-    {"mailto", 6, 0, false, "mailto://"}, {"news", 4, 119, false, "news://"},
+    {"http", 4, 80, true, "http://"}, {"https", 5, 443, true, "https://"},  {"ftp", 3, 21, true, "ftp://"},
+    {"file", 4, 0, true, "file://"},  {"mailto", 6, 0, false, "mailto://"}, {"news", 4, 119, false, "news://"},
 };
 
 // Byte classes of the component and user-info rules.
@@ -52,9 +56,7 @@ enum : uint8_t {
 // the authority at "/", "?", "#"; the path at "?", "#"; the query at "#";
 // the fragment at the end of the text (every part also ends there).
 // A path segment of a relative reference ends at the next "/" or the path's end.
-enum : uint8_t {
-  kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16, kEndSegment = 32
-};
+enum : uint8_t { kEndScheme = 1, kEndAuthority = 2, kEndPath = 4, kEndQuery = 8, kEndText = 16, kEndSegment = 32 };
 
 struct ByteClasses {
   uint8_t bits[256] = {};
@@ -67,8 +69,7 @@ struct ByteClasses {
     for (int c = 'A'; c <= 'Z'; ++c) bits[c] |= kAllowed | kUnreserved;
     for (int c = '0'; c <= '9'; ++c) bits[c] |= kAllowed | kUnreserved;
     for (const char *p = "-_.!~*'()"; *p; ++p) bits[static_cast<uint8_t>(*p)] |= kUnreserved;
-    for (const char *p = "-_.!~*'();/?:@&=+$,{}|\\^[]`"; *p; ++p)
-      bits[static_cast<uint8_t>(*p)] |= kAllowed;
+    for (const char *p = "-_.!~*'();/?:@&=+$,{}|\\^[]`"; *p; ++p) bits[static_cast<uint8_t>(*p)] |= kAllowed;
     for (int c = 0; c < 10; ++c) {
       bits['0' + c] |= kHex;
       hexValue['0' + c] = static_cast<uint8_t>(c);
@@ -95,22 +96,152 @@ constexpr char kLowerHex[] = "0123456789abcdef";
 
 inline bool Allowed(uint8_t c) { return kBytes.bits[c] & kAllowed; }
 
-// The first n bytes of text equal the lower-case name, letters compared
-// without regard to case (ASCII only, whatever the locale).
-bool EqualsIgnoringAsciiCase(const char *lowerName, const unsigned char *text, size_t n) {
-  for (size_t i = 0; i < n; ++i) {
-    unsigned char c = text[i];
-    if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c + ('a' - 'A'));
-    if (c != static_cast<unsigned char>(lowerName[i])) return false;
-  }
-  return true;
-}
-
 inline const unsigned char *ScanTo(const unsigned char *p, uint8_t end) {
   while (!(kBytes.ends[*p] & end)) ++p;
   return p;
 }
 inline bool IsHex(uint8_t c) { return kBytes.bits[c] & kHex; }
+
+// ---- scanning 16 bytes at a time ------------------------------------------------------
+//
+// The texts are NUL-terminated with no known length. Loads are 16-byte
+// aligned, so a load never reaches into a page the text does not touch; the
+// bytes after the NUL that it reads are never used. The address sanitizer,
+// which would see those bytes, is told that these loads are deliberate.
+
+#if defined(__SSE2__)
+#define KZ_URL_SIMD 1
+#if defined(__clang__) || defined(__GNUC__)
+#define KZ_UNCHECKED_LOADS __attribute__((no_sanitize_address))
+#else
+#define KZ_UNCHECKED_LOADS
+#endif
+
+// Bit i set when byte i of the block is one of the component's stops.
+struct StopBytes {
+  // Bytes copied as they are: 0x21-0x7e except '"', '#', '%', '<' and '>'.
+  // Everything else stops a run, and so do the component's own end bytes.
+  __m128i extra1, extra2;  // '?' and '/' for paths and segments, else NUL again
+
+  explicit StopBytes(uint8_t endClass)
+      : extra1(_mm_set1_epi8(endClass & (kEndPath | kEndSegment) ? '?' : 0)),
+        extra2(_mm_set1_epi8(endClass & kEndSegment ? '/' : 0)) {}
+
+  unsigned Mask(__m128i v) const {
+    const __m128i printable =
+        _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(0x20)), _mm_cmplt_epi8(v, _mm_set1_epi8(0x7f)));
+    __m128i special = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('"')), _mm_cmpeq_epi8(v, _mm_set1_epi8('#')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, _mm_set1_epi8('%')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, _mm_set1_epi8('<')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, _mm_set1_epi8('>')));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, extra1));
+    special = _mm_or_si128(special, _mm_cmpeq_epi8(v, extra2));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_andnot_si128(special, printable))) ^ 0xFFFFu;
+  }
+};
+
+// The authority's end ("/", "?", "#" or the NUL), and with '@' its first "@".
+struct AuthorityBytes {
+  bool at;
+  unsigned Mask(__m128i v) const {
+    __m128i hit = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('/')), _mm_cmpeq_epi8(v, _mm_set1_epi8('?')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('#')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_setzero_si128()));
+    if (at) hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('@')));
+    return static_cast<unsigned>(_mm_movemask_epi8(hit));
+  }
+};
+
+// The scheme name's end: ":", "/", "?", "#" or the NUL.
+struct SchemeBytes {
+  unsigned Mask(__m128i v) const {
+    __m128i hit = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8(':')), _mm_cmpeq_epi8(v, _mm_set1_epi8('/')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('?')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('#')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_setzero_si128()));
+    return static_cast<unsigned>(_mm_movemask_epi8(hit));
+  }
+};
+
+// The first byte from p that the class stops at; the class must stop at NUL.
+template <typename Class>
+KZ_UNCHECKED_LOADS inline const unsigned char *FindFirst(const unsigned char *p, const Class &stops) {
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+  const unsigned char *block = p - offset;
+  unsigned mask = stops.Mask(_mm_load_si128(reinterpret_cast<const __m128i *>(block))) >> offset;
+  if (mask) return p + __builtin_ctz(mask);
+  for (;;) {
+    block += 16;
+    mask = stops.Mask(_mm_load_si128(reinterpret_cast<const __m128i *>(block)));
+    if (mask) return block + __builtin_ctz(mask);
+  }
+}
+
+// Classes of the bytes of [p, p + n), n <= 48, one bit per byte: the
+// lower-case letters and '-', the digits, and '.'.
+struct HostBits {
+  uint64_t nameLike = 0, digit = 0, dot = 0, hyphen = 0;
+};
+
+KZ_UNCHECKED_LOADS inline HostBits ClassifyHost(const unsigned char *p, size_t n) {
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+  const unsigned char *block = p - offset;
+  HostBits bits;
+  for (unsigned shift = 0; shift < offset + n; shift += 16, block += 16) {
+    const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+    const __m128i lower =
+        _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('z' + 1)));
+    const __m128i digit =
+        _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('9' + 1)));
+    const __m128i hyphen = _mm_cmpeq_epi8(v, _mm_set1_epi8('-'));
+    const __m128i nameLike = _mm_or_si128(lower, hyphen);
+    bits.hyphen |= uint64_t(unsigned(_mm_movemask_epi8(hyphen))) << shift;
+    bits.nameLike |= uint64_t(unsigned(_mm_movemask_epi8(nameLike))) << shift;
+    bits.digit |= uint64_t(unsigned(_mm_movemask_epi8(digit))) << shift;
+    bits.dot |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('.'))))) << shift;
+  }
+  const uint64_t span = (n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1);
+  bits.nameLike = bits.nameLike >> offset & span;
+  bits.digit = bits.digit >> offset & span;
+  bits.dot = bits.dot >> offset & span;
+  bits.hyphen = bits.hyphen >> offset & span;
+  return bits;
+}
+
+// Whether normalising a path of n bytes changes anything before the default
+// documents: a "/" followed by "." (a dot segment, or maybe one), by "/" when
+// empty segments go (full), or an upper-case byte when letters are lowered
+// (full; every byte from 0xC0 up counts, to be safe). Windows of 48 bytes
+// overlap by one, so every pair of neighbours lies in one of them.
+KZ_UNCHECKED_LOADS inline bool PathNeedsWork(const unsigned char *path, size_t n, bool full) {
+  for (size_t start = 0; start < n; start += 47) {
+    const size_t length = n - start < 48 ? n - start : 48;
+    const unsigned char *p = path + start;
+    const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+    const unsigned char *block = p - offset;
+    uint64_t slash = 0, dot = 0, upper = 0;
+    for (unsigned shift = 0; shift < offset + length; shift += 16, block += 16) {
+      const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+      slash |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('/'))))) << shift;
+      dot |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('.'))))) << shift;
+      if (full) {
+        const __m128i ascii =
+            _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
+        const __m128i latin = _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(0xBF))),
+                                            _mm_cmplt_epi8(v, _mm_setzero_si128()));
+        upper |= uint64_t(unsigned(_mm_movemask_epi8(_mm_or_si128(ascii, latin)))) << shift;
+      }
+    }
+    const uint64_t span = (uint64_t{1} << length) - 1;
+    slash = slash >> offset & span;
+    dot = dot >> offset & span;
+    upper = upper >> offset & span;
+    const uint64_t follows = full ? (slash | dot) : dot;
+    if (upper || (slash & (follows >> 1))) return true;
+  }
+  return false;
+}
+#endif
 
 using Bytes = kz::ArrayView<UByteArray>;
 
@@ -146,8 +277,10 @@ inline unsigned char *EncodeByte(unsigned char *w, const unsigned char *&p) {
   } else if (c == '%') {
     if (!IsHex(p[1]) || !IsHex(p[2])) return nullptr;
     uint8_t decoded = static_cast<uint8_t>(kBytes.hexValue[p[1]] << 4 | kBytes.hexValue[p[2]]);
-    if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved)) *w++ = decoded;
-    else w = PutEscape(w, decoded);
+    if (decoded != 0 && (kBytes.bits[decoded] & kUnreserved))
+      *w++ = decoded;
+    else
+      w = PutEscape(w, decoded);
     p += 2;
   } else {
     return nullptr;
@@ -165,13 +298,36 @@ const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_
   constexpr uint32_t kChunk = 256;
   unsigned char *w = out.elements + out.count;
   unsigned char *limit = out.elements + out.capacity;
-  for (; !(kBytes.ends[*p] & endClass); ++p) {
-    if (limit - w < 3) {
+  auto reserve = [&](size_t n) {
+    if (static_cast<size_t>(limit - w) >= n) return;
+    out.count = static_cast<uint32_t>(w - out.elements);
+    View(out).Reserve(uint64_t(out.count) + n + kChunk);
+    w = out.elements + out.count;
+    limit = out.elements + out.capacity;
+  };
+#if KZ_URL_SIMD
+  // Runs of bytes that are copied as they are go in one piece; the byte that
+  // stops a run ends the component or is encoded on its own.
+  const StopBytes stops(endClass);
+  for (;;) {
+    const unsigned char *stop = FindFirst(p, stops);
+    const size_t run = static_cast<size_t>(stop - p);
+    reserve(run + 3);
+    std::memcpy(w, p, run);
+    w += run;
+    p = stop;
+    if (kBytes.ends[*p] & endClass) break;
+    unsigned char *next = EncodeByte(w, p);
+    if (!next) {
       out.count = static_cast<uint32_t>(w - out.elements);
-      View(out).Reserve(uint64_t(out.count) + kChunk);
-      w = out.elements + out.count;
-      limit = out.elements + out.capacity;
+      return nullptr;
     }
+    w = next;
+    ++p;
+  }
+#else
+  for (; !(kBytes.ends[*p] & endClass); ++p) {
+    reserve(3);
     unsigned char *next = EncodeByte(w, p);
     if (!next) {
       out.count = static_cast<uint32_t>(w - out.elements);
@@ -179,6 +335,7 @@ const unsigned char *EncodeUntil(UByteArray &out, const unsigned char *p, uint8_
     }
     w = next;
   }
+#endif
   out.count = static_cast<uint32_t>(w - out.elements);
   return p;
 }
@@ -188,27 +345,56 @@ void AppendBytes(UByteArray &out, const void *bytes, size_t n) {
 }
 
 bool IsDigit(uint8_t c) { return c >= '0' && c <= '9'; }
+
+// The first n bytes of text spell the lower-case name in either case (ASCII
+// letters only, as the C locale compares them).
+inline bool SameLetters(const char *name, const unsigned char *text, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    const uint8_t c = text[i];
+    const uint8_t lower = static_cast<uint8_t>(c >= 'A' && c <= 'Z' ? c + 0x20 : c);
+    if (lower != static_cast<uint8_t>(name[i])) return false;
+  }
+  return true;
+}
 bool IsLetter(uint8_t c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; }
 
 // ---- authority ------------------------------------------------------------------
 
-// Parses "//" [user "@"] host [":" port] from [begin, end) into the record.
-bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *end,
+// Port: digits only, 1..65535; none (or nothing after ":") is the default.
+bool ParsePort(URL &url, const unsigned char *p, const unsigned char *end, bool portFollows) {
+  uint32_t port = kSchemes[url.u_scheme].defaultPort;
+  if (portFollows && p < end) {
+    port = 0;
+    for (; p < end; ++p) {
+      if (!IsDigit(*p)) return false;
+      port = port * 10 + (*p - '0');
+      if (port > 65535) return false;
+    }
+    if (port == 0) return false;
+  }
+  url.u_port = static_cast<uint16_t>(port);
+  return true;
+}
+
+// Parses "//" [user "@"] host [":" port] from [begin, end) into the record;
+// at is the first "@" in it, or null.
+bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *end, const unsigned char *at,
                     bool eightBitHost) {
   const unsigned char *p = begin + 2;
 
   // User info: everything before the first "@", with unsafe bytes escaped
   // (a "%" is taken as it is here).
   url.u_user.count = 0;
-  const unsigned char *at = static_cast<const unsigned char *>(std::memchr(p, '@', end - p));
   if (at) {
     Bytes user = View(url.u_user);
     user.Reserve(3 * uint64_t(at - p) + 1);
     unsigned char *w = url.u_user.elements;
     for (; p < at; ++p) {
       uint8_t c = *p;
-      if ((c != 0 && Allowed(c)) || c == '%' || c == ':') *w++ = c;
-      else w = PutEscape(w, c);
+      if ((c != 0 && Allowed(c)) || c == '%' || c == ':')
+        *w++ = c;
+      else
+        w = PutEscape(w, c);
     }
     url.u_user.count = static_cast<uint32_t>(w - url.u_user.elements);
     p = at + 1;
@@ -228,6 +414,36 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
   Bytes host = View(url.u_host);
   host.Reserve(uint64_t(end - p) + 1);
   const unsigned char *hostStart = p;
+#if KZ_URL_SIMD
+  // Nearly every host is a lower-case name: letters, digits, "-" and ".",
+  // with a letter or "-" somewhere (so no dotted quad), no empty label and no
+  // label starting with "-". Such a name is checked 16 bytes at a time and
+  // copied whole; anything else takes the byte-by-byte rules below, which
+  // give the same result for these names.
+  if (end - p <= 48) {
+    const auto *colon = static_cast<const unsigned char *>(std::memchr(p, ':', end - p));
+    const unsigned char *hostEnd = colon ? colon : end;
+    const size_t n = static_cast<size_t>(hostEnd - p);
+    if (n > 0) {
+      const HostBits bits = ClassifyHost(p, n);
+      const uint64_t span = (uint64_t{1} << n) - 1;
+      if ((bits.nameLike | bits.digit | bits.dot) == span && bits.nameLike != 0) {
+        // Labels start at 0 and after each ".": none may start with "." or "-".
+        const uint64_t starts = (1 | bits.dot << 1) & span;
+        if ((starts & (bits.dot | bits.hyphen)) == 0) {
+          const size_t kept = p[n - 1] == '.' ? n - 1 : n;  // a single trailing dot goes
+          std::memcpy(url.u_host.elements, p, kept);
+          url.u_host.count = static_cast<uint32_t>(kept);
+          host.Append('\0');
+          p = hostEnd;
+          const bool portFollows = p < end;  // at the ":"
+          if (portFollows) ++p;
+          return ParsePort(url, p, end, portFollows);
+        }
+      }
+    }
+  }
+#endif
   for (; p < end; ++p) {
     uint8_t c = *p;
     if (bracket == kClosed) {
@@ -252,8 +468,10 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
       url.u_host.elements[url.u_host.count++] = c;
       label = 0;
       ++dots;
-      if (dots < 4) octets[dots] = 0;
-      else mayBeIPv4 = false;
+      if (dots < 4)
+        octets[dots] = 0;
+      else
+        mayBeIPv4 = false;
       continue;
     } else if (c == '-' || c == '_') {
       if (bracket == kInside || label == 0) return false;
@@ -305,19 +523,7 @@ bool ParseAuthority(URL &url, const unsigned char *begin, const unsigned char *e
   if (url.u_host.count == 0 && url.u_scheme != SCHEME_FILE) return false;
   View(url.u_host).Append('\0');
 
-  // Port: digits only, 1..65535; none (or nothing after ":") is the default.
-  uint32_t port = kSchemes[url.u_scheme].defaultPort;
-  if (portFollows && p < end) {
-    port = 0;
-    for (; p < end; ++p) {
-      if (!IsDigit(*p)) return false;
-      port = port * 10 + (*p - '0');
-      if (port > 65535) return false;
-    }
-    if (port == 0) return false;
-  }
-  url.u_port = static_cast<uint16_t>(port);
-  return true;
+  return ParsePort(url, p, end, portFollows);
 }
 
 // ---- paths --------------------------------------------------------------------------
@@ -381,8 +587,8 @@ inline const unsigned char *NextSlash(const unsigned char *p, const unsigned cha
 // Resolves a relative path (non-empty, not starting with "/") against a base
 // path. Differs from the textbook merge on purpose: a trailing "/." or "/.."
 // leaves no "/" behind ("a/." against "/b/c" is "/b/a", "a/.." is "/b").
-bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *relEnd,
-               const unsigned char *base, const unsigned char *baseEnd, bool strict) {
+bool MergePath(UByteArray &out, const unsigned char *rel, const unsigned char *relEnd, const unsigned char *base,
+               const unsigned char *baseEnd, bool strict) {
   out.count = 0;
   View(out).Reserve(uint64_t(baseEnd - base) + 3 * uint64_t(relEnd - rel) + 2);
   OffsetStack stack;
@@ -473,40 +679,42 @@ bool Fail(uint32_t line, const char *message) {
 
 void CheckPath(const UByteArray &path) {
   if (!(path.count > 1 && path.elements[0] == '/' && path.elements[path.count - 1] == '\0'))
-    kzassert_("ArrayLength(src->u_path) > 1 && ArrayNth(src->u_path, 0) == '/' && "
-              "ArrayLast(src->u_path) == '\\0'",
-              kSource, 1033);
+    kzassert_(
+        "ArrayLength(src->u_path) > 1 && ArrayNth(src->u_path, 0) == '/' && "
+        "ArrayLast(src->u_path) == '\\0'",
+        kSource, 1033);
 }
 
 void CheckQuery(const UByteArray &query) {
-  if (!(query.count > 0 && query.elements[query.count - 1] == '\0' &&
-        (query.count == 1 || query.elements[0] == '?')))
-    kzassert_("ArrayLength(src->u_query) > 0 && ArrayLast(src->u_query) == '\\0' && "
-              "(ArrayLength(src->u_query) == 1 || ArrayNth(src->u_query, 0) == '?')",
-              kSource, 1034);
+  if (!(query.count > 0 && query.elements[query.count - 1] == '\0' && (query.count == 1 || query.elements[0] == '?')))
+    kzassert_(
+        "ArrayLength(src->u_query) > 0 && ArrayLast(src->u_query) == '\\0' && "
+        "(ArrayLength(src->u_query) == 1 || ArrayNth(src->u_query, 0) == '?')",
+        kSource, 1034);
 }
 
 void CheckScheme(uint32_t scheme, uint32_t line) {
   if (scheme >= SCHEME_NUM) kzassert_("scheme < SCHEME_NUM", kSource, line);
 }
 
-bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool acceptQuery, bool strict,
-               bool eightBitHost) {
-  if (base && (static_cast<uint32_t>(base->u_scheme) >= SCHEME_NUM ||
-               !kSchemes[base->u_scheme].hierarchical))
+bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool acceptQuery, bool strict, bool eightBitHost) {
+  if (base && (static_cast<uint32_t>(base->u_scheme) >= SCHEME_NUM || !kSchemes[base->u_scheme].hierarchical))
     base = nullptr;
 
   SetEmptyText(url.u_fragment);
 
   // Scheme.
+#if KZ_URL_SIMD
+  size_t n = FindFirst(text, SchemeBytes{}) - text;
+#else
   size_t n = ScanTo(text, kEndScheme) - text;
+#endif
   const unsigned char *p = text;
   bool hasScheme = false;
   if (text[n] == ':') {
     int32_t scheme = -1;
     for (int32_t i = 0; i < SCHEME_NUM; ++i) {
-      if (kSchemes[i].length == n &&
-          EqualsIgnoringAsciiCase(kSchemes[i].name, text, n)) {
+      if (kSchemes[i].length == n && SameLetters(kSchemes[i].name, text, n)) {
         scheme = i;
         break;
       }
@@ -525,8 +733,18 @@ bool ParseInto(const unsigned char *text, URL &url, const URL *base, bool accept
   // Authority.
   bool hasAuthority = false;
   if (p[0] == '/' && p[1] == '/') {
+#if KZ_URL_SIMD
+    const unsigned char *end = FindFirst(p + 2, AuthorityBytes{true});
+    const unsigned char *at = nullptr;
+    if (*end == '@') {
+      at = end;
+      end = FindFirst(end + 1, AuthorityBytes{false});
+    }
+#else
     const unsigned char *end = ScanTo(p + 2, kEndAuthority);
-    if (!ParseAuthority(url, p, end, eightBitHost)) return Fail(786, "invalid authority");
+    const auto *at = static_cast<const unsigned char *>(std::memchr(p + 2, '@', end - (p + 2)));
+#endif
+    if (!ParseAuthority(url, p, end, at, eightBitHost)) return Fail(786, "invalid authority");
     hasAuthority = true;
     p = end;
   } else if (hasScheme) {
@@ -612,7 +830,7 @@ inline char *PutDecimal(char *w, uint32_t v) {
 
 struct UrlPool {
   KZ_ARRAY(URL *) idle = {nullptr, 0, 0};  // released records, most recent last
-  uint32_t count = 0;  // records handed out
+  uint32_t count = 0;                      // records handed out
   KZMutex lock = reinterpret_cast<KZMutex>(~uintptr_t(0));
   KZCondition available = KZ_CONDITION_INITIALIZER;
 };
@@ -645,12 +863,10 @@ bool FingerprintStartup() {
   return true;
 }
 
-const bool g_fingerprintRegistered =
-    kz::startup::Register(kz::startup::Step::kFingerprintTables, FingerprintStartup);
+const bool g_fingerprintRegistered = kz::startup::Register(kz::startup::Step::kFingerprintTables, FingerprintStartup);
 
 inline uint64_t ExtendFolded(uint64_t value, const void *bytes, size_t length) {
-  return kz::fingerprint::FoldEnd(
-      kz::fingerprint::Extend(value, static_cast<const unsigned char *>(bytes), length));
+  return kz::fingerprint::FoldEnd(kz::fingerprint::Extend(value, static_cast<const unsigned char *>(bytes), length));
 }
 
 uint64_t HostFingerprint(const URL &url) {
@@ -683,7 +899,8 @@ KZ_API uint32_t URLSchemePort(uint32_t scheme) {
 KZ_API int URLParseScheme(const char *name, int32_t *scheme) {
   size_t length = std::strlen(name);
   for (int32_t i = 0; i < SCHEME_NUM; ++i) {
-    if (kSchemes[i].length == length && EqualsIgnoringAsciiCase(kSchemes[i].name, reinterpret_cast<const unsigned char *>(name), length)) {
+    if (kSchemes[i].length == length &&
+        SameLetters(kSchemes[i].name, reinterpret_cast<const unsigned char *>(name), length)) {
       *scheme = i;
       return 1;
     }
@@ -771,23 +988,20 @@ KZ_API void URLPoolCompact(void) {
 
 KZ_API int32_t URLGetScheme(const URL *url) { return url->u_scheme; }
 
-KZ_API int URLIsSimpleHTTP(const URL *url) {
-  return url->u_scheme == SCHEME_HTTP && url->u_user.count < 2;
-}
+KZ_API int URLIsSimpleHTTP(const URL *url) { return url->u_scheme == SCHEME_HTTP && url->u_user.count < 2; }
 
 // ---- parsing -----------------------------------------------------------------------------
 
-KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict,
-                     int eightBitHost) {
+KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict, int eightBitHost) {
   if (base != url) {
-    return ParseInto(reinterpret_cast<const unsigned char *>(text), *url, base, acceptQuery != 0,
-                     strict != 0, eightBitHost != 0);
+    return ParseInto(reinterpret_cast<const unsigned char *>(text), *url, base, acceptQuery != 0, strict != 0,
+                     eightBitHost != 0);
   }
   // Resolving a record against itself: parse against a copy of the base.
   URL *copy = URLAcquire();
   URLCopy(copy, base);
-  bool ok = ParseInto(reinterpret_cast<const unsigned char *>(text), *url, copy, acceptQuery != 0,
-                      strict != 0, eightBitHost != 0);
+  bool ok = ParseInto(reinterpret_cast<const unsigned char *>(text), *url, copy, acceptQuery != 0, strict != 0,
+                      eightBitHost != 0);
   URLRelease(copy);
   return ok;
 }
@@ -815,11 +1029,8 @@ KZ_API int URLIsValid(const URL *url) {
   if (!noneOrText(url->u_user)) return 0;
   if (!lastIsNul(url->u_path)) return 0;
   if (kSchemes[url->u_scheme].hierarchical && url->u_path.elements[0] != '/') return 0;
-  if (!lastIsNul(url->u_query) || (url->u_query.count != 1 && url->u_query.elements[0] != '?'))
-    return 0;
-  if (!noneOrText(url->u_fragment) ||
-      (url->u_fragment.count > 1 && url->u_fragment.elements[0] != '#'))
-    return 0;
+  if (!lastIsNul(url->u_query) || (url->u_query.count != 1 && url->u_query.elements[0] != '?')) return 0;
+  if (!noneOrText(url->u_fragment) || (url->u_fragment.count > 1 && url->u_fragment.elements[0] != '#')) return 0;
   return 1;
 }
 
@@ -829,8 +1040,7 @@ KZ_API uint32_t URLPrintSize(const URL *url) {
   CheckScheme(static_cast<uint32_t>(url->u_scheme), 1101);
   // Each component's NUL pays for one character of "://"; the user info's
   // NUL pays for its "@".
-  uint32_t size = kSchemes[url->u_scheme].length + url->u_host.count + url->u_path.count +
-                  url->u_query.count;
+  uint32_t size = kSchemes[url->u_scheme].length + url->u_host.count + url->u_path.count + url->u_query.count;
   if (url->u_user.count >= 2) size += url->u_user.count;
   if (PrintsPort(*url)) size += 1 + DecimalDigits(url->u_port);
   return size;
@@ -893,8 +1103,10 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
 
   // Query: a lone "?" goes (full only), then trailing "&" are trimmed.
   CheckQuery(src.u_query);
-  if (full && src.u_query.count <= 2) SetEmptyText(dst.u_query);
-  else ArrayCopy_(&dst.u_query, 1, &src.u_query, 1, kSource, 1186);
+  if (full && src.u_query.count <= 2)
+    SetEmptyText(dst.u_query);
+  else
+    ArrayCopy_(&dst.u_query, 1, &src.u_query, 1, kSource, 1186);
   while (dst.u_query.count > 2 && dst.u_query.elements[dst.u_query.count - 2] == '&') {
     dst.u_query.elements[dst.u_query.count - 2] = '\0';
     --dst.u_query.count;
@@ -920,6 +1132,14 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
   enum { kSegment, kSlash, kDot, kDotDot } state = kSegment;
   const unsigned char *s = src.u_path.elements;
   const unsigned char *end = s + src.u_path.count - 1;
+#if KZ_URL_SIMD
+  // Most paths are normal already: one check, one copy.
+  if (!PathNeedsWork(s, static_cast<size_t>(end - s), full)) {
+    std::memcpy(out, s, static_cast<size_t>(end - s));
+    n = static_cast<uint32_t>(end - s);
+    goto done;
+  }
+#endif
   for (; s < end; ++s) {
     uint8_t c = *s;
     switch (state) {
@@ -928,6 +1148,21 @@ KZ_API void URLNormalize2(URL *destination, const URL *source, int full) {
         auto *slash = static_cast<const unsigned char *>(std::memchr(s, '/', end - s));
         const unsigned char *stop = slash ? slash : end;
         if (full) {
+#if KZ_URL_SIMD
+          // Sixteen bytes at a time while they last: the output never runs
+          // ahead of the input, so the stores stay within the reserved path.
+          for (; stop - s >= 16; s += 16, n += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s));
+            const __m128i ascii =
+                _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)), _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
+            const __m128i latin =
+                _mm_andnot_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8(static_cast<char>(0xD7))),
+                                 _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(0xBF))),
+                                               _mm_cmplt_epi8(v, _mm_set1_epi8(static_cast<char>(0xDF)))));
+            const __m128i lowered = _mm_add_epi8(v, _mm_and_si128(_mm_or_si128(ascii, latin), _mm_set1_epi8(0x20)));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + n), lowered);
+          }
+#endif
           for (; s < stop; ++s) out[n++] = kBytes.latin1Lower[*s];
         } else {
           std::memcpy(out + n, s, stop - s);
@@ -985,17 +1220,30 @@ done:
   static constexpr struct {
     const char *name;
     uint32_t length;
-  } kDefaultDocuments[] = {{"index.html", 10}, {"index.htm", 9}, {"index.asp", 9},
-                           {"default.htm", 11}, {"default.asp", 11}};
+  } kDefaultDocuments[] = {
+      {"index.html", 10}, {"index.htm", 9}, {"index.asp", 9}, {"default.htm", 11}, {"default.asp", 11}};
   bool noQuery = dst.u_query.count == 1;
   for (;;) {
     uint32_t length = path.count - 1;
+    // Only a last segment of 9-11 bytes can be a default document: look for
+    // its "/" among the last 12 bytes instead of walking a long segment back.
+    const uint32_t nearest = length > 12 ? length - 12 : 0;
     uint32_t segment = length;
-    while (segment > 0 && path.elements[segment - 1] != '/') --segment;
+#if KZ_URL_SIMD
+    if (length >= 16) {
+      // The "/" bits of the last 16 bytes; the last 12 of them are positions 4-15.
+      const __m128i tail = _mm_loadu_si128(reinterpret_cast<const __m128i *>(path.elements + length - 16));
+      const unsigned slashes = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(tail, _mm_set1_epi8('/')))) & 0xFFF0u;
+      if (!slashes) break;  // a last segment of 12 bytes or more
+      segment = length - 16 + (31 - __builtin_clz(slashes)) + 1;
+    }
+#endif
+    while (segment > nearest && path.elements[segment - 1] != '/') --segment;
+    if (segment == nearest && nearest > 0) break;  // a last segment of 12 bytes or more
     uint32_t segmentLength = length - segment;
     bool cut = false;
     for (const auto &document : kDefaultDocuments) {
-      if (document.length == segmentLength &&
+      if (document.length == segmentLength && path.elements[segment] == document.name[0] &&
           std::memcmp(path.elements + segment, document.name, segmentLength) == 0) {
         cut = true;
         break;
@@ -1065,7 +1313,7 @@ KZ_API uint64_t URLTopDomainHash(const URL *url) {
   uint32_t length = url->u_host.count ? static_cast<uint32_t>(strnlen(host, url->u_host.count)) : 0;
   uint32_t begin = 0, end = length;
   IPAddr address;
-  if (length > 0 && length < url->u_host.count && IPAddrSetIP(&address, host)) {
+  if (length > 0 && length < url->u_host.count && kz::ParseIPLiteral(&address, host)) {
     // An address: up to its second ".", so "10.1.2.3" hashes "10.1".
     const char *first = static_cast<const char *>(std::memchr(host, '.', length));
     const char *second =

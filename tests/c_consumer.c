@@ -106,12 +106,10 @@ int main(void) {
     RWLockDestroy(&lock);
   }
 
-  /* addresses and URLs */
+  /* URLs */
   {
-    IPAddr address;
     URL base, url;
     UByteArray printed = {0, 0, 0};
-    CHECK(IPAddrSetIP(&address, "[::1]") == 1 && address.family == KZ_FAMILY_IPV6);
     URLInit(&base);
     URLInit(&url);
     CHECK(URLParse("http://Example.COM:80/a/b?q", &base, NULL, 1) == 1);
@@ -141,6 +139,57 @@ int main(void) {
     ArrayFree(packed);
   }
 
+#ifndef KZ_LEFT_OUT_NET /* families not built for this platform are left out */
+  /* addresses and channels: a memory writer, then a memory reader over what it wrote */
+  {
+    UByteArray written = {0, 0, 0}, line = {0, 0, 0};
+    Channel *channel = ChannelNew(-1, -1);
+    IPAddr ip;
+    TCPAddr address;
+    int c;
+    CHECK(IPAddrSetIP(&ip, "[::1]") == 1 && ip.family == KZ_FAMILY_IPV6);
+    CHECK(TCPAddrSetHostPort(&address, "127.0.0.1:80") == 1 && address.port == 80);
+    CHECK(ChannelMemoryWriter(channel, &written) == 1);
+    CHECK(ChannelWriteString(channel, "id ") && ChannelWriteHexInt(channel, 255) &&
+          ChannelWriteString(channel, "\r\n"));
+    CHECK(ChannelFlush(channel) == 1 && written.count == 13);
+    CHECK(ChannelMemoryReader(channel, written.elements, written.count) == 1);
+    c = ChannelPeekByte(channel);
+    CHECK(c == 'i' && ChannelReadByte(channel) == 'i');
+    CHECK(ChannelReadLine(channel, &line, 0) == 1 && strcmp((char *)line.elements, "d 000000ff") == 0);
+    CHECK(ChannelGetMemorySize(channel) == 23536);
+    CHECK(ChannelClose(channel) == 1);
+    ArrayFree(written);
+    ArrayFree(line);
+  }
+
+  /* servers, datagrams and select: a loopback datagram wakes a wait */
+  {
+    TCPAddr local, bound;
+    UByteArray flags = {0, 0, 0};
+    ChannelSelectEvent event;
+    TCPServer *server;
+    int64_t receiver, sockets[1];
+    char datagram[8];
+    size_t count = 0;
+    TCPAddrLocal(&local, KZ_FAMILY_IPV4, 0);
+    server = TCPServerOpen(&local);
+    CHECK(server != NULL && TCPServerGetAddr(server, &bound) == 1 && bound.port != 0);
+    CHECK(server != NULL && TCPServerClose(server) == 1);
+    receiver = UDPNew(&local);
+    CHECK(receiver != KZ_INVALID_HANDLE && UDPGetAddr(receiver, &bound, 0) == 1);
+    CHECK(UDPSendBuf(&bound, "ping", 4) == 1);
+    CHECK(UDPReceiveBytes(receiver, datagram, sizeof datagram, &count) == 1 && count == 4);
+    CHECK(UDPClose(receiver) == 1);
+    CHECK(ChannelSelectEventNew(&event)->socket != KZ_INVALID_HANDLE);
+    CHECK(ChannelSelectEventNotify(&event) == 1);
+    sockets[0] = ChannelSelectEventGetFD(&event);
+    CHECK(ChannelSelectFD(ChannelSelectContextNew(), sockets, 1, &flags, 1000) == 0 && flags.elements[0] == 1);
+    CHECK(ChannelSelectEventNotifyReset(&event) == 1 && ChannelSelectEventFree(&event) == 1);
+    ArrayFree(flags);
+  }
+#endif
+
   /* random */
   {
     KZRand rng;
@@ -151,7 +200,7 @@ int main(void) {
     CHECK(entropyBytes > 0);
   }
 
-#ifndef KZ_LEFT_OUT_FILE /* families not built for this platform are left out */
+#ifndef KZ_LEFT_OUT_FILE
   /* files, paths and directories */
   {
     UByteArray name = {0, 0, 0}, where = {0, 0, 0};
@@ -175,6 +224,45 @@ int main(void) {
     CHECK(FileRemove((const char *)where.elements) == 1 && PathIsAbsolute("/x") == 1);
     ArrayFree(name);
     ArrayFree(where);
+  }
+#endif
+
+#if !defined(KZ_LEFT_OUT_CONFIG) && !defined(KZ_LEFT_OUT_ENV)
+  /* configuration and environment */
+  {
+    static const char text[] = "c.port 8080\nc.name \"a b\" c\n";
+    UByteArray value = {0, 0, 0};
+    StringArray env = {0, 0, 0};
+    char *entries[] = {"PATH=/bin", 0};
+    char buffer[16];
+    CHECK(LoadConfigurationKeys(text, sizeof text - 1) == 1);
+    CHECK(ConfigKeyGetInt("c.port", 0) == 8080);
+    CHECK(strcmp(ConfigKeyGetString("c.name", 0, &value), "a b c") == 0);
+    CHECK(ConfigKeyExpandVariables("${c.port}", 9, &value) == 1 && strcmp((char *)value.elements, "a b c8080") == 0);
+    CHECK(ConfigKeyRemove("c.") == 1 && ConfigKeyGetInt("c.port", -1) == -1);
+    CHECK(KZSetEnvironmentVariable("KZ_C_CONSUMER", "\xC3\xA9") == 1);
+    CHECK(KZGetEnvironmentVariable("KZ_C_CONSUMER", buffer, sizeof buffer) == 1 && strcmp(buffer, "\xC3\xA9") == 0);
+    StringArrayAppend(&env, entries);
+    CHECK(StringArrayEnvSet(&env, "path", "/usr/bin") == 0 && strcmp(StringArrayEnvGet(&env, "PATH"), "/usr/bin") == 0);
+    StringArrayClear(&env);
+    ArrayFree(env);
+    ArrayFree(value);
+  }
+#endif
+
+#if !defined(KZ_LEFT_OUT_PROCESS) && !defined(KZ_LEFT_OUT_DAEMON)
+  /* processes, libraries and daemon logs */
+  {
+    char *argv[] = {"sh", "-c", "exit 3", 0};
+    int exitCode = -1, signal = -1;
+    Process *child = ProcessExecuteDontInheritHandles("/bin/sh", argv, 0, -1, -1, -1);
+    UByteArray line = {0, 0, 0};
+    CHECK(child != 0 && ProcessWait(child, 1, &exitCode, &signal) == 1 && exitCode == 3 && signal == 0);
+    CHECK(ProcessCommandLine(&line, argv) == 1 && strcmp((char *)line.elements, "sh -c \"exit 3\"") == 0);
+    CHECK(ProcessGetId(ProcessGetCurrent()) == (unsigned int)getpid());
+    CHECK(OpenDLL(0) != 0);
+    CHECK(KZGetDaemonDir() == 0 && KZDaemonPurgeLogDays(0, 1) == 1);
+    ArrayFree(line);
   }
 #endif
 

@@ -7,7 +7,10 @@
 // the body, and its result is the child's exit status. So the body sees what
 // the test set up before the call, as after a fork, and the same code runs on
 // both platforms. The k-th TempDir a test makes in the child is the parent's
-// k-th (kept, not removed, by the child).
+// k-th (kept, not removed, by the child). What only the parent may hold (a
+// bound socket, a thread playing the peer) is set up under
+// `if (!kztest::InChild())`, and names meant to agree between the two are made
+// from TestPid().
 #pragma once
 
 #include <fcntl.h>
@@ -51,6 +54,7 @@ namespace child_detail {
 // parent's temporary directories, one per line.
 inline int g_target = 0;
 inline std::string g_parentDirs;
+inline long g_parentPid = 0;
 
 // Per-test counters: RunChild calls and TempDirs made so far, and the
 // directories themselves (a parent passes them to its children).
@@ -81,6 +85,15 @@ inline std::string SelfPath() {
 
 // True in a process started by RunChild.
 inline bool InChild() { return child_detail::g_target > 0; }
+
+// The test's process id: the parent's in a child of RunChild.
+inline long TestPid() {
+#if defined(_WIN32)
+  return InChild() ? child_detail::g_parentPid : static_cast<long>(GetCurrentProcessId());
+#else
+  return InChild() ? child_detail::g_parentPid : static_cast<long>(getpid());
+#endif
+}
 
 class TempDir {  // removed with everything in it (by the process that made it)
  public:
@@ -186,7 +199,8 @@ namespace child_detail {
 inline std::vector<std::string> ChildEnvironment(const Environment &environment, const std::string &dirs) {
   std::vector<std::string> result;
   auto dropped = [](const std::string &entry) {
-    for (const char *name : {"KZ", "GDB", "KZ_HANDLER_GRACE_TIME", "KZ_DEBUGGER", "KZTEST_CHILD_DIRS"}) {
+    for (const char *name :
+         {"KZ", "GDB", "KZ_HANDLER_GRACE_TIME", "KZ_DEBUGGER", "KZTEST_CHILD_DIRS", "KZTEST_PARENT_PID"}) {
       size_t length = strlen(name);
       if (entry.size() > length && entry[length] == '=' && entry.compare(0, length, name) == 0) return true;
     }
@@ -209,6 +223,7 @@ inline std::vector<std::string> ChildEnvironment(const Environment &environment,
     result.push_back(prefix + value);
   }
   result.push_back("KZTEST_CHILD_DIRS=" + dirs);
+  result.push_back("KZTEST_PARENT_PID=" + std::to_string(TestPid()));
   return result;
 }
 
@@ -373,6 +388,8 @@ inline void EnterChildModeIfAsked(int &argc, char **argv) {
     argc--;
     const char *dirs = getenv("KZTEST_CHILD_DIRS");
     child_detail::g_parentDirs = dirs ? dirs : "";
+    const char *pid = getenv("KZTEST_PARENT_PID");
+    child_detail::g_parentPid = pid ? atol(pid) : 0;
 #if !defined(_WIN32)
     struct rlimit noCore = {0, 0};
     setrlimit(RLIMIT_CORE, &noCore);

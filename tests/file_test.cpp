@@ -774,9 +774,9 @@ TEST(FileLock, TwoProcessesExcludeEachOther) {
   ASSERT_EQ(write(toChild[1], "go", 1), 1);
   FileLock *mine = FileLockAcquireExclusive(directory.c_str(), "lock", 1);  // waits for the release
   EXPECT_NE(mine, nullptr);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  kztest::Child child;
+  ASSERT_EQ(waitpid(pid, &child.status, 0), pid);
+  EXPECT_EQ(child.Ending(), kztest::ExitEnding(0));
   if (mine) {
     EXPECT_EQ(FileLockRelease(mine), 1);
   }

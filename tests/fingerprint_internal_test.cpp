@@ -73,4 +73,18 @@ TEST_F(FingerprintKernel, MethodsAgreeOnLargeBuffers) {
 #endif
 }
 
+// Short inputs, where the last 1-7 bytes take one step through several
+// tables: every length up to 40 at every alignment, against the reference.
+TEST_F(FingerprintKernel, ShortTailsMatchTheReference) {
+  std::mt19937_64 rng(99);
+  std::vector<unsigned char> data(64);
+  for (auto &byte : data) byte = static_cast<unsigned char>(rng());
+  for (size_t length = 0; length <= 40; ++length)
+    for (size_t offset = 0; offset < 8; ++offset) {
+      const uint64_t start = offset % 2 ? rng() : fp::kSeed;
+      ASSERT_EQ(fp::ExtendTables(start, data.data() + offset, length), Reference(start, data.data() + offset, length))
+          << "length " << length << " offset " << offset;
+    }
+}
+
 }  // namespace

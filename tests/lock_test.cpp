@@ -70,10 +70,13 @@ TEST(Mutex, StaticMutexesFirstUsedByManyThreadsAtOnce) {
               RecursiveMutexUnlock(&g_recursive), recursiveCounter++, RecursiveMutexUnlock(&g_recursive);
     });
   for (auto &thread : threads) thread.join();
-  EXPECT_TRUE(lazyCounter == 8000 && recursiveCounter == 16000) << lazyCounter << " " << recursiveCounter;
-  for (KZMutex lock : seen) EXPECT_TRUE(lock == g_lazy && lock != KZ_MUTEX_INITIALIZER);  // one lock installed
+  EXPECT_EQ(lazyCounter, 8000);
+  EXPECT_EQ(recursiveCounter, 16000);
+  EXPECT_NE(g_lazy, KZ_MUTEX_INITIALIZER);
+  for (KZMutex lock : seen) EXPECT_EQ(lock, g_lazy);  // one lock installed
   MutexDestroy(&g_lazy), RecursiveMutexDestroy(&g_recursive);
-  EXPECT_TRUE(g_lazy == KZ_MUTEX_INITIALIZER && g_recursive == KZ_RECURSIVE_MUTEX_INITIALIZER);
+  EXPECT_EQ(g_lazy, KZ_MUTEX_INITIALIZER);
+  EXPECT_EQ(g_recursive, KZ_RECURSIVE_MUTEX_INITIALIZER);
   MutexUnlock(&g_lazy);  // an unset variable is left alone
 }
 
@@ -83,7 +86,9 @@ TEST(Condition, LostSignalTimedWaitReentrantMutexAndBroadcastWaitingForAllToLeav
   KZCondition cv = KZ_CONDITION_INITIALIZER;
   ConditionSignal(&cv), ConditionBroadcast(&cv);  // no waiter: both return at once
   MutexLock(&mutex);                              // the signal was not kept:
-  EXPECT_TRUE(ConditionTimedWait(&cv, &mutex, 0) == 0 && ConditionTimedWait(&cv, &mutex, 30) == 0 && Waiters(&cv) == 0);
+  EXPECT_EQ(ConditionTimedWait(&cv, &mutex, 0), 0);
+  EXPECT_EQ(ConditionTimedWait(&cv, &mutex, 30), 0);
+  EXPECT_EQ(Waiters(&cv), 0u);
   MutexLock(&mutex);
   Background other([&] {
     MutexLock(&mutex);
@@ -103,11 +108,15 @@ TEST(Condition, LostSignalTimedWaitReentrantMutexAndBroadcastWaitingForAllToLeav
       waiters.emplace_back([&] { MutexLock(&mutex), returned += ConditionWait(&cv, &mutex), MutexUnlock(&mutex); });
     ASSERT_TRUE(Eventually([&] { return Waiters(&cv) == 4; }));
     ConditionSignal(&cv);
-    ASSERT_TRUE(Eventually([&] { return Locked(&mutex, [&] { return returned; }) == 1; }) && Waiters(&cv) == 3);
+    Eventually([&] { return Locked(&mutex, [&] { return returned; }) == 1; });
+    ASSERT_EQ(Locked(&mutex, [&] { return returned; }), 1);
+    ASSERT_EQ(Waiters(&cv), 3u);
     MutexLock(&mutex), ConditionBroadcast(&cv);
     // Read without the condition's lock: the last waiter to leave reported
     // it before the broadcast returned. The mutex is still ours.
-    EXPECT_TRUE(cv.waiters == 0 && cv.broadcast == 0 && returned == 1) << returned;
+    EXPECT_EQ(cv.waiters, 0u);
+    EXPECT_EQ(cv.broadcast, 0u);
+    EXPECT_EQ(returned, 1);
     MutexUnlock(&mutex), waiters.clear();  // joins them
     EXPECT_EQ(returned, 4);
   }
@@ -139,8 +148,10 @@ TEST(RWLock, StaticLockNeverHasAWriterBesideAReader) {
       }
     });
   for (auto &thread : threads) thread.join();
-  EXPECT_TRUE(violations == 0 && first == second && first > 0) << violations << " " << first << " " << second;
-  EXPECT_TRUE(Locked(&g_rwStress.lock, [] { return g_rwStress.state == 0 && g_rwStress.waitingWriters == 0; }));
+  EXPECT_EQ(violations, 0);
+  EXPECT_EQ(first, second);
+  EXPECT_GT(first, 0);
+  EXPECT_EQ(Locked(&g_rwStress.lock, [] { return Pair(g_rwStress.state, g_rwStress.waitingWriters); }), Pair(0, 0));
 }
 
 TEST(RWLock, WaitingWriterHoldsBackNewReadersAndTimeoutsGiveUp) {
@@ -159,11 +170,14 @@ TEST(RWLock, WaitingWriterHoldsBackNewReadersAndTimeoutsGiveUp) {
   std::thread reader(
       [&] { RWLockAcquireRead(&lock), writtenBeforeRead = written.load(), read = true, RWLockRelease(&lock); });
   ASSERT_TRUE(Eventually([&] { return Waiters(&lock.readersCondition) == 1 || read; }));
-  EXPECT_FALSE(read || written);
+  EXPECT_FALSE(read);
+  EXPECT_FALSE(written);
   EXPECT_TRUE((RWLockRelease(&lock), writer.join(), reader.join(), writtenBeforeRead.load()));
-  EXPECT_TRUE(RWLockAcquireWriteTimeout(&lock, 0) == 1 && RWLockAcquireReadTimeout(&lock, 20) == 0);  // given up on
-  RWLockRelease(&lock), RWLockAcquireRead(&lock);  // the writer that gave up is no longer counted
-  EXPECT_TRUE(RWLockAcquireWriteTimeout(&lock, 20) == 0 && WaitingWriters(&lock) == 0);
+  EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 0), 1);
+  EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 20), 0);  // given up on
+  RWLockRelease(&lock), RWLockAcquireRead(&lock);     // the writer that gave up is no longer counted
+  EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 20), 0);
+  EXPECT_EQ(WaitingWriters(&lock), 0);
   RWLockRelease(&lock), RWLockDestroy(&lock);
 }
 
@@ -207,7 +221,8 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
     RWULockAcquireUpgradable(&lock), step = 1, RWULockUpgrade(&lock), step = 2, goDowngrade.wait();
     RWULockDowngrade(&lock), step = 3, goRelease.wait(), RWULockRelease(&lock);
   });
-  ASSERT_TRUE(Eventually([&] { return StateAndUpgradable(&lock).second == -1 || step >= 2; }) && step == 1);
+  ASSERT_TRUE(Eventually([&] { return StateAndUpgradable(&lock).second == -1 || step >= 2; }));
+  ASSERT_EQ(step.load(), 1);
   // A new reader is held back while the upgrade is pending.
   Background lateReader([&] {
     RWULockAcquireRead(&lock);
@@ -215,11 +230,18 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   });
   ASSERT_TRUE(Eventually([&] { return Waiters(&lock.readersCondition) == 1 || lateReader.done; }));
   // Still waiting for the other read hold.
-  EXPECT_TRUE((RWULockRelease(&lock), StateAndUpgradable(&lock)) == Pair(2, -1) && step == 1);
+  EXPECT_EQ((RWULockRelease(&lock), StateAndUpgradable(&lock)), Pair(2, -1));
+  EXPECT_EQ(step.load(), 1);
   RWULockRelease(&lock);
-  EXPECT_TRUE(Eventually([&] { return step == 2; }) && StateAndUpgradable(&lock) == Pair(-1, 0) && !lateReader.done);
+  Eventually([&] { return step == 2; });  // the checks after each wait say what was seen
+  EXPECT_EQ(step.load(), 2);
+  EXPECT_EQ(StateAndUpgradable(&lock), Pair(-1, 0));
+  EXPECT_FALSE(lateReader.done);
   goDowngrade.count_down();  // lets the waiting reader in beside the holder
-  EXPECT_TRUE(Eventually([&] { return lateReader.done && step == 3; }) && StateAndUpgradable(&lock) == Pair(1, 1));
+  Eventually([&] { return lateReader.done && step == 3; });
+  EXPECT_TRUE(lateReader.done);
+  EXPECT_EQ(step.load(), 3);
+  EXPECT_EQ(StateAndUpgradable(&lock), Pair(1, 1));
   EXPECT_EQ((goRelease.count_down(), upgrader.join(), StateAndUpgradable(&lock)), Pair(0, 0));
   RWULockDestroy(&lock);
 }

@@ -30,6 +30,7 @@ KZRand Seeded(uint64_t seed) {
   EXPECT_EQ(KZRandInit(&s, seed), 11);
   return s;
 }
+std::string FirstSixBytes(const KZRand &s) { return std::string(reinterpret_cast<const char *>(&s), 6); }
 
 // Seed 0 gives 0, 0x40942D, 0xAA8544E first. Bits 63-16 of a seed, from the
 // top byte down, go into the record's first six bytes in memory order, so
@@ -37,7 +38,8 @@ KZRand Seeded(uint64_t seed) {
 TEST(RandomSeed, FirstValuesAfterSeedZeroAndTheSeedBitsThatCount) {
   for (KZRand s = Seeded(0); uint32_t value : {0x0u, 0x40942Du, 0xAA8544Eu}) EXPECT_EQ(KZRandUInt(&s), value);
   const KZRand a = Seeded(0x0123456789ABCDEFull), b = Seeded(0x8000000000010000ull);
-  EXPECT_TRUE(std::memcmp(&a, "\x01\x23\x45\x67\x89\xAB", 6) == 0 && std::memcmp(&b, "\x80\0\0\0\0\x01", 6) == 0);
+  EXPECT_EQ(FirstSixBytes(a), "\x01\x23\x45\x67\x89\xAB");
+  EXPECT_EQ(FirstSixBytes(b), std::string("\x80\0\0\0\0\x01", 6));
   const struct {
     uint64_t a, b;
     bool same;
@@ -62,11 +64,16 @@ TEST(RandomStep, WordArithmeticEqualsTheModel) {
     KZRand s = Seeded(seed << 16), wide = s, signedNarrow = s, signedWide = s;
     Model m{StateOf(s)};
     for (int step = 0; step < 50; ++step) {
+      SCOPED_TRACE(testing::Message() << std::hex << "seed " << seed << std::dec << " step " << step);
       const uint32_t r1 = KZRandUInt(&s), r2 = KZRandUInt(&s);
       const uint64_t both = uint64_t{r2} << 32 | r1;
-      ASSERT_TRUE(r1 == m.Next() && r2 == m.Next() && StateOf(s) == m.x) << std::hex << seed << " step " << step;
-      ASSERT_TRUE(KZRandULong(&wide) == both && KZRandLong(&signedWide) == static_cast<int64_t>(both) &&
-                  KZRandInt(&signedNarrow) == int32_t(r1) && KZRandInt(&signedNarrow) == int32_t(r2));
+      ASSERT_EQ(r1, m.Next());
+      ASSERT_EQ(r2, m.Next());
+      ASSERT_EQ(StateOf(s), m.x);
+      ASSERT_EQ(KZRandULong(&wide), both);
+      ASSERT_EQ(KZRandLong(&signedWide), static_cast<int64_t>(both));
+      ASSERT_EQ(KZRandInt(&signedNarrow), int32_t(r1));
+      ASSERT_EQ(KZRandInt(&signedNarrow), int32_t(r2));
     }
   }
 }
@@ -104,13 +111,14 @@ TEST(RandomShared, SeedsItselfOnceAndForkedChildren) {
           Model m{uint64_t{r[0]} << 16 | low};
           states += std::all_of(r + 1, r + 8, [&](uint32_t v) { return m.Next() == v; });
         }
-        exit(states == 1 && r[0] != 0 ? 0 : 1);
+        fprintf(stderr, "%d state(s) go on, first value %s\n", states, r[0] ? "nonzero" : "0");
+        exit(0);
       },
-      ::testing::ExitedWithCode(0), "");
+      ::testing::ExitedWithCode(0), "^1 state\\(s\\) go on, first value nonzero\n$");
   const auto childDraw = [] {
     const auto child =
         kztest::RunChild({}, [] { return printf("%s", std::to_string(KZRandULong(nullptr)).c_str()) < 0; });
-    EXPECT_TRUE(child.Exited(0)) << child.Describe();
+    EXPECT_EQ(child.Ending(), kztest::ExitEnding(0)) << child.Describe();
     return child.out;
   };
   KZRandInit(nullptr, 0x1234567812340000ull);
@@ -118,7 +126,10 @@ TEST(RandomShared, SeedsItselfOnceAndForkedChildren) {
   EXPECT_EQ(seededChild, std::to_string(KZRandULong(nullptr)));
   KZRandInitRand(nullptr);
   const std::string first = childDraw(), second = childDraw(), parent = std::to_string(KZRandULong(nullptr));
-  EXPECT_TRUE(!first.empty() && first != parent && second != parent && first != second) << first << " " << second;
+  EXPECT_NE(first, "");
+  EXPECT_NE(first, parent);
+  EXPECT_NE(second, parent);
+  EXPECT_NE(first, second);
 }
 
 // Clock readings, kernel bytes, a heap address, the host and program names and
@@ -129,7 +140,9 @@ TEST(RandomEntropy, GathersPiecesThatSeedDifferentStates) {
     static_cast<std::vector<std::string> *>(to)->emplace_back(static_cast<const char *>(bytes), length);
   };
   KZRandEntropyGet(collect, &pieces), KZRandEntropyGet(collect, &again);
-  EXPECT_TRUE(pieces.size() >= 15u && pieces != again && std::count(pieces.begin(), pieces.end(), "") == 0);
+  EXPECT_GE(pieces.size(), 15u);
+  EXPECT_NE(pieces, again);
+  EXPECT_EQ(std::count(pieces.begin(), pieces.end(), ""), 0);
   for (const std::string text : {HostName(), KZProgramName(), const_cast<const char *>(environ[0])})
     EXPECT_NE(std::find(pieces.begin(), pieces.end(), text), pieces.end()) << text;
   KZRand a{}, b{};  // zero records: a missing multiplier would give equal values
@@ -142,10 +155,18 @@ TEST(RandomZipf, OneIsTheMostFrequentValueAndNeverZero) {
     KZRand state = Seeded(0x21F000000000ull + static_cast<uint64_t>(s * 1000) * 0x10000);
     std::map<int64_t, int> counts;
     for (int i = 0; i < 200000; ++i) ++counts[KZRandZipf(&state, s)];
-    for (const auto &[value, n] : counts) EXPECT_TRUE(value >= 1 && (value == 1 || n < counts[1])) << s << " " << value;
+    for (const auto &[value, n] : counts) {
+      EXPECT_GE(value, 1) << s;
+      if (value != 1) {
+        EXPECT_LT(n, counts[1]) << s << " " << value;
+      }
+    }
   }
   KZRand state = Seeded(77 << 16);
-  for (int i = 0; i < 20000; ++i) ASSERT_TRUE(KZRandZipf(nullptr, 2.0) >= 1 && KZRandZipf(&state, 0.5) >= 1);
+  for (int i = 0; i < 20000; ++i) {
+    ASSERT_GE(KZRandZipf(nullptr, 2.0), 1);
+    ASSERT_GE(KZRandZipf(&state, 0.5), 1);
+  }
 }
 
 // The sampler over the model: both draws of a round step the given state, and

@@ -38,10 +38,14 @@ inline Reference RefRead(std::string_view bytes, Form form) {
       continue;
     }
     if (b < 0xC0) return r.outcome = Outcome::kInvalid, r;
-    if (b < 0xE0) trail = 1, v = b & 0x1Fu, least = 0x80;
-    else if (b < 0xF0) trail = 2, v = b & 0x0Fu, least = 0x800;
-    else if (form != Form::kUCS4) return r.outcome = Outcome::kTooLarge, r;
-    else trail = 3, v = b & 0x0Fu, least = 0x10000;
+    if (b < 0xE0)
+      trail = 1, v = b & 0x1Fu, least = 0x80;
+    else if (b < 0xF0)
+      trail = 2, v = b & 0x0Fu, least = 0x800;
+    else if (form != Form::kUCS4)
+      return r.outcome = Outcome::kTooLarge, r;
+    else
+      trail = 3, v = b & 0x0Fu, least = 0x10000;
     for (size_t k = 1; k <= trail; ++k) {
       if (i + k == bytes.size()) return r.outcome = Outcome::kTruncated, r;
       const uint8_t c = static_cast<uint8_t>(bytes[i + k]);

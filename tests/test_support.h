@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,7 +11,6 @@
 #include <process.h>
 #include <windows.h>
 #else
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #endif

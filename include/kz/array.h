@@ -25,19 +25,53 @@
 KZ_BEGIN_DECLS
 
 /* Declares an anonymous array record type with elements of type T. */
-#define KZ_ARRAY(T)     struct { T *elements; uint32_t count; uint32_t capacity; }
-#define KZ_BIG_ARRAY(T) struct { T *elements; uint64_t count; uint64_t capacity; }
+#define KZ_ARRAY(T)    \
+  struct {             \
+    T *elements;       \
+    uint32_t count;    \
+    uint32_t capacity; \
+  }
+#define KZ_BIG_ARRAY(T) \
+  struct {              \
+    T *elements;        \
+    uint64_t count;     \
+    uint64_t capacity;  \
+  }
 
-typedef struct KZArray { void *elements; uint32_t count; uint32_t capacity; } KZArray;
-typedef struct KZBigArray { void *elements; uint64_t count; uint64_t capacity; } KZBigArray;
+typedef struct KZArray {
+  void *elements;
+  uint32_t count;
+  uint32_t capacity;
+} KZArray;
+typedef struct KZBigArray {
+  void *elements;
+  uint64_t count;
+  uint64_t capacity;
+} KZBigArray;
 
 /* The byte array: the output buffer of every printf-style function. Writers
  * keep it NUL-terminated without counting the NUL. */
-typedef struct UByteArray { unsigned char *elements; uint32_t count; uint32_t capacity; } UByteArray;
-typedef struct UByteBigArray { unsigned char *elements; uint64_t count; uint64_t capacity; } UByteBigArray;
+typedef struct UByteArray {
+  unsigned char *elements;
+  uint32_t count;
+  uint32_t capacity;
+} UByteArray;
+typedef struct UByteBigArray {
+  unsigned char *elements;
+  uint64_t count;
+  uint64_t capacity;
+} UByteBigArray;
 /* 16-bit units and 32-bit code points, the targets of the Unicode converters. */
-typedef struct UShortArray { uint16_t *elements; uint32_t count; uint32_t capacity; } UShortArray;
-typedef struct UIntArray { uint32_t *elements; uint32_t count; uint32_t capacity; } UIntArray;
+typedef struct UShortArray {
+  uint16_t *elements;
+  uint32_t count;
+  uint32_t capacity;
+} UShortArray;
+typedef struct UIntArray {
+  uint32_t *elements;
+  uint32_t count;
+  uint32_t capacity;
+} UIntArray;
 typedef KZ_ARRAY(char *) StringPtrArray;
 
 /* ---- 32-bit family ---------------------------------------------------- */
@@ -55,16 +89,14 @@ KZ_API uint64_t ArrayNextSize(uint64_t capacity, uint64_t required, uint64_t max
 KZ_API void *ArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t line);
 /* Grow the capacity to exactly newCapacity when it is smaller; never shrinks.
  * newCapacity of 2147483647 or more is an assertion failure. */
-KZ_API void ArrayGrowExact_(void *array, uint32_t newCapacity, size_t eltSize,
-                            const char *file, uint32_t line);
+KZ_API void ArrayGrowExact_(void *array, uint32_t newCapacity, size_t eltSize, const char *file, uint32_t line);
 /* Shrink the capacity to newCapacity when it is larger and count fits;
  * newCapacity 0 frees the storage. Otherwise does nothing. */
-KZ_API void ArrayShrink_(void *array, uint32_t newCapacity, size_t eltSize,
-                         const char *file, uint32_t line);
+KZ_API void ArrayShrink_(void *array, uint32_t newCapacity, size_t eltSize, const char *file, uint32_t line);
 /* Copy source into destination (element sizes must be equal). When the
  * destination must grow, its old contents are discarded before allocating. */
-KZ_API void ArrayCopy_(void *destination, size_t destinationEltSize, const void *source,
-                       size_t sourceEltSize, const char *file, uint32_t line);
+KZ_API void ArrayCopy_(void *destination, size_t destinationEltSize, const void *source, size_t sourceEltSize,
+                       const char *file, uint32_t line);
 
 /* ---- 64-bit family ---------------------------------------------------- */
 
@@ -72,13 +104,11 @@ KZ_API int BigArrayInit_(void *array);
 KZ_API void BigArrayFree_(void *array);
 KZ_API uint64_t BigArrayNextSize(uint64_t capacity, uint64_t required, uint64_t maxSize);
 KZ_API void *BigArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t line);
-KZ_API void BigArrayGrowExact_(void *array, uint64_t newCapacity, size_t eltSize,
-                               const char *file, uint32_t line);
-KZ_API void BigArrayShrink_(void *array, uint64_t newCapacity, size_t eltSize,
-                            const char *file, uint32_t line);
+KZ_API void BigArrayGrowExact_(void *array, uint64_t newCapacity, size_t eltSize, const char *file, uint32_t line);
+KZ_API void BigArrayShrink_(void *array, uint64_t newCapacity, size_t eltSize, const char *file, uint32_t line);
 /* As ArrayCopy_; the grown capacity is deliberately cut to its low 32 bits. */
-KZ_API void BigArrayCopy_(void *destination, size_t destinationEltSize, const void *source,
-                          size_t sourceEltSize, const char *file, uint32_t line);
+KZ_API void BigArrayCopy_(void *destination, size_t destinationEltSize, const void *source, size_t sourceEltSize,
+                          const char *file, uint32_t line);
 
 /* ---- mapped family (64-bit record, storage in an anonymous mapping) ---- */
 
@@ -89,39 +119,38 @@ KZ_API int VMArrayFree_(void *array, size_t eltSize);
 /* Grow by one step; the mapping keeps its contents. A mapping failure is the
  * level 4 (KZ_LEVEL_EXIT) report "memory map failed: ptr=%p size=%lu" (exit status 1). */
 KZ_API void *VMArrayGrow_(void *array, size_t eltSize, const char *file, uint32_t line);
-KZ_API void VMArrayCopy_(void *destination, size_t destinationEltSize, const void *source,
-                         size_t sourceEltSize, const char *file, uint32_t line);
+KZ_API void VMArrayCopy_(void *destination, size_t destinationEltSize, const void *source, size_t sourceEltSize,
+                         const char *file, uint32_t line);
 
 /* ---- calling macros: `a` is an array record (not a pointer) ------------ */
 
-#define ArrayLength(a) ((a).count)
-#define ArrayNth(a, i) ((a).elements[i])
-#define ArrayInit(a) ArrayInit_(&(a))
-#define ArrayFree(a) ArrayFree_(&(a))
-#define ArrayGrow(a) ArrayGrow_(&(a), sizeof(*(a).elements), __FILE__, __LINE__)
+#define ArrayLength(a)       ((a).count)
+#define ArrayNth(a, i)       ((a).elements[i])
+#define ArrayInit(a)         ArrayInit_(&(a))
+#define ArrayFree(a)         ArrayFree_(&(a))
+#define ArrayGrow(a)         ArrayGrow_(&(a), sizeof(*(a).elements), __FILE__, __LINE__)
 #define ArrayGrowExact(a, n) ArrayGrowExact_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
-#define ArrayShrink(a, n) ArrayShrink_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
+#define ArrayShrink(a, n)    ArrayShrink_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
 #define ArrayCopy(dst, src) \
   ArrayCopy_(&(dst), sizeof(*(dst).elements), &(src), sizeof(*(src).elements), __FILE__, __LINE__)
 /* Append one value, growing when full. */
-#define ArrayAppend(a, value)                                   \
-  do {                                                          \
-    if ((a).count >= (a).capacity) ArrayGrow(a);                \
-    (a).elements[(a).count++] = (value);                        \
+#define ArrayAppend(a, value)                    \
+  do {                                           \
+    if ((a).count >= (a).capacity) ArrayGrow(a); \
+    (a).elements[(a).count++] = (value);         \
   } while (0)
 
-#define BigArrayInit(a) BigArrayInit_(&(a))
-#define BigArrayFree(a) BigArrayFree_(&(a))
-#define BigArrayGrow(a) BigArrayGrow_(&(a), sizeof(*(a).elements), __FILE__, __LINE__)
-#define BigArrayGrowExact(a, n) \
-  BigArrayGrowExact_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
-#define BigArrayShrink(a, n) BigArrayShrink_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
+#define BigArrayInit(a)         BigArrayInit_(&(a))
+#define BigArrayFree(a)         BigArrayFree_(&(a))
+#define BigArrayGrow(a)         BigArrayGrow_(&(a), sizeof(*(a).elements), __FILE__, __LINE__)
+#define BigArrayGrowExact(a, n) BigArrayGrowExact_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
+#define BigArrayShrink(a, n)    BigArrayShrink_(&(a), (n), sizeof(*(a).elements), __FILE__, __LINE__)
 #define BigArrayCopy(dst, src) \
   BigArrayCopy_(&(dst), sizeof(*(dst).elements), &(src), sizeof(*(src).elements), __FILE__, __LINE__)
-#define BigArrayAppend(a, value)                                \
-  do {                                                          \
-    if ((a).count >= (a).capacity) BigArrayGrow(a);             \
-    (a).elements[(a).count++] = (value);                        \
+#define BigArrayAppend(a, value)                    \
+  do {                                              \
+    if ((a).count >= (a).capacity) BigArrayGrow(a); \
+    (a).elements[(a).count++] = (value);            \
   } while (0)
 
 #define VMArrayInit(a) VMArrayInit_(&(a))
@@ -129,10 +158,10 @@ KZ_API void VMArrayCopy_(void *destination, size_t destinationEltSize, const voi
 #define VMArrayGrow(a) VMArrayGrow_(&(a), sizeof(*(a).elements), __FILE__, __LINE__)
 #define VMArrayCopy(dst, src) \
   VMArrayCopy_(&(dst), sizeof(*(dst).elements), &(src), sizeof(*(src).elements), __FILE__, __LINE__)
-#define VMArrayAppend(a, value)                                 \
-  do {                                                          \
-    if ((a).count >= (a).capacity) VMArrayGrow(a);              \
-    (a).elements[(a).count++] = (value);                        \
+#define VMArrayAppend(a, value)                    \
+  do {                                             \
+    if ((a).count >= (a).capacity) VMArrayGrow(a); \
+    (a).elements[(a).count++] = (value);           \
   } while (0)
 
 KZ_END_DECLS

@@ -7,8 +7,10 @@
  * be 2..36 (anything else is an assertion failure). The strict parsers accept
  * no sign (except a leading '-' for the signed ones), white space or prefix.
  *
- * Formatting uses the trio formatter, which understands the "%I64u", "%I64d"
- * and "%016I64x" forms as well as the C99 ones.
+ * Formatting gives exactly the trio formatter's text (the common conversions
+ * are written by the library itself, everything else by trio), which
+ * understands the "%I64u", "%I64d" and "%016I64x" forms as well as the C99
+ * ones.
  */
 #ifndef KZ_FORMAT_H
 #define KZ_FORMAT_H

@@ -68,13 +68,13 @@ KZ_API void KZLibKeepGlobalExceptionHandler(void);
 
 /* ---- switches read at start-up ------------------------------------------------ */
 
-#define KZ_FLAG_CRASH_FILES 0x100u     /* write crash files at all */
+#define KZ_FLAG_CRASH_FILES    0x100u  /* write crash files at all */
 #define KZ_FLAG_ASSERT_VERBOSE 0x200u  /* assertion verbosity */
-#define KZ_FLAG_CRASH_STACK 0x400u     /* collect a backtrace on a crash */
-#define KZ_FLAG_CRASH_LOG 0x800u       /* write ERRORLOG-<pid>.TXT */
-#define KZ_FLAG_CRASH_DUMP 0x1000u     /* write CRASH-<pid>.DMP */
-#define KZ_FLAG_CRASH_SYSLOG 0x2000u   /* one line to the system log */
-#define KZ_FLAG_DEBUGGER 0x4000u       /* announce the crash and start a debugger */
+#define KZ_FLAG_CRASH_STACK    0x400u  /* collect a backtrace on a crash */
+#define KZ_FLAG_CRASH_LOG      0x800u  /* write ERRORLOG-<pid>.TXT */
+#define KZ_FLAG_CRASH_DUMP     0x1000u /* write CRASH-<pid>.DMP */
+#define KZ_FLAG_CRASH_SYSLOG   0x2000u /* one line to the system log */
+#define KZ_FLAG_DEBUGGER       0x4000u /* announce the crash and start a debugger */
 
 /* The flag word (default 0x3F00). */
 KZ_API uint32_t KZLibGetFlags(void);
@@ -97,11 +97,11 @@ KZ_API extern const int32_t kzlib_build;
 KZ_API extern const int32_t kzlib_branchbuild;
 KZ_API extern const int32_t kzlib_branch;
 
-KZ_API int KZVersionMajor(void);        /* 6 */
-KZ_API int KZVersionMinor(void);        /* 3 */
-KZ_API int KZVersionBuild(void);        /* 20826 */
-KZ_API int KZVersionBranch(void);       /* 0 unless the build sets one */
-KZ_API int KZVersionBranchBuild(void);  /* 0 */
+KZ_API int KZVersionMajor(void);       /* 6 */
+KZ_API int KZVersionMinor(void);       /* 3 */
+KZ_API int KZVersionBuild(void);       /* 20826 */
+KZ_API int KZVersionBranch(void);      /* 0 unless the build sets one */
+KZ_API int KZVersionBranchBuild(void); /* 0 */
 /* "6.3.20826", or "6.3.20826.<branch>" when the branch is not 0. */
 KZ_API const char *KZVersionString(void);
 /* "<cpu>-<system>", e.g. "amd64-linux". */

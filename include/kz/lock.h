@@ -127,9 +127,8 @@ typedef struct KZRWLock {
   KZCondition writersCondition;
 } KZRWLock;
 
-#define KZ_RWLOCK_INITIALIZER                                                         \
-  { (struct KZCriticalSection *)~(uintptr_t)0, 0, 0, KZ_CONDITION_INITIALIZER, \
-    KZ_CONDITION_INITIALIZER }
+#define KZ_RWLOCK_INITIALIZER \
+  { (struct KZCriticalSection *)~(uintptr_t)0, 0, 0, KZ_CONDITION_INITIALIZER, KZ_CONDITION_INITIALIZER }
 
 /* Creates the lock and both conditions; state and waiting writers start at 0. */
 KZ_API void RWLockInit(KZRWLock *lock);
@@ -152,9 +151,9 @@ KZ_API int RWLockAcquireWriteTimeout(KZRWLock *lock, uint32_t timeout);
  * the assertion "lock->state > 0" (kzlib/kzthread:1370). */
 KZ_API void RWLockRelease_(KZRWLock *lock, const char *file, uint32_t line);
 
-#define RWLockAcquireRead(lock) RWLockAcquireRead_((lock), __FILE__, __LINE__)
+#define RWLockAcquireRead(lock)  RWLockAcquireRead_((lock), __FILE__, __LINE__)
 #define RWLockAcquireWrite(lock) RWLockAcquireWrite_((lock), __FILE__, __LINE__)
-#define RWLockRelease(lock) RWLockRelease_((lock), __FILE__, __LINE__)
+#define RWLockRelease(lock)      RWLockRelease_((lock), __FILE__, __LINE__)
 
 /* ---- upgradable reader-writer lock ------------------------------------------
  * Plain readers, writers, and at most one upgradable holder, which reads
@@ -179,10 +178,11 @@ typedef struct KZRWULock {
   KZCondition upgradeCondition;
 } KZRWULock;
 
-#define KZ_RWULOCK_INITIALIZER                                                            \
-  { (struct KZCriticalSection *)~(uintptr_t)0, 0, 0, 0, ~(uint64_t)0,              \
-    KZ_CONDITION_INITIALIZER, KZ_CONDITION_INITIALIZER, KZ_CONDITION_INITIALIZER, \
-    KZ_CONDITION_INITIALIZER }
+#define KZ_RWULOCK_INITIALIZER                                                                  \
+  {                                                                                             \
+    (struct KZCriticalSection *)~(uintptr_t)0, 0, 0, 0, ~(uint64_t)0, KZ_CONDITION_INITIALIZER, \
+        KZ_CONDITION_INITIALIZER, KZ_CONDITION_INITIALIZER, KZ_CONDITION_INITIALIZER            \
+  }
 
 /* Creates the lock and its four conditions; owner starts at all ones. */
 KZ_API void RWULockInit(KZRWULock *lock);

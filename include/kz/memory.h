@@ -28,8 +28,7 @@ KZ_API void *Allocate0_(size_t size, const char *file, uint32_t line);
  * that is a multiple of alignment (any non-zero value, not only powers of
  * two). Returns the block to free, not the aligned address. Alignment 0 is an
  * assertion failure, checked after the allocation. */
-KZ_API void *AllocateAligned_(size_t size, size_t alignment, void **aligned,
-                              const char *file, uint32_t line);
+KZ_API void *AllocateAligned_(size_t size, size_t alignment, void **aligned, const char *file, uint32_t line);
 /* Copy of a NUL-terminated string; failure is fatal ("strdup failed"). */
 KZ_API char *Strdup_(const char *string, const char *file, uint32_t line);
 /* Copy of at most maxLength bytes, stopping at the first NUL; always
@@ -38,13 +37,12 @@ KZ_API char *Strndup_(const char *string, uint32_t maxLength, const char *file, 
 /* One line of process memory counters; an empty string on failure. */
 KZ_API void KZDumpMemStats(char *buffer, size_t size);
 
-#define Allocate(size, old) Allocate_((size), (old), __FILE__, __LINE__)
-#define AllocateUnsafe(size, old) AllocateUnsafe_((size), (old), __FILE__, __LINE__)
-#define Allocate0(size) Allocate0_((size), __FILE__, __LINE__)
-#define AllocateAligned(size, alignment, aligned) \
-  AllocateAligned_((size), (alignment), (aligned), __FILE__, __LINE__)
-#define Strdup(s) Strdup_((s), __FILE__, __LINE__)
-#define Strndup(s, n) Strndup_((s), (n), __FILE__, __LINE__)
+#define Allocate(size, old)                       Allocate_((size), (old), __FILE__, __LINE__)
+#define AllocateUnsafe(size, old)                 AllocateUnsafe_((size), (old), __FILE__, __LINE__)
+#define Allocate0(size)                           Allocate0_((size), __FILE__, __LINE__)
+#define AllocateAligned(size, alignment, aligned) AllocateAligned_((size), (alignment), (aligned), __FILE__, __LINE__)
+#define Strdup(s)                                 Strdup_((s), __FILE__, __LINE__)
+#define Strndup(s, n)                             Strndup_((s), (n), __FILE__, __LINE__)
 
 /* ---- forwards to the C library heap ------------------------------------ */
 
@@ -63,16 +61,15 @@ KZ_API void *MemoryMap_(size_t size, const char *file, uint32_t line);
 KZ_API int MemoryUnmap_(void *address, size_t size);
 /* New mapping holding min(old, new) bytes of the old one; the old mapping is
  * released. New size 0 releases the old block and returns null. */
-KZ_API void *MemoryRemap_(void *old, size_t oldSize, size_t newSize, const char *file,
-                          uint32_t line);
+KZ_API void *MemoryRemap_(void *old, size_t oldSize, size_t newSize, const char *file, uint32_t line);
 /* Resize an anonymous block of ceil(count x width / (8 x unit)) x unit bytes
  * (width in bits); an 8-byte size header precedes the returned base. */
-KZ_API void *AnonArrayGrow_(size_t unit, void *oldBase, uint64_t count, uint64_t width,
-                            uint64_t *outSize, const char *file, uint32_t line);
+KZ_API void *AnonArrayGrow_(size_t unit, void *oldBase, uint64_t count, uint64_t width, uint64_t *outSize,
+                            const char *file, uint32_t line);
 KZ_API void AnonArrayFree_(void *base, const char *file, uint32_t line);
 
-#define MemoryMap(size) MemoryMap_((size), __FILE__, __LINE__)
-#define MemoryUnmap(address, size) MemoryUnmap_((address), (size))
+#define MemoryMap(size)                    MemoryMap_((size), __FILE__, __LINE__)
+#define MemoryUnmap(address, size)         MemoryUnmap_((address), (size))
 #define MemoryRemap(old, oldSize, newSize) MemoryRemap_((old), (oldSize), (newSize), __FILE__, __LINE__)
 #define AnonArrayGrow(unit, base, count, width, outSize) \
   AnonArrayGrow_((unit), (base), (count), (width), (outSize), __FILE__, __LINE__)
@@ -122,7 +119,8 @@ typedef struct KZLocalPool {
 
 #define KZ_POOL_INITIALIZER(callback) \
   { 0, 0, 0, (callback), (struct KZCriticalSection *)~(uintptr_t)0 }
-#define KZ_LOCAL_POOL_INITIALIZER(callback) { 0, 0, 0, (callback) }
+#define KZ_LOCAL_POOL_INITIALIZER(callback) \
+  { 0, 0, 0, (callback) }
 
 /* Destroy every pooled object (callback with KZ_POOL_DESTROY, then free) and
  * empty the pool, keeping the items array for reuse. */
@@ -137,10 +135,10 @@ KZ_API void *PoolGet_(KZPool *pool);
 KZ_API void LocalCPoolPut_(KZLocalPool *pool, void *object, const char *file, uint32_t line);
 KZ_API void *LocalCPoolGet_(KZLocalPool *pool);
 
-#define PoolPut(pool, object) PoolPut_((pool), (object), __FILE__, __LINE__)
-#define PoolGet(pool) PoolGet_(pool)
+#define PoolPut(pool, object)       PoolPut_((pool), (object), __FILE__, __LINE__)
+#define PoolGet(pool)               PoolGet_(pool)
 #define LocalCPoolPut(pool, object) LocalCPoolPut_((pool), (object), __FILE__, __LINE__)
-#define LocalCPoolGet(pool) LocalCPoolGet_(pool)
+#define LocalCPoolGet(pool)         LocalCPoolGet_(pool)
 
 /* ---- inert debugging entry points ------------------------------------------
  * Programs written for the library's debugging allocator call these; this build

@@ -28,21 +28,21 @@ KZ_BEGIN_DECLS
 
 /* Message levels. Plain numbers work the same; the names say what a level does. */
 #define KZ_LEVEL_DEBUG 0 /* output stream, no prefix */
-#define KZ_LEVEL_INFO 1  /* output stream, no prefix */
-#define KZ_LEVEL_LOG 2   /* output stream, time-stamped */
+#define KZ_LEVEL_INFO  1 /* output stream, no prefix */
+#define KZ_LEVEL_LOG   2 /* output stream, time-stamped */
 #define KZ_LEVEL_ERROR 3 /* error stream, time stamp, program and location; returns */
-#define KZ_LEVEL_EXIT 4  /* as KZ_LEVEL_ERROR, prints the error stack, exits with status 1 */
+#define KZ_LEVEL_EXIT  4 /* as KZ_LEVEL_ERROR, prints the error stack, exits with status 1 */
 #define KZ_LEVEL_FATAL 5 /* as KZ_LEVEL_ERROR, prints the error stack, aborts */
 
-typedef void (*KZMessageHandler)(const char *file, uint32_t line, int level, uint32_t withError,
-                                 const char *format, va_list args);
+typedef void (*KZMessageHandler)(const char *file, uint32_t line, int level, uint32_t withError, const char *format,
+                                 va_list args);
 typedef void (*KZAbortHook)(const char *text, const char *file, uint32_t line);
 typedef void (*KZExitFunction)(int status, intptr_t a, intptr_t b, intptr_t c);
 
 /* Set the pending location, level and with-error flag of the calling thread
  * (creating its context). */
-KZ_API void KZSetMessageContext2_(const char *file, uint32_t line, const char *module,
-                                  const char *function, int level, uint32_t withError);
+KZ_API void KZSetMessageContext2_(const char *file, uint32_t line, const char *module, const char *function, int level,
+                                  uint32_t withError);
 KZ_API void KZSetMessageContext_(const char *file, uint32_t line, int level, uint32_t withError);
 
 /* Emit a message at the pending location and level. Levels 4 and 5 do not
@@ -90,16 +90,13 @@ KZ_API int KZFormatProcessName(const char *format, ...);
 
 /* ---- calling macros ----------------------------------------------------- */
 
-#define KZMessage(level, ...)                                                                   \
-  (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, (level), 0), \
-   KZMessage_(__VA_ARGS__))
+#define KZMessage(level, ...) \
+  (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, (level), 0), KZMessage_(__VA_ARGS__))
 /* As KZMessage, with ": <current error message>" appended. */
-#define KZMessageWithError(level, ...)                                                          \
-  (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, (level), 1), \
-   KZMessage_(__VA_ARGS__))
-#define KZState(...) KZState_(__VA_ARGS__)
-#define kzassert(expression) \
-  ((expression) ? (void)0 : kzassert_(#expression, __FILE__, __LINE__))
+#define KZMessageWithError(level, ...) \
+  (KZSetMessageContext2_(__FILE__, __LINE__, KZ_MODULE_NAME, KZ_FUNCTION_NAME, (level), 1), KZMessage_(__VA_ARGS__))
+#define KZState(...)         KZState_(__VA_ARGS__)
+#define kzassert(expression) ((expression) ? (void)0 : kzassert_(#expression, __FILE__, __LINE__))
 
 KZ_END_DECLS
 

@@ -23,9 +23,9 @@ KZ_BEGIN_DECLS
 /* Generator state: x0 x1 x2 the 48-bit value (x0 most significant), a0 a1 a2
  * the multiplier 0x5DEECE66D (0x0005, 0xDEEC, 0xE66D), c the addend 0x000B. */
 typedef struct KZRand {
-    uint16_t x0, x1, x2;
-    uint16_t a0, a1, a2;
-    uint16_t c;
+  uint16_t x0, x1, x2;
+  uint16_t a0, a1, a2;
+  uint16_t c;
 } KZRand;
 
 /* Seeds the state from bits 63-16 of seed (bits 15-0 are not used): the bytes

@@ -35,8 +35,7 @@ typedef int32_t (*KZCompareFunction)(const void *a, const void *b, void *context
  *   multiples of 4, byte by byte otherwise; base needs no particular alignment.
  * - compare must be a consistent ordering; it must not modify the array.
  */
-KZ_API void QSort(void *base, size_t count, size_t elementSize,
-                  KZCompareFunction compare, void *context);
+KZ_API void QSort(void *base, size_t count, size_t elementSize, KZCompareFunction compare, void *context);
 
 KZ_END_DECLS
 

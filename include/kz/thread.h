@@ -44,8 +44,8 @@ typedef uint64_t KZThread;
 /* A thread's function; its result is what ThreadJoin returns. */
 typedef int64_t (*KZThreadFunction)(void *argument);
 /* Replaces thread creation (see SetThreadCreateHooks). */
-typedef KZThread (*KZThreadCreateHook)(KZThreadFunction function, void *argument, uint32_t stackKiB,
-                                       const char *file, uint32_t line);
+typedef KZThread (*KZThreadCreateHook)(KZThreadFunction function, void *argument, uint32_t stackKiB, const char *file,
+                                       uint32_t line);
 /* A thread-variable slot (a pthread key on POSIX). */
 typedef uint32_t KZThreadVar;
 typedef void (*KZThreadVarDestructor)(void *value);
@@ -59,14 +59,14 @@ typedef void (*KZThreadVarDestructor)(void *value);
  * A stack of 1000000 KiB or more is reported at level 3 (KZ_LEVEL_ERROR) ("creating thread with
  * a stack size of %u KB") and the thread is still created. A failure to start
  * the thread is fatal: level 4 (KZ_LEVEL_EXIT) "thread creation failed, errno=%d". */
-KZ_API KZThread ThreadCreate_(KZThreadFunction function, void *argument, uint32_t stackKiB,
-                              const char *file, uint32_t line);
+KZ_API KZThread ThreadCreate_(KZThreadFunction function, void *argument, uint32_t stackKiB, const char *file,
+                              uint32_t line);
 /* As ThreadCreate_ for a thread nobody joins: its entry is freed when it
  * ends. The result identifies the thread while it runs (ThreadIsAlive,
  * ThreadSetPriority); it must not be joined. With a create hook installed,
  * the hook creates the thread and its result is passed to ThreadDetach. */
-KZ_API KZThread ThreadCreateDetached_(KZThreadFunction function, void *argument, uint32_t stackKiB,
-                                      const char *file, uint32_t line);
+KZ_API KZThread ThreadCreateDetached_(KZThreadFunction function, void *argument, uint32_t stackKiB, const char *file,
+                                      uint32_t line);
 /* When hook is not null, ThreadCreate_ passes all its arguments to it and
  * returns its result instead of creating a thread; null restores the library's
  * own creation. Meant to be set during start-up. */
@@ -149,8 +149,7 @@ KZ_API uint64_t ThreadId(void);
 
 /* ---- calling macros ------------------------------------------------------------ */
 
-#define ThreadCreate(function, argument, stackKiB) \
-  ThreadCreate_((function), (argument), (stackKiB), __FILE__, __LINE__)
+#define ThreadCreate(function, argument, stackKiB) ThreadCreate_((function), (argument), (stackKiB), __FILE__, __LINE__)
 #define ThreadCreateDetached(function, argument, stackKiB) \
   ThreadCreateDetached_((function), (argument), (stackKiB), __FILE__, __LINE__)
 

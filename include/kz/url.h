@@ -29,13 +29,13 @@
 
 KZ_BEGIN_DECLS
 
-#define SCHEME_HTTP 0
-#define SCHEME_HTTPS 1
-#define SCHEME_FTP 2
-#define SCHEME_FILE 3
+#define SCHEME_HTTP   0
+#define SCHEME_HTTPS  1
+#define SCHEME_FTP    2
+#define SCHEME_FILE   3
 #define SCHEME_MAILTO 4
-#define SCHEME_NEWS 5
-#define SCHEME_NUM 6
+#define SCHEME_NEWS   5
+#define SCHEME_NUM    6
 
 /* Fingerprints: a 64-bit polynomial hash over GF(2). */
 #define FINGERPRINT_SEED ((uint64_t)0x8000000000000000ull)
@@ -94,8 +94,7 @@ KZ_API int URLIsSimpleHTTP(const URL *url);
  * eightBitHost 1 lets host names carry bytes of 128 and above. Returns 1, or
  * 0 after recording an error (the record is then partly filled). base may be
  * the record being parsed into. */
-KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict,
-                     int eightBitHost);
+KZ_API int URLParse3(const char *text, URL *url, const URL *base, int acceptQuery, int strict, int eightBitHost);
 KZ_API int URLParse2(const char *text, URL *url, const URL *base, int acceptQuery, int strict);
 KZ_API int URLParse(const char *text, URL *url, const URL *base, int acceptQuery);
 /* Parses an absolute path ("/..." or empty for "/") into u_path only.

@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "kz/array.h"
+#include "kz/memory.h"
 #include "kz/message.h"
 
 namespace kz {
@@ -31,19 +32,49 @@ class ArrayView {
   Element *begin() const { return record_.elements; }
   Element *end() const { return record_.elements + record_.count; }
 
-  // Make room for at least `required` elements by the growth rule.
-  Element *Reserve(uint64_t required) {
+  // Make room for at least `required` elements by the growth rule, whose
+  // steps stop below `maxSize` (the family's limit unless a caller keeps its
+  // arrays smaller).
+  Element *Reserve(uint64_t required, uint64_t maxSize = kMax) {
     if (required <= record_.capacity) return record_.elements;
-    uint64_t next = kBig ? BigArrayNextSize(record_.capacity, required, kMax)
-                         : ArrayNextSize(record_.capacity, required, kMax);
+    uint64_t next = kBig ? BigArrayNextSize(record_.capacity, required, maxSize)
+                         : ArrayNextSize(record_.capacity, required, maxSize);
     if constexpr (!kBig) {
       if (next >= 2147483647u) kzassert_("eltCount < UINT_MAX_VALUE / 2", "kzlib/array", 114);
       ArrayGrowExact_(&record_, static_cast<uint32_t>(next), sizeof(Element), file_, line_);
     } else {
-      if (next >= 9223372036854775807ull)
-        kzassert_("eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
+      if (next >= 9223372036854775807ull) kzassert_("eltCount < ULONG_MAX_VALUE / 2", "kzlib/array", 220);
       BigArrayGrowExact_(&record_, next, sizeof(Element), file_, line_);
     }
+    return record_.elements;
+  }
+
+  // Grow by one step of the rule, as a full array does for one more element.
+  Element *Grow() {
+    if constexpr (kBig)
+      BigArrayGrow_(&record_, sizeof(Element), file_, line_);
+    else
+      ArrayGrow_(&record_, sizeof(Element), file_, line_);
+    return record_.elements;
+  }
+
+  // Make room for at least `required` elements on exactly the capacity that
+  // growing one step at a time would reach, over the family's whole range
+  // (past 2^31 elements too). A request beyond the largest capacity the rule
+  // hands out fails its assertion as the last of those steps would, without
+  // allocating anything in between.
+  Element *ReserveAsAppending(uint64_t required) {
+    if (required <= record_.capacity) return record_.elements;
+    const uint64_t largest = kMax - 1;
+    uint64_t from = record_.capacity, want = required;
+    if (required > largest) {
+      from = from > largest ? from : largest;
+      want = from + 1;
+    }
+    const uint64_t next = kBig ? BigArrayNextSize(from, want, kMax) : ArrayNextSize(from, want, kMax);
+    record_.elements =
+        static_cast<Element *>(Allocate_(static_cast<size_t>(next) * sizeof(Element), record_.elements, file_, line_));
+    record_.capacity = static_cast<Count>(next);
     return record_.elements;
   }
 
@@ -61,7 +92,10 @@ class ArrayView {
   void Clear() { record_.count = 0; }
 
   void Free() {
-    if constexpr (kBig) BigArrayFree_(&record_); else ArrayFree_(&record_);
+    if constexpr (kBig)
+      BigArrayFree_(&record_);
+    else
+      ArrayFree_(&record_);
   }
 
  private:

@@ -117,6 +117,11 @@ extern std::atomic<uint32_t> g_flagWord;
 // where raw, allocation-free reports are written.
 int ErrorStreamFd();
 
+// The lock that keeps message lines whole; the daemon's log rotation holds it
+// while the streams are exchanged.
+class LazyLock;
+LazyLock &MessageLock();
+
 // The abort hook, if set (called before abort or exit on fatal paths).
 void CallAbortHook(const char *text, const char *file, uint32_t line);
 

@@ -23,22 +23,22 @@ void InitTables();
 uint64_t PowerEntry(unsigned i);
 uint64_t TableEntry(unsigned k, unsigned byte);
 
-// Byte steps up to an 8-byte aligned address, then 8 bytes per step through
-// the eight tables, then the last bytes one at a time. No end fold.
+// 8 bytes per step through the eight tables, then the last 0-7 bytes in one
+// step through as many tables. No end fold.
 uint64_t ExtendTables(uint64_t value, const unsigned char *p, size_t n);
 
 #if defined(__x86_64__)
 #define KZ_FINGERPRINT_HAVE_CLMUL 1
 // The same value computed with carry-less multiplication (PCLMULQDQ), for any
-// start value, alignment and length. Only call it when HaveClmul() is true.
+// start value, alignment and length (below 16 bytes it is ExtendTables). Only call it when HaveClmul() is true.
 uint64_t ExtendClmul(uint64_t value, const unsigned char *p, size_t n);
 #endif
 
 // True when this CPU can run ExtendClmul (always false where it is not built).
 bool HaveClmul();
 
-// ExtendClmul when the CPU has it and the input is long enough to gain from
-// it, else ExtendTables. No end fold.
+// ExtendClmul when the CPU has it and the input has 16 bytes or more, else
+// ExtendTables. No end fold.
 uint64_t Extend(uint64_t value, const unsigned char *p, size_t n);
 
 // The end-of-call fold: an odd value takes the polynomial in (no shift). The

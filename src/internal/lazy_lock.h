@@ -12,22 +12,18 @@
 
 namespace kz {
 
-inline KZCriticalSection *const kLockUnset =
-    reinterpret_cast<KZCriticalSection *>(~static_cast<uintptr_t>(0));
+inline KZCriticalSection *const kLockUnset = reinterpret_cast<KZCriticalSection *>(~static_cast<uintptr_t>(0));
 
 // Creates the lock behind *variable when it is still unset (all ones, or null
 // for zero-initialised records) and returns it.
-inline KZCriticalSection *LazyLockGet(KZCriticalSection **variable,
-                                      const char *file = "kzlib/kzthread",
+inline KZCriticalSection *LazyLockGet(KZCriticalSection **variable, const char *file = "kzlib/kzthread",
                                       uint32_t line = 876) {
   std::atomic_ref<KZCriticalSection *> ref(*variable);
   KZCriticalSection *current = ref.load(std::memory_order_acquire);
   if (current != kLockUnset && current != nullptr) return current;
   KZCriticalSection *fresh = os::CriticalSectionNew(file, line);
   while (current == kLockUnset || current == nullptr) {
-    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel,
-                                  std::memory_order_acquire))
-      return fresh;
+    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel, std::memory_order_acquire)) return fresh;
   }
   os::CriticalSectionDelete(fresh);  // another thread installed its lock first
   return current;

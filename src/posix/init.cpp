@@ -5,7 +5,11 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "internal/os/init.h"
+#include "kz/file.h"
 
 namespace kz::os {
 
@@ -52,6 +56,19 @@ long GetExecutablePath(char *buffer, size_t size, int *error) {
     return -1;
   }
   return static_cast<long>(length);
+}
+
+// The file family's search: $PATH, the current directory, the program's own
+// directory. A hit through a relative PATH entry is made absolute; one that
+// cannot be (longer than a path may be) is not taken.
+bool FindProgram(const char *name, char *buffer, size_t size) {
+  UByteArray searched{}, absolute{};
+  bool found = PathFindExecutable(&searched, name) &&
+               PathMakeAbsolute(&absolute, reinterpret_cast<const char *>(searched.elements)) && absolute.count < size;
+  if (found) std::memcpy(buffer, absolute.elements, absolute.count + 1);
+  std::free(absolute.elements);
+  std::free(searched.elements);
+  return found;
 }
 
 // Libraries are found by their full names or the loader's own path.

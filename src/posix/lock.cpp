@@ -37,7 +37,6 @@ struct KZEvent {
 
 namespace kz::os {
 
-
 namespace {
 
 template <typename T>
@@ -147,8 +146,8 @@ WaitResult SemaphoreWait(KZSemaphore *semaphore, uint32_t milliseconds) {
     return WaitResult::kFailed;
   }
   pthread_mutex_lock(&semaphore->mutex);
-  WaitResult result = WaitUntil(&semaphore->mutex, &semaphore->available, milliseconds,
-                                [semaphore] { return semaphore->count > 0; });
+  WaitResult result =
+      WaitUntil(&semaphore->mutex, &semaphore->available, milliseconds, [semaphore] { return semaphore->count > 0; });
   if (result == WaitResult::kSignaled) semaphore->count--;
   pthread_mutex_unlock(&semaphore->mutex);
   return result;
@@ -203,19 +202,17 @@ WaitResult EventWait(KZEvent *event, uint32_t milliseconds) {
 
 // ---- recursive mutexes ------------------------------------------------------
 
-
 // The holder is tracked here so that an unlock by a thread that does not hold
 // the mutex is refused before the system mutex sees it.
 struct KZRecursiveMutexHandle {
   pthread_mutex_t mutex;
   std::atomic<uintptr_t> holder;  // the holder's pthread_self(), 0 when free
-  uint32_t depth;                // holds by the holder; changed by it only
+  uint32_t depth;                 // holds by the holder; changed by it only
 };
 
 namespace {
 
-KZRecursiveMutexHandle *const kRecursiveUnset =
-    reinterpret_cast<KZRecursiveMutexHandle *>(~static_cast<uintptr_t>(0));
+KZRecursiveMutexHandle *const kRecursiveUnset = reinterpret_cast<KZRecursiveMutexHandle *>(~static_cast<uintptr_t>(0));
 
 uintptr_t Self() { return static_cast<uintptr_t>(pthread_self()); }
 
@@ -226,8 +223,8 @@ uintptr_t Self() { return static_cast<uintptr_t>(pthread_self()); }
 }
 
 KZRecursiveMutexHandle *RecursiveMutexNew(const char *function) {
-  auto *handle = static_cast<KZRecursiveMutexHandle *>(
-      Allocate_(sizeof(KZRecursiveMutexHandle), nullptr, "kzlib/kzthread", 895));
+  auto *handle =
+      static_cast<KZRecursiveMutexHandle *>(Allocate_(sizeof(KZRecursiveMutexHandle), nullptr, "kzlib/kzthread", 895));
   pthread_mutexattr_t attributes;
   int rc = pthread_mutexattr_init(&attributes);
   if (rc == 0) {
@@ -251,8 +248,7 @@ KZRecursiveMutexHandle *RecursiveMutexGet(KZRecursiveMutex *variable) {
   if (current != kRecursiveUnset && current != nullptr) return current;
   KZRecursiveMutexHandle *fresh = RecursiveMutexNew("RecursiveMutexInit");
   while (current == kRecursiveUnset || current == nullptr) {
-    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel, std::memory_order_acquire))
-      return fresh;
+    if (ref.compare_exchange_weak(current, fresh, std::memory_order_acq_rel, std::memory_order_acquire)) return fresh;
   }
   pthread_mutex_destroy(&fresh->mutex);
   free(fresh);
@@ -284,8 +280,7 @@ KZ_API void RecursiveMutexLock(KZRecursiveMutex *mutex) {
 
 KZ_API void RecursiveMutexUnlock(KZRecursiveMutex *mutex) {
   KZRecursiveMutexHandle *handle = std::atomic_ref<KZRecursiveMutexHandle *>(*mutex).load(std::memory_order_acquire);
-  if (handle == kRecursiveUnset || handle == nullptr ||
-      handle->holder.load(std::memory_order_relaxed) != Self())
+  if (handle == kRecursiveUnset || handle == nullptr || handle->holder.load(std::memory_order_relaxed) != Self())
     MutexOperationFailed(EPERM, "RecursiveMutexUnlock");
   if (--handle->depth == 0) handle->holder.store(0, std::memory_order_relaxed);
   int rc = pthread_mutex_unlock(&handle->mutex);

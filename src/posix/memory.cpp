@@ -84,8 +84,8 @@ namespace {
 
 // Reads "Name:   123 kB" fields of /proc/self/status without allocating.
 struct StatusFields {
-  long peakResident = -1, resident = -1, pageTables = -1, locked = -1, data = -1, stack = -1,
-       peakVirtual = -1, swap = -1;
+  long peakResident = -1, resident = -1, pageTables = -1, locked = -1, data = -1, stack = -1, peakVirtual = -1,
+       swap = -1;
 };
 
 bool ReadStatus(StatusFields &fields) {
@@ -105,9 +105,8 @@ bool ReadStatus(StatusFields &fields) {
   struct Field {
     const char *name;
     long *value;
-  } table[] = {{"VmHWM:", &fields.peakResident}, {"VmRSS:", &fields.resident},
-               {"VmPTE:", &fields.pageTables},   {"VmLck:", &fields.locked},
-               {"VmData:", &fields.data},        {"VmStk:", &fields.stack},
+  } table[] = {{"VmHWM:", &fields.peakResident}, {"VmRSS:", &fields.resident}, {"VmPTE:", &fields.pageTables},
+               {"VmLck:", &fields.locked},       {"VmData:", &fields.data},    {"VmStk:", &fields.stack},
                {"VmPeak:", &fields.peakVirtual}, {"VmSwap:", &fields.swap}};
   for (char *line = text; line && *line;) {
     char *next = strchr(line, '\n');

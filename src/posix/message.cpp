@@ -14,8 +14,8 @@ LocalTime Now() {
   struct tm parts;
   if (!localtime_r(&seconds, &parts)) return LocalTime{1970, 1, 1, 0, 0, 0};
   return LocalTime{static_cast<unsigned>(parts.tm_year + 1900), static_cast<unsigned>(parts.tm_mon + 1),
-                   static_cast<unsigned>(parts.tm_mday),         static_cast<unsigned>(parts.tm_hour),
-                   static_cast<unsigned>(parts.tm_min),          static_cast<unsigned>(parts.tm_sec)};
+                   static_cast<unsigned>(parts.tm_mday),        static_cast<unsigned>(parts.tm_hour),
+                   static_cast<unsigned>(parts.tm_min),         static_cast<unsigned>(parts.tm_sec)};
 }
 
 void PrepareLocalTime() { tzset(); }

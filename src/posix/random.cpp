@@ -78,5 +78,4 @@ void GatherEntropy(EntropyFeed feed, void *argument) {
       if (**entry) feed(argument, *entry, strlen(*entry));
 }
 
-
 }  // namespace kz::os

@@ -15,7 +15,6 @@
 
 #include "internal/os/thread.h"
 
-
 namespace kz::os {
 
 static_assert(sizeof(pthread_t) <= sizeof(uint64_t), "a thread handle must fit in 64 bits");
@@ -23,7 +22,6 @@ static_assert(sizeof(pthread_t) <= sizeof(uint64_t), "a thread handle must fit i
 namespace {
 
 pthread_t ToPthread(uint64_t handle) { return static_cast<pthread_t>(handle); }
-
 
 // The kernel id is cached per thread; a forked child's only thread forgets the
 // parent's value, which fork copied.

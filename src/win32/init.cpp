@@ -114,6 +114,23 @@ long GetExecutablePath(char *buffer, size_t size, int *error) {
   return needed;
 }
 
+// A name with a directory part is made absolute (GetFullPathNameW); a bare
+// name is looked up the way the system looks up programs (SearchPathW: the
+// program's directory, the current one, the system directories, PATH), with
+// ".exe" added when it has no extension.
+bool FindProgram(const char *name, char *buffer, size_t size) {
+  wchar_t wide[MAX_PATH], found[MAX_PATH];
+  if (!name || size == 0 || MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, name, -1, wide, MAX_PATH) <= 0)
+    return false;
+  DWORD length = wcspbrk(wide, L"\\/:") ? GetFullPathNameW(wide, MAX_PATH, found, nullptr)
+                                        : SearchPathW(nullptr, wide, L".exe", MAX_PATH, found, nullptr);
+  if (length == 0 || length >= MAX_PATH || GetFileAttributesW(found) == INVALID_FILE_ATTRIBUTES) return false;
+  int written = ToUtf8(found, static_cast<int>(length), buffer, size - 1);
+  if (written <= 0) return false;
+  buffer[written] = '\0';
+  return true;
+}
+
 bool RestrictLibrarySearchPath() { return SetDllDirectoryW(L"") != 0; }
 
 void SilenceErrorDialogs() {

@@ -17,13 +17,13 @@ size_t Capture(uintptr_t *pcs, size_t max, size_t skip);
 
 struct Frame {
   uintptr_t pc;
-  const char *function;   // null when unknown
-  uintptr_t offset;       // pc minus the function's start (0 when unknown)
-  const char *file;       // null when there is no debug information
+  const char *function;  // null when unknown
+  uintptr_t offset;      // pc minus the function's start (0 when unknown)
+  const char *file;      // null when there is no debug information
   int line;
-  const char *module;     // the executable or shared object, null when unknown
+  const char *module;  // the executable or shared object, null when unknown
   uintptr_t moduleOffset;
-  bool inlined;           // inlined into the frame reported next for this pc
+  bool inlined;  // inlined into the frame reported next for this pc
 };
 using FrameCallback = void (*)(void *data, const Frame &frame);
 

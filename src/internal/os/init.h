@@ -22,6 +22,11 @@ bool GetHostName(char *buffer, size_t size);
 // reported with its full length (size or more).
 long GetExecutablePath(char *buffer, size_t size, int *error);
 
+// The running program looked up by the name it was started with (argv[0]),
+// for when the system cannot tell the executable's path: the absolute path
+// into buffer, NUL-terminated. False when it is not found or does not fit.
+bool FindProgram(const char *name, char *buffer, size_t size);
+
 // Takes the current directory out of the search path for libraries the
 // process loads later; false when the system refuses.
 bool RestrictLibrarySearchPath();
