@@ -39,12 +39,12 @@ extern "C" KZ_TEST_NAMED __attribute__((noipa)) int64_t KzTestCallerOfTheCrash(
     void *) {                              // also a protected call's function
   return KzTestCrashInNamedFunction(), 0;  // no tail call: the caller shows in the backtrace
 }
-extern "C" __attribute__((noinline, no_sanitize_undefined)) int KzTestDivideByZero(void) {
+extern "C" KZ_TEST_NAMED __attribute__((noinline, no_sanitize_undefined)) int KzTestDivideByZero(void) {
   volatile int zero = 0, one = 1;
   return one / zero;
 }
 #pragma GCC diagnostic ignored "-Winfinite-recursion"
-extern "C" __attribute__((noinline)) int KzTestRecurseForever(int depth) {
+extern "C" KZ_TEST_NAMED __attribute__((noinline)) int KzTestRecurseForever(int depth) {
   volatile char frame[512] = {static_cast<char>(depth)};
   return KzTestRecurseForever(depth + 1) + frame[depth % 512];
 }

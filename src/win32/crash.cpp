@@ -553,7 +553,11 @@ void HandleCrash(EXCEPTION_POINTERS *pointers, bool isProtected) {
     Writer(nullptr, g_threadNameText, sizeof g_threadNameText).Dec(g_crash.tid);
     g_crash.threadName = g_threadNameText;
   }
-  if (isProtected) g_crash.report = t_protection.report ? t_protection.report : DefaultDispatcher;
+  // Only an exception the protected call takes is reported to it; any other
+  // ends the process like a crash outside one.
+  g_crash.report = nullptr;
+  if (isProtected && TakenByProtectedCall(g_crash.code))
+    g_crash.report = t_protection.report ? t_protection.report : DefaultDispatcher;
   HANDLE helper = CreateThread(nullptr, 1024 * 1024, ReportCrash, nullptr, 0, nullptr);
   if (!helper) {
     ReportCrash(nullptr);  // no thread to spare: on this stack
