@@ -1,5 +1,5 @@
 # Installation of kzlib:
-#   include/kz/*.h                          the public headers
+#   include/kz/*.h                          the public headers (kz/features.h generated)
 #   lib/libkz.so.6.3.x, libkz.so.6, libkz.so  the shared library
 #   lib/libkz.a                             the static library
 #   lib/cmake/kzlib/                        find_package(kzlib): kzlib::kz, kzlib::kz_static
@@ -97,6 +97,8 @@ set_property(TARGET kz_static PROPERTY INTERFACE_LINK_LIBRARIES "${_kz_links}")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kz
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")
+# Generated from include/kz/features.h.in: the optional parts of this build.
+install(FILES ${KZ_GENERATED_INCLUDE}/kz/features.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kz)
 
 install(TARGETS kz kz_static
         EXPORT kzlibTargets

@@ -1,6 +1,7 @@
 // The configuration store, its word tokenizer and variable expansion.
 #include "kz/config.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,7 +17,6 @@
 #include "kz/lock.h"
 #include "kz/memory.h"
 #include "kz/message.h"
-#include "kz/sort.h"
 #include "kz/unicode.h"
 
 namespace {
@@ -261,15 +261,40 @@ struct KeyRef {
   const char *key;
 };
 
-KeyRef MakeKeyRef(const char *key) {
-  KeyRef ref = {{0, 0}, 2166136261u, 0, key};
-  const unsigned char *bytes = reinterpret_cast<const unsigned char *>(key);
+// Packs up to 16 bytes big-endian into two words, NUL-padded, so that
+// comparing the words orders the bytes as strcmp does.
+inline void PackHead(const char *bytes, size_t length, uint64_t *words) {
+  unsigned char padded[16] = {};
+  memcpy(padded, bytes, length < 16 ? length : 16);
+  uint64_t first, second;
+  memcpy(&first, padded, 8);
+  memcpy(&second, padded + 8, 8);
+  words[0] = __builtin_bswap64(first);
+  words[1] = __builtin_bswap64(second);
+}
+
+// The lookup index's hash, eight bytes at a step (it never leaves the process).
+inline uint32_t HashKey(const char *key, size_t length) {
+  uint64_t hash = 0x9E3779B97F4A7C15ull ^ length;
   size_t i = 0;
-  for (; bytes[i]; i++) {
-    if (i < 16) ref.head[i / 8] |= uint64_t(bytes[i]) << (56 - 8 * (i % 8));
-    ref.hash = (ref.hash ^ bytes[i]) * 16777619u;  // FNV-1a
+  for (; i + 8 <= length; i += 8) {
+    uint64_t word;
+    memcpy(&word, key + i, 8);
+    hash = (hash ^ word) * 0xFF51AFD7ED558CCDull;
+    hash ^= hash >> 32;
   }
-  ref.length = static_cast<uint32_t>(i);
+  uint64_t tail = 0;
+  memcpy(&tail, key + i, length - i);
+  hash = (hash ^ tail) * 0xC4CEB9FE1A85EC53ull;
+  hash ^= hash >> 33;
+  hash *= 0xFF51AFD7ED558CCDull;
+  return static_cast<uint32_t>(hash ^ (hash >> 33));
+}
+
+KeyRef MakeKeyRef(const char *key) {
+  size_t length = strlen(key);
+  KeyRef ref = {{0, 0}, HashKey(key, length), static_cast<uint32_t>(length), key};
+  PackHead(key, length, ref.head);
   return ref;
 }
 
@@ -393,72 +418,75 @@ const char *FindValue(const KeyRef &ref) {
 // that agree on 32 bytes are compared in the table; all others compare without
 // leaving the items, which sort much faster than the entries themselves.
 struct SortItem {
-  uint64_t head[4];
+  uint64_t head[4];  // the key's first 32 bytes, big-endian, NUL-padded
   uint32_t position;
-  uint32_t duplicate;  // set after sorting: the key equals the previous one
 };
-// Kept between sorts (under the store's lock), so a reload does not map and
-// fault in a new scratch area each time.
+// Scratch kept between loads (under the store's lock), so a reload does not
+// map and fault in new areas each time.
 struct SortItemArray {
   SortItem *elements;
   uint32_t count;
   uint32_t capacity;
 };
 constinit SortItemArray g_sortItems = {};
+constinit EntryArray g_freshEntries = {};
 
-int32_t CompareItems(const void *a, const void *b, void *context) {
-  const SortItem &x = *static_cast<const SortItem *>(a), &y = *static_cast<const SortItem *>(b);
+inline int CompareItemKeys(const SortItem &x, const SortItem &y, const Entry *entries) {
   for (int w = 0; w < 4; w++)
     if (x.head[w] != y.head[w]) return x.head[w] < y.head[w] ? -1 : 1;
   if ((x.head[3] & 0xFF) == 0) return 0;  // both keys ended within 32 bytes
-  const Entry *entries = static_cast<const Entry *>(context);
   return strcmp(entries[x.position].key + 32, entries[y.position].key + 32);
 }
 
-// Sorts the table and keeps the first entry of each run of equal keys.
-void SortUnique() {
+// Entries [0, sorted) are in order with unique keys; the ones behind them were
+// appended in reading order. Sorts the appended ones and merges them in. A
+// repeated key keeps its latest value: the last one read, and one read over
+// one already in the store. (The store promises only that one value is kept;
+// the latest is the one a reader of the file expects.)
+void SortUnique(uint32_t sorted) {
   EntryArray &table = g_store.entries;
   IndexInvalidate();
-  if (table.count > 1) {
-    uint32_t count = table.count;
-    SortItem *items = kz::View(g_sortItems, kStoreFile, 0).Reserve(count);
-    for (uint32_t i = 0; i < count; i++) {
-      const Entry &entry = table.elements[i];
-      items[i] = {{entry.head[0], entry.head[1], 0, 0}, i, 0};
-      if (entry.keyLength <= 16) continue;
-      const unsigned char *bytes = reinterpret_cast<const unsigned char *>(entry.key) + 16;
-      for (uint32_t k = 0; k < 16 && bytes[k]; k++)
-        items[i].head[2 + k / 8] |= uint64_t(bytes[k]) << (56 - 8 * (k % 8));
+  const uint32_t added = table.count - sorted;
+  if (added == 0) return;
+  // ParseKey made one item per appended entry, in the same order, while the
+  // key was still in the cache; RemoveRange may have moved the entries down.
+  KZ_CHECK(g_sortItems.count == added, "items == added", kStoreFile, 0);
+  SortItem *items = g_sortItems.elements;
+  for (uint32_t k = 0; k < added; k++) items[k].position = sorted + k;
+  const Entry *entries = table.elements;
+  std::sort(items, items + added, [entries](const SortItem &x, const SortItem &y) {
+    int order = CompareItemKeys(x, y, entries);
+    return order ? order < 0 : x.position > y.position;  // the latest first among equals
+  });
+  Entry *fresh = kz::View(g_freshEntries, kStoreFile, 0).Reserve(added);
+  uint32_t freshCount = 0, kept = 0;  // kept: the item of the last entry taken
+  for (uint32_t k = 0; k < added; k++) {
+    if (k && CompareItemKeys(items[kept], items[k], entries) == 0) {
+      FreeEntry(table.elements[items[k].position]);
+    } else {
+      fresh[freshCount++] = table.elements[items[k].position];
+      kept = k;
     }
-    QSort(items, count, sizeof(SortItem), CompareItems, table.elements);
-    for (uint32_t i = 1; i < count; i++)
-      items[i].duplicate = CompareItems(&items[i - 1], &items[i], table.elements) == 0;
-    // Put the entries in the items' order in place, one cycle of the
-    // permutation at a time; a done item's position becomes kDone.
-    constexpr uint32_t kDone = 0xFFFFFFFFu;
-    for (uint32_t i = 0; i < count; i++) {
-      if (items[i].position == kDone) continue;
-      Entry first = table.elements[i];
-      uint32_t j = i;
-      while (items[j].position != i) {
-        uint32_t from = items[j].position;
-        table.elements[j] = table.elements[from];
-        items[j].position = kDone;
-        j = from;
+  }
+  // Merge from the back: the write position stays above every old entry not
+  // yet read, so nothing is overwritten before it moves.
+  int64_t old = static_cast<int64_t>(sorted) - 1, next = static_cast<int64_t>(freshCount) - 1;
+  uint32_t write = sorted + freshCount;
+  while (next >= 0) {
+    if (old >= 0) {
+      int order = Compare(table.elements[old], fresh[next]);
+      if (order > 0) {
+        table.elements[--write] = table.elements[old--];
+        continue;
       }
-      table.elements[j] = first;
-      items[j].position = kDone;
+      if (order == 0) FreeEntry(table.elements[old--]);  // replaced by the value just read
     }
+    table.elements[--write] = fresh[next--];
   }
-  // Each run of equal keys keeps its first entry in sorted order.
-  uint32_t kept = 0;
-  for (uint32_t i = 0; i < table.count; i++) {
-    if (i && g_sortItems.elements[i].duplicate)
-      FreeEntry(table.elements[i]);
-    else
-      table.elements[kept++] = table.elements[i];
-  }
-  table.count = kept;
+  uint32_t oldKept = static_cast<uint32_t>(old + 1);
+  if (write != oldKept)
+    memmove(table.elements + oldKept, table.elements + write, (sorted + freshCount - write) * sizeof(Entry));
+  table.count = oldKept + (sorted + freshCount - write);
 }
 
 // The entries among the first `sorted` (the sorted part of the table) whose
@@ -652,6 +680,9 @@ int ParseKey(void *, const char *, int line, int argc, char **argv) {
   }
   IndexInvalidate();
   Entries().Append(entry);
+  SortItem item = {{ref.head[0], ref.head[1], 0, 0}, 0};
+  if (ref.length > 16) PackHead(ref.key + 16, ref.length - 16, item.head + 2);
+  kz::View(g_sortItems, kStoreFile, 0).Append(item);
   return 1;
 }
 
@@ -710,11 +741,12 @@ KZ_API int LoadConfigurationKeysPrefixed(const char *buffer, unsigned int length
   // only once the text has been read, so that a failed load leaves the store
   // exactly as it was. Nobody can look at the table in between.
   uint32_t before = g_store.entries.count;
+  g_sortItems.count = 0;
   int result = ReadConfigFile_(buffer, length, nullptr, ParseKey, nullptr, 0);
   IndexInvalidate();
   if (result == 0) {
-    if (prefix) RemoveRange(prefix, before);
-    SortUnique();
+    if (prefix) before -= RemoveRange(prefix, before);
+    SortUnique(before);
   } else {
     while (g_store.entries.count > before) FreeEntry(g_store.entries.elements[--g_store.entries.count]);
   }

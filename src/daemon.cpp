@@ -24,6 +24,7 @@
 #include "kz/memory.h"
 #include "kz/message.h"
 #include "kz/sort.h"
+#include "kz/thread.h"
 
 namespace kz {
 namespace {
@@ -434,8 +435,47 @@ KZ_API int KZDaemonEnumerateLogFiles(const char *directory, const char *name, KZ
 
 namespace {
 
+// Service mode: the name in the service messages, set once by KZSetDaemon.
+char g_serviceName[128] = "";
+
+// Tells the service manager; a failed report is logged, the service goes on.
+void NotifyManager(const char *state) {
+  if (KZDaemonNotify(state) < 0) KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 3, 1, "SetServiceStatus() failed");
+}
+
 void NotifyStopping() {
-  if (g_notifyAtExit.load(std::memory_order_relaxed)) KZDaemonNotify("STOPPING=1");
+  if (g_notifyAtExit.exchange(false)) NotifyManager("STOPPING=1");
+}
+
+void OnServiceExit(int status, void *) {
+  KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 2, 0, "Service %s stopped, status=%d", g_serviceName, status);
+  NotifyStopping();
+}
+
+// Waits for the manager's stop signal, then ends the program through exit()
+// so that its exit handlers (and the stopped message) run.
+int64_t StopRequestWatcher(void *) {
+  os::WaitForStopRequest();
+  KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 2, 0, "Service stop requested");
+  NotifyStopping();
+  exit(0);
+}
+
+void StartService() {
+  bool caught = false;
+  int error = 0;
+  if (!os::CatchStopRequest(&caught, &error)) {
+    os::FailWithError(error);
+    KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 3, 1, "RegisterServiceCtrlHandler() failed");
+  } else if (caught) {
+    ThreadCreateDetached(StopRequestWatcher, nullptr, 0);
+  }
+  static std::atomic<bool> exitHooked{false};
+  if (!exitHooked.exchange(true)) os::AtExitWithStatus(OnServiceExit);
+  int ready = KZDaemonNotify("READY=1");
+  if (ready < 0) KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 3, 1, "SetServiceStatus() failed");
+  g_notifyAtExit.store(ready == 1);
+  KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 2, 0, "Service %s started", g_serviceName);
 }
 
 // Removes argv[index .. index + count - 1].
@@ -488,8 +528,8 @@ KZ_API int KZSetDaemon(int *argc, char **argv, const char *defaultDirectory, con
   if (!daemon && !service) return 0;
   if (!directory) directory = ".";
   if (service) {
-    KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 2, 0, "Starting service %s",
-                  serviceName ? serviceName : ProgramName());
+    snprintf(g_serviceName, sizeof g_serviceName, "%s", serviceName ? serviceName : ProgramName());
+    KZ_MESSAGE_AT(kSource, __LINE__, "KZSetDaemon", 2, 0, "Starting service %s", g_serviceName);
   } else {
     int error = 0;
     int64_t pid = os::Fork(&error);
@@ -500,6 +540,6 @@ KZ_API int KZSetDaemon(int *argc, char **argv, const char *defaultDirectory, con
     if (pid > 0) os::ExitAtOnce(0);
   }
   KZSetDaemonDir(directory);
-  if (service && KZDaemonNotify("READY=1") == 1 && !g_notifyAtExit.exchange(true)) atexit(NotifyStopping);
+  if (service) StartService();
   return 1;
 }

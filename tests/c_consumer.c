@@ -190,6 +190,20 @@ int main(void) {
   }
 #endif
 
+#if KZ_WITH_SSL
+  /* SSL: start-up, the switches, and a channel without a session */
+  {
+    Channel *channel = ChannelNew(-1, -1);
+    CHECK(SSLInit() == 1);
+    CHECK(ChannelSetSSL(channel, 1) == 1 && channel->sslRequested == 1 && ChannelIsSSL(channel) == 0);
+    CHECK(ChannelStartSSL(channel, 1) == 0 && KZErrorCode() == KZ_ERR_SSL);
+    CHECK(strcmp(ChannelGetSSLVersion(channel), "UNKNOWN") == 0 && ChannelLeaveSSL(channel) == 1);
+    ChannelRequireCertSSL(channel, 1);
+    CHECK(ChannelEnsureSSLContext(channel) == 1 && channel->sslContext != NULL);
+    CHECK(ChannelClose(channel) == 1);
+  }
+#endif
+
   /* random */
   {
     KZRand rng;

@@ -18,6 +18,7 @@
 #include "child_process.h"
 #include "kz/channel.h"
 #include "kz/error.h"
+#include "kz/features.h"
 #include "kz/init.h"
 #include "kz/url.h"
 #include "net_support.h"
@@ -166,6 +167,22 @@ TEST(Channel, NetworkStartUpReadsItsEnvironment) {
     EXPECT_EQ(child.out, c.out) << child.Describe();
   }
 }
+
+#if !KZ_WITH_SSL
+// A library built without SSL has no SSL calls; a channel whose request flag
+// is set anyway fails its connect with a clear error and stays disconnected.
+TEST(Channel, SslRequestWithoutSslSupportFailsTheConnect) {
+  kztest::Listener listener;
+  Channel *channel = ChannelNew(-1, -1);
+  channel->sslRequested = 1;
+  TCPAddr address = listener.Address();
+  EXPECT_EQ(ChannelConnect(channel, &address), 0);
+  EXPECT_STREQ(KZErrorMessage(), "SSL is not available");
+  EXPECT_EQ(KZErrorCode(), KZ_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(ChannelConnected(channel), 0);
+  ChannelClose(channel);
+}
+#endif
 
 // ---- connecting ----------------------------------------------------------------------
 

@@ -247,7 +247,7 @@ inline std::wstring Quoted(const std::wstring &argument) {
 #endif
 
 inline void Spawn(Child &child, const std::vector<std::string> &arguments, const std::vector<std::string> &environment,
-                  const std::string &outPath, const std::string &errPath) {
+                  const std::string &outPath, const std::string &errPath, const std::string &workDir = {}) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
 #if defined(_WIN32)
   std::wstring commandLine;
@@ -268,8 +268,9 @@ inline void Spawn(Child &child, const std::vector<std::string> &arguments, const
   startup.dwFlags = STARTF_USESTDHANDLES;
   startup.hStdInput = in, startup.hStdOutput = out, startup.hStdError = err;
   PROCESS_INFORMATION process{};
+  const std::wstring directory = std::filesystem::path(workDir).wstring();
   if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT, block.data(),
-                     nullptr, &startup, &process)) {
+                     workDir.empty() ? nullptr : directory.c_str(), &startup, &process)) {
     child.pid = static_cast<pid_t>(process.dwProcessId);
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (WaitForSingleObject(process.hProcess, static_cast<DWORD>(left.count())) == WAIT_TIMEOUT) {
@@ -296,6 +297,7 @@ inline void Spawn(Child &child, const std::vector<std::string> &arguments, const
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (!workDir.empty()) posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
   pid_t pid;
   int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
@@ -351,6 +353,24 @@ inline Child RunChild(const TempDir &dir, const Environment &environment, const 
 inline Child RunChild(const Environment &environment, const std::function<int()> &body) {
   TempDir dir;
   return RunChild(dir, environment, body);
+}
+
+// Runs another program (arguments[0], a path) in dir, directly: nothing of
+// the test runs again, unlike RunChild. Its environment is this process's
+// without the library's variables, plus the given ones; stdout and stderr go
+// through files in dir.
+inline Child RunProgram(const TempDir &dir, const std::vector<std::string> &arguments,
+                        const Environment &environment = {}) {
+  Child child;
+  const std::string outPath = dir / "program.out", errPath = dir / "program.err";
+  fflush(nullptr);
+  child_detail::Spawn(child, arguments, child_detail::ChildEnvironment(environment, ""), outPath, errPath, dir.path());
+  child.out = ReadFile(outPath);
+  child.err += ReadFile(errPath);
+  std::error_code ignored;
+  std::filesystem::remove(outPath, ignored);
+  std::filesystem::remove(errPath, ignored);
+  return child;
 }
 
 // Runs program (looked up in PATH when it names no directory) with its

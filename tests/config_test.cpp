@@ -11,6 +11,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <random>
 #include <string>
 #include <thread>
@@ -371,14 +372,15 @@ TEST_F(Store, PrefixedLoadReplacesItsRangeAndAFailureRestoresIt) {
   EXPECT_EQ(Table("t."), (std::vector<std::string>{"t.p.c=3", "t.q=3"}));
 }
 
-TEST_F(Store, DuplicateKeysKeepOneValue) {
+TEST_F(Store, DuplicateKeysKeepTheirLatestValue) {
   Load("t.k 1\nt.k 2\nt.j 0\nt.k 3\n");
-  std::vector<std::string> table = Table("t.");
-  ASSERT_EQ(table.size(), 2u);
-  EXPECT_EQ(table[0], "t.j=0");
-  EXPECT_TRUE(table[1] == "t.k=1" || table[1] == "t.k=2" || table[1] == "t.k=3") << table[1];
-  Load("t.k 9\n");
-  EXPECT_EQ(Table("t.k").size(), 1u);
+  EXPECT_EQ(Table("t."), (std::vector<std::string>{"t.j=0", "t.k=3"}));
+  Load("t.k 9\nt.a 1\nt.z 1\n");  // over the store's value, with neighbours on both sides
+  EXPECT_EQ(Table("t."), (std::vector<std::string>{"t.a=1", "t.j=0", "t.k=9", "t.z=1"}));
+  // A prefixed reload replaces its range and keeps everything else.
+  const std::string reload = "t.j 5\nt.b 2\nt.j 6\n";
+  ASSERT_EQ(LoadConfigurationKeysPrefixed(reload.data(), reload.size(), "t.j"), 1);
+  EXPECT_EQ(Table("t."), (std::vector<std::string>{"t.a=1", "t.b=2", "t.j=6", "t.k=9", "t.z=1"}));
   // Keys that agree on their first 16 and 32 bytes, and differ only after.
   const std::string longKey = "t.long.0123456789abcdefghijklmnopqrstuvwxyz.";
   Load(longKey + "b 2\n" + longKey + "a 1\n" + longKey + "b 3\n" + longKey + " 0\n" + longKey + "ab 4\n");
@@ -387,6 +389,41 @@ TEST_F(Store, DuplicateKeysKeepOneValue) {
     keys.push_back(entry.substr(longKey.size(), entry.find('=') - longKey.size()));
   EXPECT_EQ(keys, (std::vector<std::string>{"", "a", "ab", "b"}));
   EXPECT_EQ(GetString((longKey + "ab").c_str()), "4");
+}
+
+// Random loads and prefixed reloads against a model in which the latest value
+// of a key wins; keys share long beginnings so every comparison depth is used.
+TEST_F(Store, LoadsAgreeWithAModelOfLatestValues) {
+  std::mt19937 rng(2026);
+  const char *stems[] = {"t.", "t.a.", "t.0123456789abcdef.", "t.0123456789abcdef0123456789abcdef."};
+  std::map<std::string, std::string> model;
+  for (int round = 0; round < 200; round++) {
+    std::string text, prefix;
+    std::vector<std::pair<std::string, std::string>> lines;
+    int count = static_cast<int>(rng() % 40);
+    for (int i = 0; i < count; i++) {
+      std::string key = std::string(stems[rng() % 4]) + static_cast<char>('a' + rng() % 6);
+      if (rng() % 2) key += static_cast<char>('a' + rng() % 6);
+      std::string value = std::to_string(round) + "." + std::to_string(i);
+      lines.emplace_back(key, value);
+      text += key + " " + value + "\n";
+    }
+    if (rng() % 3 == 0) prefix = std::string(stems[rng() % 4]) + (rng() % 2 ? "a" : "");
+    ASSERT_EQ(LoadConfigurationKeysPrefixed(text.data(), static_cast<unsigned>(text.size()),
+                                            prefix.empty() ? nullptr : prefix.c_str()),
+              1);
+    if (!prefix.empty())
+      for (auto it = model.begin(); it != model.end();)
+        it = it->first.compare(0, prefix.size(), prefix) == 0 ? model.erase(it) : std::next(it);
+    for (const auto &[key, value] : lines) model[key] = value;
+    std::vector<std::string> want;
+    for (const auto &[key, value] : model) want.push_back(key + "=" + value);
+    ASSERT_EQ(Table("t."), want) << "round " << round;
+    if (round % 50 == 49) {
+      ConfigKeyRemove("t.");
+      model.clear();
+    }
+  }
 }
 
 TEST_F(Store, ConfigurationFiles) {

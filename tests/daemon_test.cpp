@@ -312,12 +312,68 @@ TEST(DaemonTest, ServiceReportsReadyAndStoppingToTheManager) {
   close(manager);
   EXPECT_EQ((std::vector<std::string>{"READY=1", "STOPPING=1"}), received);
   EXPECT_TRUE(std::filesystem::exists(run + "/daemon.pid"));
+  const std::string log = ReadFile(run + "/log.log");
+  size_t started = log.find("Service svc started"), stopped = log.find("Service svc stopped, status=0");
+  EXPECT_NE(std::string::npos, started) << log;
+  EXPECT_NE(std::string::npos, stopped) << log;
+  EXPECT_LT(started, stopped) << log;
+  EXPECT_EQ(std::string::npos, log.find("stop requested")) << log;
 
   // Without options nothing changes.
   char *plain[] = {const_cast<char *>("server"), const_cast<char *>("x"), nullptr};
   int argc = 2;
   EXPECT_EQ(0, KZSetDaemon(&argc, plain, nullptr, nullptr));
   EXPECT_EQ(2, argc);
+}
+
+// SIGTERM from the service manager: logged, reported, and the program ends
+// through its exit handlers with status 0.
+TEST(DaemonTest, ServiceStopsOnTheManagersSignal) {
+  TempDir dir;
+  const std::string run = dir / "run";
+  kztest::Child child = kztest::RunChild(dir, {}, [&] {
+    KZLibInit("daemon_test");
+    std::string rundir = run;
+    char *argv[] = {const_cast<char *>("server"), const_cast<char *>("-service"), const_cast<char *>("-rundir"),
+                    rundir.data(), nullptr};
+    int argc = 4;
+    if (KZSetDaemon(&argc, argv, nullptr, "svc") != 1) return 10;
+    kill(getpid(), SIGTERM);
+    for (;;) pause();  // only the library's stop thread can end the process
+  });
+  ASSERT_TRUE(child.Exited(0)) << child.Describe();
+  const std::string log = ReadFile(run + "/log.log");
+  size_t requested = log.find("Service stop requested"), stopped = log.find("Service svc stopped, status=0");
+  EXPECT_NE(std::string::npos, requested) << log;
+  EXPECT_NE(std::string::npos, stopped) << log;
+  EXPECT_LT(requested, stopped) << log;
+}
+
+// A program's own SIGTERM choice is kept; the exit status reaches the log;
+// a manager socket that cannot be reached is logged and the service goes on.
+TEST(DaemonTest, ServiceKeepsTheProgramsSignalChoiceAndLogsItsStatus) {
+  TempDir dir;
+  const std::string run = dir / "run";
+  const std::string missing = dir / "no-manager";
+  kztest::Child child = kztest::RunChild(dir, {{"NOTIFY_SOCKET", missing.c_str()}}, [&] {
+    signal(SIGTERM, SIG_IGN);
+    KZLibInit("daemon_test");
+    std::string rundir = run;
+    char *argv[] = {const_cast<char *>("server"), const_cast<char *>("-service"), const_cast<char *>("-rundir"),
+                    rundir.data(), nullptr};
+    int argc = 4;
+    if (KZSetDaemon(&argc, argv, nullptr, "svc") != 1) return 10;
+    struct sigaction now;
+    if (sigaction(SIGTERM, nullptr, &now) != 0 || now.sa_handler != SIG_IGN) return 11;
+    kill(getpid(), SIGTERM);  // ignored: the program goes on
+    exit(3);
+  });
+  ASSERT_TRUE(child.Exited(3)) << child.Describe();
+  const std::string log = ReadFile(run + "/log.log");
+  EXPECT_NE(std::string::npos, log.find("SetServiceStatus() failed")) << log;
+  EXPECT_NE(std::string::npos, log.find("Service svc started")) << log;
+  EXPECT_NE(std::string::npos, log.find("Service svc stopped, status=3")) << log;
+  EXPECT_EQ(std::string::npos, log.find("stop requested")) << log;
 }
 
 TEST(DaemonTest, DaemonOptionForksAndTheChildCarriesOn) {

@@ -85,7 +85,8 @@ KZ_API int ReadConfigFileFromBuffer(const char *buffer, unsigned int length, KZC
  * least two words, else error (2, 0) "parse error line %u: expected 2
  * arguments, got %u", function ParseKey) and stores the pairs. A key given
  * twice (in the text, or already in the store outside the removed prefix)
- * keeps one of its values, which one is not defined. 1 on success; 0 when the
+ * keeps its latest value: the last one in the text, which also replaces the
+ * store's. 1 on success; 0 when the
  * text fails to read, and then the store is exactly as it was before the call
  * (removed keys come back). The serial is bumped either way. An "include"
  * line is refused (the text is in-memory). */

@@ -92,9 +92,18 @@ KZ_API const char *KZGetDaemonDir(void);
  *   "-daemon": the process forks; the parent exits with status 0 and the child
  *     goes on as a daemon in the run directory (KZSetDaemonDir);
  *   "-service": running under systemd; the message "Starting service <name>"
- *     is issued, KZSetDaemonDir runs without a fork and, when $NOTIFY_SOCKET
- *     is set, "READY=1" is sent on it; "STOPPING=1" is sent when the program
- *     exits (exit() or the end of main).
+ *     is issued and KZSetDaemonDir runs without a fork. The program stays in
+ *     its own main (no entry point is looked up). When SIGTERM is still at its
+ *     default, the library catches it: a library thread then logs "Service
+ *     stop requested" and ends the program with exit(0); a program that
+ *     handles or ignores SIGTERM itself keeps its handler, and one installed
+ *     later replaces the library's. When $NOTIFY_SOCKET is set, "READY=1" is
+ *     sent on it and "STOPPING=1" once the stop begins; a failed report logs
+ *     "SetServiceStatus() failed" (level 3) and the service goes on; a stop
+ *     handler that cannot be installed logs "RegisterServiceCtrlHandler()
+ *     failed". Then "Service <name> started" is logged; when the program
+ *     exits (exit() or the end of main), "Service <name> stopped, status=<exit
+ *     status>". These messages go to the daemon log.
  * The run directory is the one given with "-rundir", else defaultDirectory,
  * else the current directory. serviceName names the service in messages
  * (null: the program's name). Call it at the start of main, before other

@@ -12,6 +12,7 @@
 #include "kz/daemon.h"
 #include "kz/env.h"
 #include "kz/error.h"
+#include "kz/features.h"
 #include "kz/file.h"
 #include "kz/format.h"
 #include "kz/init.h"
@@ -23,6 +24,7 @@
 #include "kz/select.h"
 #include "kz/server.h"
 #include "kz/sort.h"
+#include "kz/ssl.h" /* declares nothing when KZ_WITH_SSL is 0 */
 #include "kz/thread.h"
 #include "kz/unicode.h"
 #include "kz/url.h"

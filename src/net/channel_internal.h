@@ -60,15 +60,17 @@ inline bool HasEndpoint(const Channel *channel) {
 void Scramble(uint64_t *state, unsigned char *bytes, size_t size);
 
 // ---- the SSL seam ------------------------------------------------------------
-// The SSL family installs these; until it does no channel has an SSL session
-// (channel->ssl stays null) and ChannelConnect's SSL request fails.
+// The SSL family installs these; until it does (or in a library built without
+// SSL) no channel has an SSL session (channel->ssl stays null) and an SSL
+// request of ChannelConnect or TCPServerAccept fails with "SSL is not
+// available".
 struct SslOps {
   // One SSL_write of at most size bytes: > 0 bytes taken, 0 failed (error raised).
   int64_t (*write)(Channel *channel, const void *data, size_t size);
-  // One SSL_read: > 0 bytes, or a negative receive code whose input error
-  // the SSL family has raised itself (end of input, -1, is not raised).
-  // Registering the thread and clearing the OpenSSL error queue before the
-  // first round of a transfer belong to write and read as well.
+  // One SSL_read: > 0 bytes, or a negative receive code; the SSL family has
+  // raised the cause, ChannelReceive adds the input error for the code (end
+  // of input, -1, raises nothing). Registering the thread and clearing the
+  // OpenSSL error queue belong to write and read as well.
   int64_t (*read)(Channel *channel, void *buffer, size_t size);
   // ChannelStartSSL as client (1) or server (0); 1 on success.
   int (*start)(Channel *channel, int client);

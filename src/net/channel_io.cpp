@@ -179,16 +179,14 @@ KZ_API int ChannelReceive(Channel *channel, void *buffer, size_t size, int all, 
   const size_t maxIO = kz::net::MaxIOSize();
   size_t got = 0;
   int result = KZ_RECEIVE_OK;
-  bool raised = false;  // the SSL family reported its own failure
   for (;;) {
     size_t remaining = size - got;
     size_t chunk = remaining < maxIO ? remaining : maxIO;
     int64_t n;
     if (ssl) {
       n = ssl->read(channel, p + got, chunk);
-      if (n < 0) {
+      if (n < 0) {  // the SSL family raised the cause; the input error goes on top
         result = static_cast<int>(n);
-        raised = result != KZ_RECEIVE_EOF;
         break;
       }
     } else if (channel->isSocket) {
@@ -243,7 +241,7 @@ KZ_API int ChannelReceive(Channel *channel, void *buffer, size_t size, int all, 
   }
   if (channel->obfuscated && got) kz::net::Scramble(&channel->readKeyState, p, got);
   *count = got;
-  if (result != KZ_RECEIVE_OK && result != KZ_RECEIVE_EOF && !raised) ReportInputError(result);
+  if (result != KZ_RECEIVE_OK && result != KZ_RECEIVE_EOF) ReportInputError(result);
   return result;
 }
 

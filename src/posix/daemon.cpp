@@ -2,8 +2,10 @@
 // service manager's notification socket.
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -109,6 +111,53 @@ bool NotifyServiceManager(const char *address, const char *state, int *error) {
   close(fd);
   return ok;
 }
+
+namespace {
+
+// The stop signal's handler may only write to a pipe; the reading end wakes a
+// library thread that does the rest.
+int g_stopPipe[2] = {-1, -1};
+
+void OnStopSignal(int) {
+  int saved = errno;
+  char byte = 1;
+  [[maybe_unused]] ssize_t ignored = write(g_stopPipe[1], &byte, 1);
+  errno = saved;
+}
+
+}  // namespace
+
+bool CatchStopRequest(bool *installed, int *error) {
+  *installed = false;
+  struct sigaction current;
+  if (sigaction(SIGTERM, nullptr, &current) != 0) {
+    *error = errno;
+    return false;
+  }
+  // A program that handles or ignores the signal itself keeps its choice.
+  if ((current.sa_flags & SA_SIGINFO) || current.sa_handler != SIG_DFL) return true;
+  if (g_stopPipe[0] < 0 && pipe2(g_stopPipe, O_CLOEXEC) != 0) {
+    *error = errno;
+    return false;
+  }
+  struct sigaction stop {};
+  stop.sa_handler = OnStopSignal;
+  sigemptyset(&stop.sa_mask);
+  stop.sa_flags = SA_RESTART;
+  if (sigaction(SIGTERM, &stop, nullptr) != 0) {
+    *error = errno;
+    return false;
+  }
+  *installed = true;
+  return true;
+}
+
+void WaitForStopRequest() {
+  char byte;
+  while (read(g_stopPipe[0], &byte, 1) < 0 && errno == EINTR) {}
+}
+
+bool AtExitWithStatus(void (*handler)(int status, void *argument)) { return on_exit(handler, nullptr) == 0; }
 
 int64_t NowMilliseconds() {
   timeval now;

@@ -25,6 +25,15 @@ int64_t Fork(int *error);
 // One datagram with state to the AF_UNIX socket at address (a leading '@'
 // names an abstract socket).
 bool NotifyServiceManager(const char *address, const char *state, int *error);
+// Catches the service manager's stop signal (SIGTERM) when the program has
+// left it at its default: the handler only wakes WaitForStopRequest. false
+// with *error when it cannot be installed; *installed says whether it was.
+bool CatchStopRequest(bool *installed, int *error);
+// Blocks until the stop signal has arrived (a thread of its own calls it).
+void WaitForStopRequest();
+// Runs handler(status, nullptr) when the process exits through exit() or the
+// end of main, with the exit status.
+bool AtExitWithStatus(void (*handler)(int status, void *argument));
 // Milliseconds since 1970, wall clock.
 int64_t NowMilliseconds();
 
