@@ -15,8 +15,6 @@
 namespace kz {
 namespace {
 
-thread_local int t_lastError = 0;
-
 [[noreturn]] void RecordOutOfMemory() {
   perror("ErrorContextNew: out of memory");
   CallAbortHook("ErrorContextNew: out of memory", "kzlib/kzlib", 1236);
@@ -97,10 +95,10 @@ ErrorContext *RecordPendingError(MessageContext *context) {
   } else if (current == -1) {
     int system = KZGetLastError();
     if (!os::SystemErrorText(system, record->message, sizeof record->message))
-      snprintf(record->message, sizeof record->message, "(system error %d)", system);
+      snprintf(record->message, sizeof record->message, os::kUnknownSystemErrorFormat, system);
     record->code = KZ_ERROR_CODE(1, static_cast<uint32_t>(system));
   } else if (current > 0) {
-    if (!os::SystemErrorText(current, record->message, sizeof record->message))
+    if (!os::RuntimeErrorText(current, record->message, sizeof record->message))
       snprintf(record->message, sizeof record->message, "(errno=%d)", current);
     record->code = KZ_ERROR_CODE(0, static_cast<uint32_t>(current));
   } else {
@@ -117,8 +115,8 @@ using namespace kz;
 
 extern "C" {
 
-KZ_API int KZGetLastError(void) { return t_lastError; }
-KZ_API void KZSetLastError(int error) { t_lastError = error; }
+KZ_API int KZGetLastError(void) { return os::LastSystemError(); }
+KZ_API void KZSetLastError(int error) { os::SetLastSystemError(error); }
 
 KZ_API int *KZErrorVThrow_(uint64_t code, const char *format, va_list args) {
   MessageContext *context = ContextIfAny();
@@ -213,10 +211,7 @@ KZ_API uint64_t KZErrorCode(void) {
   return context->error->code;
 }
 
-KZ_API int KZErrorGetErrno(void) {
-  // Operating-system errors are errno values on POSIX: no translation needed.
-  return errno == -1 ? KZGetLastError() : errno;
-}
+KZ_API int KZErrorGetErrno(void) { return errno == -1 ? os::ErrnoFromSystemError(KZGetLastError()) : errno; }
 
 KZ_API const char *KZErrorMessage(void) { return RecordPendingError(Context())->message; }
 

@@ -470,12 +470,21 @@ bool FormatDirect(Sink &sink, const char *format, va_list args) {
         uint64_t value;
         switch (length) {
           case Length::kLong:
+            // 64 bits where long is (LP64), 32 bits on 64-bit Windows.
+            if (sizeof(long) == 8) {
+              value = static_cast<uint64_t>(va_arg(args, long long));
+              flags |= kWide;
+            } else {
+              value = static_cast<uint64_t>(static_cast<int64_t>(va_arg(args, long)));
+            }
+            break;
           case Length::kLongLong:
           case Length::kSizeT:
           case Length::kMaxT:
           case Length::kPtrdiff:
           case Length::kI64:
-            static_assert(sizeof(long) == 8 && sizeof(size_t) == 8 && sizeof(intmax_t) == 8);
+            static_assert(sizeof(long long) == 8 && sizeof(size_t) == 8 && sizeof(intmax_t) == 8 &&
+                          sizeof(ptrdiff_t) == 8);
             value = static_cast<uint64_t>(va_arg(args, long long));
             flags |= kWide;
             break;

@@ -22,7 +22,6 @@
 #include "internal/os/thread.h"
 #include "internal/startup.h"
 #include "kz/error.h"
-#include "kz/file.h"
 #include "kz/memory.h"
 #include "kz/message.h"
 
@@ -78,7 +77,9 @@ std::atomic<const char *> g_kernelKnown{nullptr};
 #else
 #define KZ_CPU_NAME "unknown"
 #endif
-#if defined(__linux__)
+#if defined(_WIN32)
+#define KZ_SYSTEM_NAME "win64"
+#elif defined(__linux__)
 #define KZ_SYSTEM_NAME "linux"
 #elif defined(__APPLE__)
 #define KZ_SYSTEM_NAME "darwin"
@@ -109,33 +110,19 @@ struct KernelInfo {
   bool known;
   int major;
   int minor;
-  char text[3 * 65 + 3];
+  char text[200];
 };
-
-// Leading decimal digits of text (0 when none); text moves past them.
-int LeadingNumber(const char *&text) {
-  int value = 0;
-  while (*text >= '0' && *text <= '9') {
-    if (value < 100000000) value = value * 10 + (*text - '0');
-    text++;
-  }
-  return value;
-}
 
 const KernelInfo &Kernel() {
   const kz::ErrorStateKept kept;
   static const KernelInfo kernel = [] {
     KernelInfo made{};
-    os::KernelNames names;
-    if (!os::GetKernelNames(&names)) return made;
+    os::KernelVersion version;
+    if (!os::GetKernelVersion(&version)) return made;
     made.known = true;
-    const char *release = names.release;
-    made.major = LeadingNumber(release);
-    if (*release == '.') {
-      release++;
-      made.minor = LeadingNumber(release);
-    }
-    snprintf(made.text, sizeof made.text, "%s %s %s", names.system, names.release, names.version);
+    made.major = version.major;
+    made.minor = version.minor;
+    snprintf(made.text, sizeof made.text, "%s", version.text);
     return made;
   }();
   return kernel;
@@ -197,19 +184,7 @@ void RecordProgram(const char *path) {
   LazyLockGuard hold(GlobalLock());
   char executable[261];
   const char *found = KZExecutable(executable, sizeof executable);
-  UByteArray searched{};
-  if (!found && PathFindExecutable(&searched, path)) {
-    // A hit through a relative PATH entry is made absolute; one that cannot
-    // be (longer than a path may be) is not recorded.
-    UByteArray absolute{};
-    if (PathMakeAbsolute(&absolute, reinterpret_cast<const char *>(searched.elements)) &&
-        absolute.count < sizeof executable) {
-      memcpy(executable, absolute.elements, absolute.count + 1);
-      found = executable;
-    }
-    free(absolute.elements);
-  }
-  free(searched.elements);
+  if (!found && os::FindProgram(path, executable, sizeof executable)) found = executable;
   free(g_executablePath);
   g_executablePath = found ? Strdup_(found, kFile, __LINE__) : nullptr;
 
@@ -306,13 +281,16 @@ bool RunStep(startup::Step step) {
 
 // The once-only start-up, in its fixed order.
 void StartOnce() {
-  // Library search path, system error dialogs: Windows matters, nothing here.
+  KZ_CHECK(os::RestrictLibrarySearchPath(), "! \"SetDllDirectory failed\"", kFile, 717);
   // Crash handling and SIGPIPE belong to the host of an embedded library.
   if (!g_embedded.load(std::memory_order_relaxed)) {
     crash::InstallProcessWide(g_keepExceptionHandler.load(std::memory_order_relaxed));
     os::IgnoreBrokenPipeSignal();
+  } else {
+    os::SilenceErrorDialogs();
   }
-  // The crash dump writer is part of the library: nothing to load.
+  // Without a dump writer crash dumps are left out, silently (errno -1).
+  crash::LoadDumpWriter();
   backtrace::Init();
   crash::SetDirectory(".");
   os::PrepareLocalTime();
@@ -331,7 +309,12 @@ void StartOnce() {
   g_hostNameKnown.store(Host().text, std::memory_order_release);
   // Network start-up of the channel family (registered through startup.h).
   RunStep(startup::Step::kNetwork);
-  // Standard streams are always binary here.
+  switch (os::SetBinaryStandardStreams()) {
+    case 0: perror("Could not set binary mode on stdin"), abort();
+    case 1: perror("Could not set binary mode on stdout"), abort();
+    case 2: perror("Could not set binary mode on stderr"), abort();
+    default: break;
+  }
   // SSL start-up of the SSL family (registered through startup.h).
   if (!RunStep(startup::Step::kSsl)) fputs("warning: could not initialize SSL\n", stderr);
 
@@ -432,16 +415,16 @@ KZ_API char *KZExecutable(char *buffer, size_t size) {
     return nullptr;
   }
   if (length >= 260) {
-    os::FailWithError(ENAMETOOLONG);
+    os::FailWithError(os::kErrorNameTooLong);
     return nullptr;
   }
   path[length] = '\0';
   if (!ValidUtf8(reinterpret_cast<const unsigned char *>(path), static_cast<size_t>(length))) {
-    os::FailWithError(EINVAL);
+    os::FailWithError(os::kErrorInvalidArgument);
     return nullptr;
   }
   if (!buffer || static_cast<size_t>(length) + 1 > size) {
-    os::FailWithError(ERANGE);
+    os::FailWithError(os::kErrorOutOfRange);
     return nullptr;
   }
   memcpy(buffer, path, static_cast<size_t>(length) + 1);

@@ -164,8 +164,10 @@ void DefaultHandler(const char *file, uint32_t line, int level, uint32_t withErr
 MessageContext *ContextIfAny() { return t_context; }
 
 MessageContext *Context() {
-  if (t_context) return t_context;
+  // Kept from before the first touch of the thread-local, whose creation may
+  // change the last error (the C runtime's emulated thread-locals on Windows).
   const ErrorStateKept kept;
+  if (t_context) return t_context;
   uint32_t key = ContextKey();
   MessageContext *context = NewContext();
   os::ThreadKeySet(key, context);

@@ -285,6 +285,12 @@ KZ_API int64_t ThreadJoin(KZThread thread) {
 
 KZ_API int ThreadDetach(KZThread thread) {
   LazyLockGuard hold(ResultsLock());
+  // Detached once already: its handle is gone (on Windows its value may name
+  // another object by now), so it is not released again.
+  if (ThreadEntry *entry = FindEntry(thread); entry && entry->detached) {
+    os::FailWithError(os::kErrorInvalidArgument);
+    return 0;
+  }
   int error = os::ThreadRelease(thread);
   if (error != 0) {
     os::FailWithError(error);
@@ -317,7 +323,7 @@ KZ_API int ThreadSetPriority(KZThread thread, int priority) {
         LazyLockGuard hold(ResultsLock());
         ThreadEntry *entry = FindEntry(thread);
         if (!entry || entry->finished) {
-          error = ESRCH;
+          error = os::kErrorNoSuchThread;
           break;
         }
         if (entry->id != kNone) {

@@ -17,6 +17,7 @@
 #include "internal/array_view.h"
 #include "internal/context.h"
 #include "internal/fingerprint.h"
+#include "internal/ip_literal.h"
 #include "internal/lazy_lock.h"
 #include "internal/startup.h"
 #include "kz/addr.h"
@@ -1314,7 +1315,7 @@ KZ_API uint64_t URLTopDomainHash(const URL *url) {
   uint32_t length = url->u_host.count ? static_cast<uint32_t>(strnlen(host, url->u_host.count)) : 0;
   uint32_t begin = 0, end = length;
   IPAddr address;
-  if (length > 0 && length < url->u_host.count && IPAddrSetIP(&address, host)) {
+  if (length > 0 && length < url->u_host.count && kz::ParseIPLiteral(&address, host)) {
     // An address: up to its second ".", so "10.1.2.3" hashes "10.1".
     const char *first = static_cast<const char *>(std::memchr(host, '.', length));
     const char *second =

@@ -175,9 +175,7 @@ TEST(Compress, InteroperatesWithPython) {
     ASSERT_EQ(Apply(CompressDeflate, Make(i, 1), inputs[i], &packed), 1);
     std::ofstream(dir / "ours", std::ios::binary) << Bytes(packed);
     const kztest::Child python = kztest::RunChild(dir, {}, [&] {
-      execlp("python3", "python3", "-c", script, (dir / "ours").c_str(), std::string(1, "0169"[i]).c_str(),
-             static_cast<char *>(nullptr));
-      return 127;
+      return kztest::Exec({"python3", "-c", script, dir / "ours", std::string(1, "0169"[i])});
     });
     if (python.Exited(127)) GTEST_SKIP() << "python3 is not available";
     ASSERT_EQ(python.Ending(), kztest::ExitEnding(0)) << python.Describe();

@@ -281,13 +281,16 @@ TEST(DaemonTest, PurgesByAgeAndSizeOnlyTheDatedFilesOfTheLog) {
 TEST(DaemonTest, ServiceReportsReadyAndStoppingToTheManager) {
   TempDir dir;
   const std::string socketPath = dir / "notify";
-  int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ASSERT_GE(manager, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  ASSERT_LT(socketPath.size(), sizeof address.sun_path);
-  memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-  ASSERT_EQ(0, bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address));
+  int manager = -1;
+  if (!kztest::InChild()) {  // the service manager is the parent, bound before the child starts
+    manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(manager, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(socketPath.size(), sizeof address.sun_path);
+    memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    ASSERT_EQ(0, bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address));
+  }
   const std::string run = dir / "run";
   kztest::Child child = kztest::RunChild(dir, {{"NOTIFY_SOCKET", socketPath.c_str()}}, [&] {
     KZLibInit("daemon_test");

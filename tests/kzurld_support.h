@@ -37,14 +37,10 @@ inline bool ToolsBuilt() { return *KZURLD_PATH && *KZURL_PATH && *KZURLC_PATH; }
 constexpr uint32_t kLineLimit = 256;
 
 // Runs a program with arguments in dir; its output and error through files.
-inline Child RunProgram(const TempDir &dir, const char *path, Lines args) {
-  return RunChild(dir, {}, [&] {
-    std::vector<char *> argv = {const_cast<char *>(path)};
-    for (std::string &arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    if (chdir(dir.path().c_str()) == 0) execv(path, argv.data());
-    return 127;
-  });
+inline Child RunProgram(const TempDir &dir, const char *path, const Lines &args) {
+  Lines arguments = {path};
+  arguments.insert(arguments.end(), args.begin(), args.end());
+  return kztest::RunProgram(dir, arguments);
 }
 
 // What kzurld should answer to each line: the line kzurl prints for it,

@@ -254,23 +254,34 @@ KZCondition DestroyedCondition() {
   return ConditionInit(&c), ConditionDestroy(&c), c;
 }
 
+// The system errors behind the failures below, and their texts.
+#if defined(_WIN32)
+constexpr int kNotOwner = 288, kBusy = 170, kReleasedHandle = 6;  // ERROR_NOT_OWNER, ERROR_BUSY, ERROR_INVALID_HANDLE
+#else
+constexpr int kNotOwner = EPERM, kBusy = EBUSY, kReleasedHandle = EBADF;
+#endif
+const std::string kNotOwnerText = "\"kzthread:895\": mutex operation failed: " + kztest::SystemErrorText(kNotOwner),
+                  kBusyText = "\"kzthread:895\": mutex operation failed: " + kztest::SystemErrorText(kBusy),
+                  kWaitText =
+                      "\"kzthread:992\": WaitForSingleObject failed: " + kztest::SystemErrorText(kReleasedHandle),
+                  kPostText = "\"kzthread:1066\": ReleaseSemaphore failed: " + kztest::SystemErrorText(kReleasedHandle);
+
 TEST(LockDeathTest, FatalMessagesAndAssertions) {
   const kztest::FatalCase cases[] = {
       {[] { RecursiveMutexLock(&g_held), std::thread(RecursiveMutexUnlock, &g_held).join(); },  // by another thread
-       1, "\"kzthread:895\": mutex operation failed: Operation not permitted"},
-      {[] { RecursiveMutexLock(&g_held), RecursiveMutexDestroy(&g_held); }, 1,
-       "\"kzthread:895\": mutex operation failed: Device or resource busy"},
+       1, kNotOwnerText.c_str()},
+      {[] { RecursiveMutexLock(&g_held), RecursiveMutexDestroy(&g_held); }, 1, kBusyText.c_str()},
       {[] {
          KZCondition c = DestroyedCondition();
          MutexLock(&g_lazy), ConditionTimedWait(&c, &g_lazy, 0);
        },
-       0, "\"kzthread:992\": WaitForSingleObject failed: Bad file descriptor"},
+       0, kWaitText.c_str()},
       {[] {
          KZCondition condition = DestroyedCondition();
          condition.waiters = 2;
          ConditionBroadcast(&condition);
        },
-       0, "\"kzthread:1066\": ReleaseSemaphore failed: Bad file descriptor"},
+       0, kPostText.c_str()},
       {[] {
          KZRWLock lock = KZ_RWLOCK_INITIALIZER;
          RWLockRelease(&lock);

@@ -34,7 +34,7 @@ TEST(CheckedAllocation, FailedUnsafeResizeRaisesAnErrorAndKeepsTheBlock) {
   EXPECT_EQ(AllocateUnsafe_(kImpossible, block, "unsafe.c", 9), nullptr);
   EXPECT_EQ(std::regex_replace(Error(), std::regex("ptr=0x\\S*"), "ptr=0xP"),
             std::to_string(KZ_ERROR_CODE(0, ENOMEM)) +
-                " malloc failed: ptr=0xP size=12345: Cannot allocate memory unsafe.c:9");
+                " malloc failed: ptr=0xP size=12345: " + kztest::ErrnoText(ENOMEM) + " unsafe.c:9");
   EXPECT_STREQ(block, "abc");              // kept
   EXPECT_EQ(Allocate(0, block), nullptr);  // released
   EXPECT_EQ(output.Text() + errors.Text(), "");
@@ -61,8 +61,9 @@ TEST(MemoryStats, ChainDumpIsInertAndCountersAreCutToTheBuffer) {
 TEST(CheckedAllocationDeathTest, FailedAllocationAndZeroAlignmentEndTheProcess) {
   EXPECT_DEATH(Allocate_(kImpossible, nullptr, "alloc/site.c", 77),
                "kzlib: \"site.c:77\": malloc failed: ptr=0x.* size=12345, "
-               "process=\\{PeakWorkingSetSize=[0-9]+, WorkingSetSize=[0-9]+, .*PeakPagefileUsage=[0-9]+\\}"
-               ": Cannot allocate memory\r\n");
+               "process=\\{PeakWorkingSetSize=" KZ_RE_DIGITS ", WorkingSetSize=" KZ_RE_DIGITS
+               ", .*PeakPagefileUsage=" KZ_RE_DIGITS "\\}: " +
+                   kztest::ErrnoText(ENOMEM) + "\r\n");
   EXPECT_DEATH(
       {
         void *aligned;

@@ -116,7 +116,8 @@ TEST(RandomShared, SeedsItselfOnceAndForkedChildren) {
       },
       ::testing::ExitedWithCode(0), "^1 state\\(s\\) go on, first value nonzero\n$");
   const auto childDraw = [] {
-    const auto child = kztest::RunChild({}, [] { return printf("%lu", KZRandULong(nullptr)) < 0; });
+    const auto child =
+        kztest::RunChild({}, [] { return printf("%s", std::to_string(KZRandULong(nullptr)).c_str()) < 0; });
     EXPECT_EQ(child.Ending(), kztest::ExitEnding(0)) << child.Describe();
     return child.out;
   };

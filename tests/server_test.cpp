@@ -433,9 +433,9 @@ TEST(TCPServer, OneThreadServesManyClientsThroughChannelSelect) {
 // ---- local-connection servers ----------------------------------------------------------
 
 // A local-connection address unique to this process and test.
-TCPAddr LocalAddress(const char *tag) {
+TCPAddr LocalAddress(const char *tag, long pid = getpid()) {
   TCPAddr address;
-  std::string text = "/" + std::string(tag) + std::to_string(getpid() % 100000) + ":7";
+  std::string text = "/" + std::string(tag) + std::to_string(pid % 100000) + ":7";
   EXPECT_EQ(TCPAddrSetHostPort(&address, text.c_str()), 1);
   return address;
 }
@@ -528,9 +528,12 @@ TEST(LocalServer, AClientOfAnotherUserIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another user";
   passwd *nobody = getpwnam("nobody");
   if (!nobody) GTEST_SKIP() << "no user 'nobody'";
-  TCPAddr address = LocalAddress("ld");
-  ScopedServer server(TCPServerOpen(&address));
-  ASSERT_NE(server.server, nullptr);
+  // The server is the parent's; the child connects to it.
+  TCPAddr address = LocalAddress("ld", kztest::TestPid());
+  ScopedServer server(kztest::InChild() ? nullptr : TCPServerOpen(&address));
+  if (!kztest::InChild()) {
+    ASSERT_NE(server.server, nullptr);
+  }
   kztest::Child child = kztest::RunChild({}, [&] {
     if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) return 3;
     Channel *channel = ChannelNew(-1, -1);
@@ -553,23 +556,31 @@ TEST(LocalServer, TheSameUserCheckRefusesAPeerThatPassesTheFileMode) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a server as another user";
   passwd *nobody = getpwnam("nobody");
   if (!nobody) GTEST_SKIP() << "no user 'nobody'";
-  TCPAddr address = LocalAddress("le");
-  int ready[2];
-  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  // The server runs in the child, the root peer on a thread of the parent;
+  // the child says "ready" through the pipe's write end, which it inherits.
+  TCPAddr address = LocalAddress("le", kztest::TestPid());
+  int ready[2] = {-1, -1};
+  std::thread root;
+  if (!kztest::InChild()) {
+    ASSERT_EQ(pipe2(ready, 0), 0);
+    fcntl(ready[0], F_SETFD, FD_CLOEXEC);  // only the write end is for the child
+    root = std::thread([&] {
+      char byte = 0;
+      if (read(ready[0], &byte, 1) == 1 && byte == 'y') {
+        Channel *channel = ChannelNew(-1, -1);
+        ChannelConnect(channel, &address);
+        ChannelClose(channel);
+      }
+    });
+  }
+  const std::string readyFd = std::to_string(ready[1]);
   kztest::TempDir dir;
-  std::thread root([&] {
-    char byte = 0;
-    if (read(ready[0], &byte, 1) == 1 && byte == 'y') {
-      Channel *channel = ChannelNew(-1, -1);
-      ChannelConnect(channel, &address);
-      ChannelClose(channel);
-    }
-  });
-  kztest::Child child = kztest::RunChild(dir, {}, [&] {
+  kztest::Child child = kztest::RunChild(dir, {{"KZ_TEST_READY_FD", readyFd.c_str()}}, [&] {
+    const int readyOut = atoi(getenv("KZ_TEST_READY_FD"));
     if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) return 3;
     TCPServer *server = TCPServerOpen(&address);
     char byte = server ? 'y' : 'n';
-    if (write(ready[1], &byte, 1) != 1 || !server) return 4;
+    if (write(readyOut, &byte, 1) != 1 || !server) return 4;
     Channel *channel = ChannelNew(-1, -1);
     int accepted = TCPServerAccept(server, channel);
     bool refused = !accepted && KZGetLastError() == EACCES &&

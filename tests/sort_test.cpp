@@ -2,7 +2,11 @@
 // alignments, then its comparison pattern (small arrays, pivot, sorted input).
 #include "kz/sort.h"
 
+#if defined(_WIN32)
+#include <winsock2.h>
+#else
 #include <arpa/inet.h>
+#endif
 #include <gtest/gtest.h>
 
 #include <algorithm>

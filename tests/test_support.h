@@ -5,8 +5,15 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#if defined(_WIN32)
+#include <io.h>
+#include <process.h>
+#include <windows.h>
+#else
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <string>
 
@@ -19,6 +26,38 @@ extern "C" const char *__asan_default_options() { return "allocator_may_return_n
 extern "C" const char *__tsan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace kztest {
+
+// One or more digits in a death test's regular expression: GoogleTest's
+// simple expressions on Windows have no brackets.
+#if defined(_WIN32)
+#define KZ_RE_DIGITS "\\d+"
+#else
+#define KZ_RE_DIGITS "[0-9]+"
+#endif
+
+// The text the C runtime gives an errno value.
+inline std::string ErrnoText(int value) { return strerror(value); }
+
+// The system's own text for a system error, as the library gives it: the
+// message table's on Windows (trailing line break dropped), strerror's on POSIX.
+inline std::string SystemErrorText(int code) {
+#if defined(_WIN32)
+  char text[512] = "";
+  DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                static_cast<DWORD>(code), 0, text, sizeof text, nullptr);
+  while (length > 0 && (text[length - 1] == '\r' || text[length - 1] == '\n' || text[length - 1] == ' ')) length--;
+  return std::string(text, length);
+#else
+  return strerror(code);
+#endif
+}
+
+// The null device's name.
+#if defined(_WIN32)
+inline constexpr const char *kNullDevice = "NUL";
+#else
+inline constexpr const char *kNullDevice = "/dev/null";
+#endif
 
 // An array record (UByteArray, UShortArray, ...) that frees its storage at the
 // end of the scope. It converts to a pointer to the record, so `&out` passes
@@ -88,8 +127,18 @@ inline void AbortHookToStderr(const char *text, const char *file, uint32_t line)
   fflush(stderr);
 }
 
+// Death-test predicate: the process called abort() (SIGABRT on POSIX, exit
+// status 3 on Windows).
+inline bool Aborted(int status) {
+#if defined(_WIN32)
+  return status == 3;
+#else
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+#endif
+}
+
 // A statement that must end the process with a fatal text: exit status
-// exitCode, or abort() when exitCode is 0.
+// exitCode, or abort() when exitCode is 0 (exit status 3 on Windows).
 struct FatalCase {
   void (*run)();
   int exitCode;
@@ -98,8 +147,12 @@ struct FatalCase {
 
 inline void ExpectFatal(const FatalCase &c) {
   auto ended = [&](int status) {
+#if defined(_WIN32)
+    return status == (c.exitCode ? c.exitCode : 3);
+#else
     return c.exitCode ? WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode
                       : WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+#endif
   };
   EXPECT_EXIT(c.run(), ended, c.text) << "expected: " << c.text;
 }

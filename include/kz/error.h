@@ -44,7 +44,9 @@ KZ_BEGIN_DECLS
 #define KZ_ERROR_MESSAGE_MAX 1024
 
 /* The platform's last error: the errno value of the last failing system call
- * made by the library in this thread. Read when errno is -1. */
+ * made by the library in this thread on POSIX, the system's own last error
+ * (GetLastError / SetLastError) on Windows. Read when errno is -1;
+ * KZErrorGetErrno translates it to a C library errno value. */
 KZ_API int KZGetLastError(void);
 KZ_API void KZSetLastError(int error);
 

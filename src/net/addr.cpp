@@ -8,6 +8,7 @@
 
 #include "internal/array_view.h"
 #include "internal/context.h"
+#include "internal/ip_literal.h"
 #include "internal/os/net.h"
 #include "kz/channel.h"
 #include "kz/error.h"
@@ -19,30 +20,6 @@ using kz::net::kSource;
 namespace {
 
 #define ADDR_THROW(function, code, ...) KZ_THROW_AT(kSource, 0, function, code, __VA_ARGS__)
-
-// Exactly four decimal parts separated by '.', each 0..255, none empty.
-// Leading zeros are read as decimal ("010" is 10), never octal.
-bool ParseDottedQuad(const char *text, uint32_t *value) {
-  uint32_t result = 0;
-  const char *p = text;
-  for (int part = 0; part < 4; ++part) {
-    if (part > 0) {
-      if (*p != '.') return false;
-      ++p;
-    }
-    if (*p < '0' || *p > '9') return false;
-    uint32_t octet = 0;
-    while (*p >= '0' && *p <= '9') {
-      octet = octet * 10 + static_cast<uint32_t>(*p - '0');
-      if (octet > 255) return false;
-      ++p;
-    }
-    result = result << 8 | octet;
-  }
-  if (*p != '\0') return false;
-  *value = result;
-  return true;
-}
 
 uint32_t V4(const IPAddr &address) {
   uint32_t value;
@@ -375,28 +352,7 @@ KZ_API int TCPAddrEquals(const TCPAddr *a, const TCPAddr *b) {
 
 // ---- parsing ---------------------------------------------------------------------------
 
-KZ_API int IPAddrSetIP(IPAddr *out, const char *text) {
-  uint32_t v4;
-  if (ParseDottedQuad(text, &v4)) {
-    SetV4(out, v4);
-    return 1;
-  }
-  out->family = KZ_FAMILY_UNSET;
-  size_t length = std::strlen(text);
-  char unbracketed[64];
-  const char *literal = text;
-  if (length >= 3 && text[0] == '[' && text[length - 1] == ']') {
-    if (length - 2 >= sizeof unbracketed) return 0;  // longer than any IPv6 literal
-    std::memcpy(unbracketed, text + 1, length - 2);
-    unbracketed[length - 2] = '\0';
-    literal = unbracketed;
-  }
-  unsigned char bytes[16];
-  if (!kz::os::ParseIPv6(literal, bytes)) return 0;
-  std::memcpy(out->address, bytes, sizeof bytes);
-  out->family = KZ_FAMILY_IPV6;
-  return 1;
-}
+KZ_API int IPAddrSetIP(IPAddr *out, const char *text) { return kz::ParseIPLiteral(out, text) ? 1 : 0; }
 
 KZ_API int IPAddrSetIPMask(IPAddr *out, const char *text) {
   const char *slash = std::strrchr(text, '/');

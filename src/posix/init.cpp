@@ -5,16 +5,41 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "internal/os/init.h"
+#include "kz/file.h"
 
 namespace kz::os {
 
-bool GetKernelNames(KernelNames *names) {
+namespace {
+
+// Leading decimal digits of text (0 when none); text moves past them.
+int LeadingNumber(const char *&text) {
+  int value = 0;
+  while (*text >= '0' && *text <= '9') {
+    if (value < 100000000) value = value * 10 + (*text - '0');
+    text++;
+  }
+  return value;
+}
+
+}  // namespace
+
+// Release "6.1.0-13-amd64" gives 6 and 1; the text names the system, its
+// release and version.
+bool GetKernelVersion(KernelVersion *version) {
   struct utsname system;
   if (uname(&system) != 0) return false;
-  snprintf(names->system, sizeof names->system, "%s", system.sysname);
-  snprintf(names->release, sizeof names->release, "%s", system.release);
-  snprintf(names->version, sizeof names->version, "%s", system.version);
+  const char *release = system.release;
+  version->major = LeadingNumber(release);
+  version->minor = 0;
+  if (*release == '.') {
+    release++;
+    version->minor = LeadingNumber(release);
+  }
+  snprintf(version->text, sizeof version->text, "%s %s %s", system.sysname, system.release, system.version);
   return true;
 }
 
@@ -32,6 +57,28 @@ long GetExecutablePath(char *buffer, size_t size, int *error) {
   }
   return static_cast<long>(length);
 }
+
+// The file family's search: $PATH, the current directory, the program's own
+// directory. A hit through a relative PATH entry is made absolute; one that
+// cannot be (longer than a path may be) is not taken.
+bool FindProgram(const char *name, char *buffer, size_t size) {
+  UByteArray searched{}, absolute{};
+  bool found = PathFindExecutable(&searched, name) &&
+               PathMakeAbsolute(&absolute, reinterpret_cast<const char *>(searched.elements)) && absolute.count < size;
+  if (found) std::memcpy(buffer, absolute.elements, absolute.count + 1);
+  std::free(absolute.elements);
+  std::free(searched.elements);
+  return found;
+}
+
+// Libraries are found by their full names or the loader's own path.
+bool RestrictLibrarySearchPath() { return true; }
+
+// There are no error dialogs to silence.
+void SilenceErrorDialogs() {}
+
+// Streams make no difference between text and binary here.
+int SetBinaryStandardStreams() { return -1; }
 
 void IgnoreBrokenPipeSignal() {
   struct sigaction current;

@@ -1,5 +1,5 @@
 // Crash handling: what start-up, KZRunProtected_ and the threads family need
-// from the operating-system side (src/posix/crash.cpp).
+// from the operating-system side (src/posix/crash.cpp, src/win32/crash.cpp).
 #pragma once
 
 #include <cstddef>
@@ -41,6 +41,10 @@ void InstallProcessWide(bool keepExisting);
 // in it can still be reported; released when the thread ends. Threads created
 // by the library call this when they start.
 void PrepareThread();
+
+// Makes the crash dump writer ready; false (errno -1, the last error set)
+// when it cannot be loaded, and crash dumps are then left out.
+bool LoadDumpWriter();
 
 // Crash file directory: names become "<directory>/CRASH-<pid>.DMP" and
 // "<directory>/ERRORLOG-<pid>.TXT". False when the name is too long.
