@@ -1,6 +1,7 @@
 // Channels over real endpoints: TCP on loopback and local connections with
-// plain-socket peers (and one Python peer), pipes, files, memory and virtual
-// endpoints; buffering, lines, numbers, time-outs, resets and scrambling.
+// plain-socket peers, pipes, files, memory and virtual endpoints; buffering,
+// lines, numbers, time-outs, resets and scrambling. Reading and scrambling on
+// arbitrary input are left to fuzz/channel_fuzz.cpp.
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
@@ -49,41 +50,22 @@ struct ScopedChannel {
 bool CloseOnExec(int64_t handle) { return fcntl(static_cast<int>(handle), F_GETFD) & FD_CLOEXEC; }
 bool NonBlocking(int64_t handle) { return fcntl(static_cast<int>(handle), F_GETFL) & O_NONBLOCK; }
 
-// Deterministic bulk data (a pattern with a prime period, so no piece of a
-// transfer lines up with it) and an order-sensitive checksum of it.
-constexpr size_t kPeriod = 65521;
-const std::vector<unsigned char> &Pattern() {
+// Deterministic bulk data, a pattern with a prime period so that no piece of
+// a transfer lines up with it: fills p with the bytes at offset, or compares.
+constexpr size_t kPeriod = 65521, kBulk = 50u << 20;
+bool Pattern(unsigned char *p, size_t n, uint64_t offset, bool compare = false) {
   static const std::vector<unsigned char> pattern = [] {
-    std::vector<unsigned char> p(2 * kPeriod);
-    for (size_t i = 0; i < kPeriod; ++i) p[i] = p[i + kPeriod] = static_cast<unsigned char>((i * 0x9E3779B1u) >> 24);
-    return p;
+    std::vector<unsigned char> v(2 * kPeriod);
+    for (size_t i = 0; i < kPeriod; ++i) v[i] = v[i + kPeriod] = static_cast<unsigned char>((i * 0x9E3779B1u) >> 24);
+    return v;
   }();
-  return pattern;
-}
-void Fill(unsigned char *p, size_t n, uint64_t offset) {
-  const unsigned char *pattern = Pattern().data();
-  while (n > 0) {
-    size_t start = offset % kPeriod, piece = std::min(n, kPeriod);
-    memcpy(p, pattern + start, piece);
-    p += piece, n -= piece, offset += piece;
+  for (size_t piece; n > 0; p += piece, n -= piece, offset += piece) {
+    piece = std::min(n, kPeriod);
+    const unsigned char *expected = pattern.data() + offset % kPeriod;
+    if (!compare) memcpy(p, expected, piece);
+    if (compare && memcmp(p, expected, piece) != 0) return false;
   }
-}
-struct Checksum {  // two running sums: each byte counts with its position
-  uint64_t a = 1, b = 0;
-  void Add(const unsigned char *p, size_t n) {
-    for (size_t i = 0; i < n; ++i) a += p[i], b += a;
-  }
-  uint64_t value() const { return a ^ b << 1; }
-};
-uint64_t ExpectedChecksum(size_t total) {
-  std::vector<unsigned char> block(1 << 20);
-  Checksum sum;
-  for (size_t done = 0; done < total; done += block.size()) {
-    size_t n = std::min(block.size(), total - done);
-    Fill(block.data(), n, done);
-    sum.Add(block.data(), n);
-  }
-  return sum.value();
+  return true;
 }
 
 // Connects a channel to a fresh loopback listener; returns the accepted peer.
@@ -92,6 +74,14 @@ Fd ConnectToListener(Channel *channel, uint32_t family = KZ_FAMILY_IPV4) {
   TCPAddr target = listener.Address();
   EXPECT_EQ(ChannelConnect(channel, &target), 1) << KZErrorMessage();
   return listener.Accept();
+}
+
+TCPAddr LocalAddress(const char *name, uint16_t port) {
+  TCPAddr address{};
+  address.family = KZ_FAMILY_LOCAL;
+  strcpy(reinterpret_cast<char *>(address.address), name);
+  address.port = port;
+  return address;
 }
 
 // ---- record and settings ----------------------------------------------------------
@@ -123,21 +113,18 @@ TEST(Channel, CreationAndSettings) {
   EXPECT_EQ(channel->obfuscated, 0u);
   EXPECT_EQ(ChannelClose(channel), 1);
   EXPECT_EQ(ChannelClose(nullptr), 1);
-  kztest::ExpectFatal({[] {
-                         Channel *c = ChannelNew(-1, -1);
-                         ChannelSetOutboundPortRange(c, 10, 9);
-                       },
-                       0, "'min <= max' failed at kzlib/kztcp"});
+  kztest::ExpectFatal(
+      {[] { ChannelSetOutboundPortRange(ChannelNew(-1, -1), 10, 9); }, 0, "'min <= max' failed at kzlib/kztcp"});
 }
 
 TEST(Channel, LibraryWideSettings) {
   EXPECT_EQ(KZGetDefaultFamily(), KZ_FAMILY_IPV4);
   EXPECT_EQ(KZSetDefaultFamily(KZ_FAMILY_IPV6), 1);  // probes an AF_INET6 datagram socket
-  EXPECT_EQ(KZGetDefaultFamily(), KZ_FAMILY_IPV6);
   TCPAddr any;
   TCPAddrAny(&any, KZ_FAMILY_UNSET, 1);
   EXPECT_EQ(any.family, KZ_FAMILY_IPV6);
   EXPECT_EQ(KZSetDefaultFamily(3), 0);
+  EXPECT_EQ(KZGetDefaultFamily(), KZ_FAMILY_IPV6);
   EXPECT_EQ(KZSetDefaultFamily(KZ_FAMILY_IPV4), 1);
   EXPECT_EQ(ChannelGetDefaultMaxIOOperationSize(), 131072u);
 }
@@ -173,14 +160,12 @@ TEST(Channel, NetworkStartUpReadsItsEnvironment) {
 // is set anyway fails its connect with a clear error and stays disconnected.
 TEST(Channel, SslRequestWithoutSslSupportFailsTheConnect) {
   kztest::Listener listener;
-  Channel *channel = ChannelNew(-1, -1);
+  ScopedChannel channel;
   channel->sslRequested = 1;
   TCPAddr address = listener.Address();
   EXPECT_EQ(ChannelConnect(channel, &address), 0);
-  EXPECT_STREQ(KZErrorMessage(), "SSL is not available");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_NOT_SUPPORTED, "SSL is not available"));
   EXPECT_EQ(ChannelConnected(channel), 0);
-  ChannelClose(channel);
 }
 #endif
 
@@ -195,12 +180,12 @@ TEST(ChannelConnect, TcpBothFamiliesAndSocketOptions) {
     EXPECT_EQ(channel->isNamedPipe, 0u);
     EXPECT_TRUE(CloseOnExec(channel->handle));
     EXPECT_FALSE(NonBlocking(channel->handle));  // no time-out: a blocking socket
-    int value = 0;
-    socklen_t size = sizeof value;
-    getsockopt(static_cast<int>(channel->handle), SOL_SOCKET, SO_KEEPALIVE, &value, &size);
-    EXPECT_EQ(value, 1);
-    getsockopt(static_cast<int>(channel->handle), IPPROTO_TCP, TCP_NODELAY, &value, &size);
-    EXPECT_EQ(value, 1);
+    for (auto [level, name] : {std::pair<int, int>{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_NODELAY}}) {
+      int value = 0;
+      socklen_t size = sizeof value;
+      getsockopt(static_cast<int>(channel->handle), level, name, &value, &size);
+      EXPECT_EQ(value, 1) << name;
+    }
     TCPAddr local, remote;
     ASSERT_EQ(ChannelGetAddr(channel, &local, 0), 1);
     ASSERT_EQ(ChannelGetAddr(channel, &remote, 1), 1);
@@ -230,14 +215,9 @@ TEST(ChannelConnect, Failures) {
   TCPAddr any;
   TCPAddrAny(&any, KZ_FAMILY_IPV4, 80);
   EXPECT_EQ(ChannelConnect(channel, &any), 0);
-  EXPECT_STREQ(KZErrorMessage(), "can not connect to INADDR_ANY");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_GENERAL);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_GENERAL, "can not connect to INADDR_ANY"));
 
-  TCPAddr closed;
-  {
-    kztest::Listener listener;  // a port that was just free again
-    closed = listener.Address();
-  }
+  TCPAddr closed = kztest::Listener().Address();  // a port that was just free again
   for (int32_t connectTimeout : {-1, 500}) {
     ChannelSetConnectTimeout(channel, connectTimeout);
     errno = 0;
@@ -248,12 +228,11 @@ TEST(ChannelConnect, Failures) {
   }
   Scoped<TCPAddrArray> none;
   EXPECT_EQ(ChannelConnectMultiple(channel, &none), 0);
-  EXPECT_STREQ(KZErrorMessage(), "ChannelConnectMultiple: no TCP addresses given");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_INVALID);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_INVALID, "ChannelConnectMultiple: no TCP addresses given"));
 
   kztest::Listener listener;
-  TCPAddrArray two{};
   TCPAddr both[2] = {closed, listener.Address()};
+  TCPAddrArray two{};
   two.elements = both;
   two.count = 2;
   EXPECT_EQ(ChannelConnectMultiple(channel, &two), 1);
@@ -265,72 +244,43 @@ TEST(ChannelConnect, Failures) {
   EXPECT_EQ(KZGetLastError(), ECONNREFUSED);  // the last failure's error stays
 }
 
-// Two consecutive free ports, held bound until released.
-struct PortPair {
-  uint16_t first = 0;
-  Fd holders[2];
-  PortPair() {
-    for (uint16_t p = 41000; p < 60000 && !first; p += 2) {
-      Fd a(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), b(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-      if (Bind(a.get(), p) && Bind(b.get(), static_cast<uint16_t>(p + 1))) {
-        first = p;
-        holders[0] = std::move(a);
-        holders[1] = std::move(b);
-      }
-    }
-  }
-  static bool Bind(int fd, uint16_t port) {
+TEST(ChannelConnect, OutboundPortRange) {
+  // Two consecutive free ports, held bound until released.
+  auto bindTo = [](uint16_t port) {
+    Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    return bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    return bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ? std::move(fd) : Fd();
+  };
+  uint16_t low = 0;
+  Fd holders[2];
+  for (uint16_t p = 41000; p < 60000 && !low; p += 2) {
+    holders[0] = bindTo(p), holders[1] = bindTo(static_cast<uint16_t>(p + 1));
+    if (holders[0].get() >= 0 && holders[1].get() >= 0) low = p;
   }
-};
-
-TEST(ChannelConnect, OutboundPortRange) {
-  PortPair ports;
-  ASSERT_NE(ports.first, 0);
-  const uint16_t low = ports.first, high = static_cast<uint16_t>(low + 1);
+  ASSERT_NE(low, 0);
+  const uint16_t high = static_cast<uint16_t>(low + 1);
   kztest::Listener listener;
-  TCPAddr target = listener.Address();
+  TCPAddr target = listener.Address(), local;
   ScopedChannel channel;
   ChannelSetOutboundPortRange(channel, low, high);
-  {
+  for (bool secondFree : {false, true}) {
+    if (secondFree) holders[1].reset();
     kztest::CapturedStream errors(1);
-    ASSERT_EQ(ChannelConnect(channel, &target), 1);  // both busy: the system picks a port
-    EXPECT_NE(errors.Text().find("could not bind to any port in range [" + std::to_string(low) + "," +
-                                 std::to_string(high) + "]"),
-              std::string::npos)
-        << errors.Text();
+    ASSERT_EQ(ChannelConnect(channel, &target), 1);  // both busy at first: the system picks a port
+    Fd accepted = listener.Accept();
+    const std::string warning =
+        "could not bind to any port in range [" + std::to_string(low) + "," + std::to_string(high) + "]";
+    EXPECT_EQ(errors.Text().find(warning) != std::string::npos, !secondFree) << errors.Text();
+    EXPECT_EQ(channel->nextPort, low);  // after the last one tried comes the first again
+    ASSERT_EQ(ChannelGetAddr(channel, &local, 0), 1);
+    EXPECT_EQ(local.port == high, secondFree) << local.port;
+    EXPECT_NE(local.port, low);
   }
-  EXPECT_EQ(channel->nextPort, low);  // after the last one tried comes the first again
-  TCPAddr local;
-  ASSERT_EQ(ChannelGetAddr(channel, &local, 0), 1);
-  EXPECT_NE(local.port, low);
-  EXPECT_NE(local.port, high);
-  Fd accepted = listener.Accept();
-
-  ports.holders[1].reset();  // the second port is free now
-  {
-    kztest::CapturedStream errors(1);
-    ASSERT_EQ(ChannelConnect(channel, &target), 1);
-    EXPECT_EQ(errors.Text(), "");
-  }
-  ASSERT_EQ(ChannelGetAddr(channel, &local, 0), 1);
-  EXPECT_EQ(local.port, high);
-  EXPECT_EQ(channel->nextPort, low);
-  Fd second = listener.Accept();
 }
 
 // ---- local connections --------------------------------------------------------------
-
-TCPAddr LocalAddress(const char *name, uint16_t port) {
-  TCPAddr address{};
-  address.family = KZ_FAMILY_LOCAL;
-  strcpy(reinterpret_cast<char *>(address.address), name);
-  address.port = port;
-  return address;
-}
 
 TEST(LocalConnection, TransfersAndFlags) {
   const uint16_t port = static_cast<uint16_t>(getpid());
@@ -343,16 +293,8 @@ TEST(LocalConnection, TransfersAndFlags) {
   EXPECT_EQ(channel->isNamedPipe, 1u);
   EXPECT_EQ(channel->isSocket, 0u);
   EXPECT_TRUE(CloseOnExec(channel->handle));
-  ASSERT_EQ(ChannelWriteString(channel, "ping\n"), 1);
-  ASSERT_EQ(ChannelFlush(channel), 1);
-  EXPECT_EQ(kztest::ReadExactly(peer.get(), 5), "ping\n");
-  ASSERT_TRUE(kztest::WriteAll(peer.get(), "pong\r\n"));
-  Scoped<UByteArray> line;
-  ASSERT_EQ(ChannelReadLine(channel, &line, 0), 1);
-  EXPECT_EQ(Bytes(line), "pong");
   EXPECT_EQ(ChannelShutdown(channel), 0);
-  EXPECT_STREQ(KZErrorMessage(), "ChannelShutdown: operation not supported");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_INVALID);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_INVALID, "ChannelShutdown: operation not supported"));
   TCPAddr none;
   EXPECT_EQ(ChannelGetAddr(channel, &none, 1), 0);
   EXPECT_EQ(errno, EINVAL);
@@ -362,6 +304,7 @@ TEST(LocalConnection, TransfersAndFlags) {
   // Read time-outs count in milliseconds here.
   ChannelSetReadTimeout(channel, 50);
   auto start = Clock::now();
+  Scoped<UByteArray> line;
   EXPECT_EQ(ChannelReadLine(channel, &line, 0), 0);
   EXPECT_STREQ(KZErrorMessage(), "read timeout");
   EXPECT_LT(MillisecondsSince(start), 1500);
@@ -372,8 +315,7 @@ TEST(LocalConnection, TransfersAndFlags) {
   int sent = 1;
   for (int i = 0; i < 64 && sent; ++i) sent = ChannelWriteBuf(channel, block.data(), block.size());
   EXPECT_EQ(sent, 0);
-  EXPECT_STREQ(KZErrorMessage(), "write timeout");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_TIMEOUT);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_TIMEOUT, "write timeout"));
   EXPECT_GE(MillisecondsSince(start), 1900);
 
   EXPECT_EQ(ChannelConnectNamedPipeWithFlags(channel, &address, 0), 1);
@@ -459,17 +401,23 @@ TEST(ChannelTransfer, HalfCloseAndEndOfInput) {
   EXPECT_EQ(errno, 0);
 }
 
-TEST(ChannelTransfer, ReadTimeoutAndNoWait) {
-  ScopedChannel channel(100, -1);
-  Fd peer = ConnectToListener(channel);  // a peer that sends nothing
+TEST(ChannelTransfer, TimeoutsInMillisecondsAndNoWait) {
+  ScopedChannel channel(100, 100);
+  Fd peer = ConnectToListener(channel);  // a peer that neither sends nor reads
   char buffer[8];
   size_t count = 99;
   auto start = Clock::now();
   EXPECT_EQ(ChannelReadBuf(channel, buffer, sizeof buffer, &count), KZ_RECEIVE_TIMEOUT);
   EXPECT_GE(MillisecondsSince(start), 90);
   EXPECT_EQ(count, 0u);
-  EXPECT_STREQ(KZErrorMessage(), "read timeout");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_TIMEOUT);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_TIMEOUT, "read timeout"));
+  std::vector<unsigned char> block(1 << 20, 'y');
+  int sent = 1;
+  start = Clock::now();
+  for (int i = 0; i < 256 && sent; ++i) sent = ChannelSend(channel, block.data(), block.size());
+  EXPECT_EQ(sent, 0);
+  EXPECT_GE(MillisecondsSince(start), 90);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_TIMEOUT, "timeout"));
 
   ScopedChannel blocking;  // no time-out at all: wait 0 still answers at once
   Fd other = ConnectToListener(blocking);
@@ -480,19 +428,6 @@ TEST(ChannelTransfer, ReadTimeoutAndNoWait) {
   ASSERT_TRUE(kztest::WriteAll(other.get(), "x"));
   EXPECT_EQ(ChannelReceive(blocking, buffer, sizeof buffer, 0, &count, 1), KZ_RECEIVE_OK);
   EXPECT_EQ(count, 1u);
-}
-
-TEST(ChannelTransfer, WriteTimeoutOnAPeerThatStopsReading) {
-  ScopedChannel channel(-1, 100);
-  Fd peer = ConnectToListener(channel);
-  std::vector<unsigned char> block(1 << 20, 'y');
-  auto start = Clock::now();
-  int sent = 1;
-  for (int i = 0; i < 256 && sent; ++i) sent = ChannelSend(channel, block.data(), block.size());
-  EXPECT_EQ(sent, 0);
-  EXPECT_GE(MillisecondsSince(start), 90);
-  EXPECT_STREQ(KZErrorMessage(), "timeout");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_TIMEOUT);
 }
 
 TEST(ChannelTransfer, ResetPeerAndClosedPipesNeverRaiseSigpipe) {
@@ -560,172 +495,98 @@ TEST(ChannelTransfer, InterruptedCallsAreRestarted) {
   sigaction(SIGUSR1, &previous, nullptr);
 }
 
-// Moves `total` bytes from a channel writer to a plain reader (or the other
-// way) in uneven pieces, and checks the checksum on the far side.
-void BulkThroughChannel(Channel *channel, int peerFd, size_t total, bool channelWrites) {
-  const size_t pieces[] = {1, 7, 11680, 11681, 65536, 300000, 5000};
-  uint64_t expected = ExpectedChecksum(total);
-  std::vector<unsigned char> block(300000);
-  Checksum local;
+// Moves kBulk bytes from a channel writer to a plain reader (or the other
+// way) in uneven pieces around the buffer size, compared on the far side.
+void BulkThroughChannel(Channel *channel, int peerFd, bool channelWrites) {
   std::thread peer([&] {
+    sigset_t pipeSignal;  // a channel that failed early closes its pipe end: EPIPE, not the end of the program
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
     std::vector<unsigned char> buffer(1 << 20);
-    if (channelWrites) {
-      Checksum remote;
-      size_t got = 0;
-      for (ssize_t n; got < total && (n = read(peerFd, buffer.data(), buffer.size())) > 0; got += size_t(n))
-        remote.Add(buffer.data(), size_t(n));
-      EXPECT_EQ(got, total);
-      EXPECT_EQ(remote.value(), expected);
-    } else {
-      for (size_t done = 0; done < total;) {
-        size_t n = std::min(buffer.size(), total - done);
-        Fill(buffer.data(), n, done);
-        ASSERT_TRUE(kztest::WriteAll(peerFd, buffer.data(), n));
-        done += n;
+    size_t done = 0;
+    while (done < kBulk) {
+      size_t n = std::min(buffer.size(), kBulk - done);
+      if (channelWrites) {
+        ssize_t got = read(peerFd, buffer.data(), n);
+        if (got <= 0 || !Pattern(buffer.data(), size_t(got), done, true)) break;
+        n = size_t(got);
+      } else {
+        Pattern(buffer.data(), n, done);
+        if (!kztest::WriteAll(peerFd, buffer.data(), n)) break;
       }
+      done += n;
     }
+    EXPECT_EQ(done, kBulk) << "the peer's bytes match up to here";
   });
+  const size_t pieces[] = {1, 7, 11680, 11681, 65536, 300000, 5000};
+  std::vector<unsigned char> block(300000);
   size_t done = 0;
-  for (size_t i = 0; done < total; ++i) {
-    size_t n = std::min(pieces[i % 7], total - done);
-    if (channelWrites) {
-      Fill(block.data(), n, done);
-      ASSERT_EQ(ChannelWriteBuf(channel, block.data(), n), 1) << KZErrorMessage();
-    } else {
-      size_t count = 0;
-      ASSERT_EQ(ChannelReadBuf(channel, block.data(), n, &count), KZ_RECEIVE_OK) << KZErrorMessage();
-      ASSERT_EQ(count, n);
-      local.Add(block.data(), n);
-    }
-    done += n;
+  for (size_t i = 0, n, count; done < kBulk; done += n, ++i) {
+    n = std::min(pieces[i % 7], kBulk - done);
+    if (channelWrites) Pattern(block.data(), n, done);
+    bool ok = channelWrites ? ChannelWriteBuf(channel, block.data(), n) == 1
+                            : ChannelReadBuf(channel, block.data(), n, &count) == KZ_RECEIVE_OK && count == n &&
+                                  Pattern(block.data(), n, done, true);
+    if (!ok) break;
   }
-  if (channelWrites) {
-    EXPECT_EQ(ChannelFlush(channel), 1);
-    ChannelDisconnect(channel);  // end of input for the peer
-  } else {
-    EXPECT_EQ(local.value(), expected);
-  }
+  EXPECT_EQ(done, kBulk) << "the channel's bytes match up to here; " << KZErrorMessage();
+  EXPECT_EQ(channelWrites ? ChannelFlush(channel) : 1, 1);
+  ChannelDisconnect(channel);  // end of input for the peer
   peer.join();
 }
 
-constexpr size_t kBulk = 100u << 20;
-
-TEST(ChannelBulk, TcpBothDirections) {
-  for (bool channelWrites : {true, false}) {
-    ScopedChannel channel;
-    Fd peer = ConnectToListener(channel);
-    BulkThroughChannel(channel, peer.get(), kBulk / 2, channelWrites);
-  }
-}
-
-TEST(ChannelBulk, LocalConnectionBothDirections) {
+TEST(ChannelBulk, TcpLocalConnectionAndPipesBothDirections) {
   const uint16_t port = static_cast<uint16_t>(getpid() + 3);
-  kztest::LocalListener listener("sock", "bulk", port);
-  ASSERT_TRUE(listener.ok());
-  for (bool channelWrites : {true, false}) {
-    ScopedChannel channel(10000, 10);
-    TCPAddr address = LocalAddress("bulk", port);
-    ASSERT_EQ(ChannelConnect(channel, &address), 1);
-    Fd peer = listener.Accept();
-    BulkThroughChannel(channel, peer.get(), kBulk / 2, channelWrites);
+  kztest::LocalListener local("sock", "bulk", port);
+  ASSERT_TRUE(local.ok());
+  for (const char *endpoint : {"tcp", "local", "pipe"}) {
+    for (bool channelWrites : {true, false}) {
+      SCOPED_TRACE(std::string(endpoint) + (channelWrites ? " write" : " read"));
+      const bool timed = endpoint[0] == 'l';  // blocking sockets and pipes, a waiting local connection
+      ScopedChannel channel(timed ? 10000 : -1, timed ? 10 : -1);
+      Fd peer;
+      if (endpoint[0] == 't') peer = ConnectToListener(channel);
+      if (timed) {
+        TCPAddr address = LocalAddress("bulk", port);
+        ASSERT_EQ(ChannelConnect(channel, &address), 1);
+        peer = local.Accept();
+      }
+      if (endpoint[0] == 'p') {
+        int fds[2];
+        ASSERT_EQ(ChannelCreatePipe(fds), 1);
+        peer.reset(fds[channelWrites ? 0 : 1]);
+        ASSERT_EQ(ChannelSetFD(channel, fds[channelWrites ? 1 : 0], 1), 1);
+      }
+      BulkThroughChannel(channel, peer.get(), channelWrites);
+    }
   }
 }
 
-TEST(ChannelBulk, PipesBothDirections) {
-  for (bool channelWrites : {true, false}) {
-    int fds[2];
-    ASSERT_EQ(ChannelCreatePipe(fds), 1);
-    ScopedChannel channel;
-    Fd peer(channelWrites ? fds[0] : fds[1]);
-    ASSERT_EQ(ChannelSetFD(channel, channelWrites ? fds[1] : fds[0], 1), 1);
-    BulkThroughChannel(channel, peer.get(), kBulk / 2, channelWrites);
-  }
-}
-
-TEST(ChannelBulk, FileAndMemory) {
+TEST(ChannelBulk, File) {
   kztest::TempPath path("bulk");
-  {
-    ScopedChannel channel;
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "w"), 1);
-    Fd reader(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    // Write it all, then read it back with a plain descriptor.
-    std::vector<unsigned char> block(1 << 20);
-    for (size_t done = 0; done < kBulk / 2; done += block.size()) {
-      Fill(block.data(), block.size(), done);
-      ASSERT_EQ(ChannelWriteBuf(channel, block.data(), block.size()), 1);
-    }
-    ASSERT_EQ(ChannelFlush(channel), 1);
-    Checksum sum;
-    for (ssize_t n; (n = read(reader.get(), block.data(), block.size())) > 0;) sum.Add(block.data(), size_t(n));
-    EXPECT_EQ(sum.value(), ExpectedChecksum(kBulk / 2));
+  ScopedChannel channel;
+  ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "w"), 1);
+  std::vector<unsigned char> block(1 << 20);
+  for (size_t done = 0; done < kBulk; done += block.size()) {
+    Pattern(block.data(), block.size(), done);
+    ASSERT_EQ(ChannelWriteBuf(channel, block.data(), block.size()), 1);
   }
-  {
-    ScopedChannel channel;
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "r"), 1);
-    Checksum sum;
-    std::vector<unsigned char> block(70001);
-    size_t count = 0, total = 0;
-    int result;
-    while ((result = ChannelReadBuf(channel, block.data(), block.size(), &count)) == KZ_RECEIVE_OK || count) {
-      sum.Add(block.data(), count);
-      total += count;
-      if (result != KZ_RECEIVE_OK) break;
-    }
-    EXPECT_EQ(result, KZ_RECEIVE_EOF);
-    EXPECT_EQ(total, kBulk / 2);
-    EXPECT_EQ(sum.value(), ExpectedChecksum(kBulk / 2));
-  }
-  {  // memory: a writer collects, a reader replays
-    Scoped<UByteArray> collected;
-    ScopedChannel writer, reader;
-    ASSERT_EQ(ChannelMemoryWriter(writer, &collected), 1);
-    std::vector<unsigned char> block(1 << 20);
-    for (size_t done = 0; done < kBulk / 2; done += block.size()) {
-      Fill(block.data(), block.size(), done);
-      ASSERT_EQ(ChannelWriteBuf(writer, block.data(), block.size() - 3), 1);
-      ASSERT_EQ(ChannelWriteBuf(writer, block.data() + block.size() - 3, 3), 1);
-    }
-    ASSERT_EQ(ChannelFlush(writer), 1);
-    ASSERT_EQ(collected.count, kBulk / 2);
-    ASSERT_EQ(ChannelMemoryReader(reader, collected.elements, collected.count), 1);
-    Checksum sum;
-    size_t count;
-    while (ChannelReadBuf(reader, block.data(), 12345, &count) == KZ_RECEIVE_OK) sum.Add(block.data(), count);
-    sum.Add(block.data(), count);
-    EXPECT_EQ(sum.value(), ExpectedChecksum(kBulk / 2));
-    EXPECT_EQ(ChannelMemoryIOReadOffs(reader), int64_t(kBulk / 2));
-  }
-}
+  ASSERT_EQ(ChannelFlush(channel), 1);
+  Fd reader(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  size_t total = 0;
+  for (ssize_t n; (n = read(reader.get(), block.data(), block.size())) > 0; total += size_t(n))
+    ASSERT_TRUE(Pattern(block.data(), size_t(n), total, true)) << total;
+  EXPECT_EQ(total, kBulk);
 
-TEST(ChannelTransfer, PythonPeer) {
-  if (access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "python3 is not available";
-  kztest::Listener listener;
-  char command[512];
-  snprintf(command, sizeof command,
-           "/usr/bin/python3 -c 'import socket,sys\n"
-           "s=socket.create_connection((\"127.0.0.1\",%u))\n"
-           "f=s.makefile(\"rwb\")\n"
-           "for line in f:\n"
-           "  f.write(line.strip().upper()+b\"\\r\\n\"); f.flush()\n"
-           "s.close()' &",
-           unsigned(listener.port()));
-  ASSERT_EQ(system(command), 0);
-  Fd accepted = listener.Accept();
-  ASSERT_GE(accepted.get(), 0);
-  ScopedChannel channel(10000, 10000);
-  ASSERT_EQ(ChannelSetFD(channel, accepted.release(), 1), 1);
-  Scoped<UByteArray> line;
-  const std::string words[] = {"hello", "kz channel", std::string(20000, 'q')};
-  for (const std::string &word : words) {
-    ASSERT_EQ(ChannelWriteString(channel, word.c_str()), 1);
-    ASSERT_EQ(ChannelWriteString(channel, "\n"), 1);
-    ASSERT_EQ(ChannelFlush(channel), 1);
-    ASSERT_EQ(ChannelReadLine(channel, &line, 0), 1) << KZErrorMessage();
-    std::string upper(word);
-    for (char &c : upper) c = static_cast<char>(toupper(c));
-    EXPECT_EQ(Bytes(line), upper);
-  }
-  ChannelDisconnect(channel);  // the peer ends when its input does
+  ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "r"), 1);
+  size_t count = 0;
+  int result;
+  for (total = 0; (result = ChannelReadBuf(channel, block.data(), 70001, &count)) == KZ_RECEIVE_OK; total += count)
+    ASSERT_TRUE(Pattern(block.data(), count, total, true)) << total;
+  EXPECT_EQ(result, KZ_RECEIVE_EOF);
+  EXPECT_TRUE(Pattern(block.data(), count, total, true));
+  EXPECT_EQ(total + count, kBulk);
 }
 
 // ---- buffered reading and writing ----------------------------------------------------------
@@ -760,40 +621,10 @@ struct Recorder {
   }
 };
 
-TEST(ChannelBuffering, LinesAndCarriageReturns) {
-  const struct {
-    std::string input;
-    uint32_t maxLength;
-    std::vector<std::string> lines;  // then end of input
-  } cases[] = {
-      {"ab\r\ncd\n", 0, {"ab", "cd"}},     {"a\rb\n", 0, {"ab"}},
-      {"\r\r\n\n", 0, {"", ""}},           {"abcdef\n", 3, {"abc", "def", ""}},
-      {"ab\r\rcd\n", 2, {"ab", "cd", ""}},
-  };
-  for (const auto &c : cases) {
-    ScopedChannel channel;
-    ChannelMemoryReader(channel, c.input.data(), c.input.size());
-    Scoped<UByteArray> line;
-    for (const auto &expected : c.lines) {
-      ASSERT_EQ(ChannelReadLine(channel, &line, c.maxLength), 1) << c.input;
-      EXPECT_EQ(Bytes(line), expected) << c.input;
-      EXPECT_EQ(line.elements[line.count], '\0');
-    }
-    EXPECT_EQ(ChannelReadLine(channel, &line, c.maxLength), 0);
-    EXPECT_STREQ(KZErrorMessage(), "read EOF");
-    EXPECT_EQ(KZErrorCode(), KZ_ERR_EOF);
-  }
-  ScopedChannel channel;
-  ChannelMemoryReader(channel, "xyz", 3);
-  Scoped<UByteArray> line;
-  EXPECT_EQ(ChannelReadLine(channel, &line, 0), 0);
-  EXPECT_STREQ(KZErrorMessage(), "read EOF");
-  EXPECT_EQ(Bytes(line), "xyz");  // the partial line stays
-}
-
 TEST(ChannelBuffering, LinesAcrossBufferBoundaries) {
   // Lines whose ends fall just before, on and after each 11,680-byte refill,
-  // with the CR of a CR LF pair in one refill and its LF in the next.
+  // with the CR of a CR LF pair in one refill and its LF in the next (short
+  // lines, CRs and length limits on arbitrary input are left to the fuzzer).
   std::string input;
   std::vector<std::string> expected;
   for (size_t length : {11678, 11679, 11680, 11681, 1, 23358, 0, 11679}) {
@@ -823,24 +654,19 @@ TEST(ChannelBuffering, LinesAcrossBufferBoundaries) {
       EXPECT_EQ(Bytes(line), text);
     }
     EXPECT_EQ(ChannelReadLine(channel, &line, 0), 0);
-    EXPECT_EQ(Bytes(line), "tail");
+    EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_EOF, "read EOF"));
+    EXPECT_EQ(Bytes(line), "tail");  // the partial line stays
     if (writer.joinable()) writer.join();
   }
 }
 
-TEST(ChannelBuffering, IntegersNumbersAndStrings) {
-  Scoped<UByteArray> out;
-  ScopedChannel channel;
-  ChannelMemoryWriter(channel, &out);
-  EXPECT_EQ(ChannelWriteUIntLE(channel, 0x01020304u), 1);
-  EXPECT_EQ(ChannelWriteULongLE(channel, 0x0102030405060708ull), 1);
-  EXPECT_EQ(ChannelFlush(channel), 1);
-  EXPECT_EQ(Bytes(out), std::string("\x04\x03\x02\x01\x08\x07\x06\x05\x04\x03\x02\x01", 12));
-
+TEST(ChannelBuffering, NumbersAndStrings) {
   const struct {
     int (*write)(Channel *);
-    const char *text;
-  } numbers[] = {
+    std::string text;
+  } cases[] = {
+      {[](Channel *c) { return ChannelWriteUIntLE(c, 0x01020304u); }, "\x04\x03\x02\x01"},
+      {[](Channel *c) { return ChannelWriteULongLE(c, 0x0102030405060708ull); }, "\x08\x07\x06\x05\x04\x03\x02\x01"},
       {[](Channel *c) { return ChannelWriteInt(c, -2147483647 - 1); }, "-2147483648"},
       {[](Channel *c) { return ChannelWriteLong(c, INT64_MIN); }, "-9223372036854775808"},
       {[](Channel *c) { return ChannelWriteUInt(c, 4294967295u); }, "4294967295"},
@@ -852,23 +678,15 @@ TEST(ChannelBuffering, IntegersNumbersAndStrings) {
       {[](Channel *c) { return ChannelWriteString(c, ""); }, ""},
       {[](Channel *c) { return ChannelWriteString(c, "text"); }, "text"},
   };
-  for (const auto &n : numbers) {
+  Scoped<UByteArray> out;
+  ScopedChannel channel;
+  ChannelMemoryWriter(channel, &out);
+  for (const auto &c : cases) {
     out.count = 0;
-    ASSERT_EQ(n.write(channel), 1);
+    ASSERT_EQ(c.write(channel), 1);
     ASSERT_EQ(ChannelFlush(channel), 1);
-    EXPECT_EQ(Bytes(out), n.text);
+    EXPECT_EQ(Bytes(out), c.text);
   }
-
-  ChannelMemoryReader(channel, "\x04\x03\x02\x01\x08\x07\x06\x05\x04\x03\x02\x01\xAA", 13);
-  uint32_t u32 = 0;
-  uint64_t u64 = 0;
-  EXPECT_EQ(ChannelReadUIntLE(channel, &u32), 1);
-  EXPECT_EQ(u32, 0x01020304u);
-  EXPECT_EQ(ChannelReadULongLE(channel, &u64), 1);
-  EXPECT_EQ(u64, 0x0102030405060708ull);
-  EXPECT_EQ(ChannelReadUIntLE(channel, &u32), 0);  // one byte left: untouched value
-  EXPECT_EQ(u32, 0x01020304u);
-  EXPECT_EQ(ChannelReadByte(channel), KZ_RECEIVE_EOF);  // the lone byte was consumed
 }
 
 TEST(ChannelBuffering, NumberThresholdAndDirectPaths) {
@@ -928,57 +746,26 @@ TEST(ChannelBuffering, MaximumTransferSize) {
   ChannelSetDefaultMaxIOOperationSize(131072);
 }
 
-// ---- scrambling ----------------------------------------------------------------------------------
-
-std::string Scrambled(uint64_t key, const std::string &text) {
-  std::string out = text;
-  const unsigned char zero = 0;
-  for (char &c : out) {
-    c = static_cast<char>(c ^ static_cast<char>(key >> 56));
-    key = FingerprintExtend(key, &zero, 1);
-  }
-  return out;
-}
-
-TEST(ChannelScrambling, SameAndDifferentKeys) {
+// Buffered bytes are scrambled with a state that runs on across flushes;
+// unbuffered sends go out as they are.
+TEST(ChannelScrambling, AcrossFlushesButNotOnSends) {
   const uint64_t key = 0x0123456789ABCDEFull;
-  ScopedChannel writer, reader;
-  Fd peer = ConnectToListener(writer);
-  ASSERT_EQ(ChannelSetFD(reader, peer.release(), 1), 1);
-  ChannelSetObfuscationKey(writer, key);
-  ChannelSetObfuscationKey(reader, key);
-  ASSERT_EQ(ChannelWriteString(writer, "hello"), 1);
-  ASSERT_EQ(ChannelFlush(writer), 1);
-  ASSERT_EQ(ChannelWriteString(writer, " world\n"), 1);  // the state runs on across flushes
-  ASSERT_EQ(ChannelFlush(writer), 1);
-  Scoped<UByteArray> line;
-  ASSERT_EQ(ChannelReadLine(reader, &line, 0), 1);
-  EXPECT_EQ(Bytes(line), "hello world");
-
-  // What goes over the wire, read by a plain peer.
   Scoped<UByteArray> wire;
-  ScopedChannel memory;
-  ChannelMemoryWriter(memory, &wire);
-  ChannelSetObfuscationKey(memory, key);
-  ChannelWriteString(memory, "hello");
-  ChannelFlush(memory);
-  EXPECT_EQ(Bytes(wire), Scrambled(key, "hello"));
-  EXPECT_NE(Bytes(wire), "hello");
-  ASSERT_EQ(ChannelSend(memory, "raw", 3), 1);  // unbuffered sends stay as they are
-  EXPECT_EQ(Bytes(wire).substr(5), "raw");
-
-  ScopedChannel other;
-  std::string wireBytes = Bytes(wire).substr(0, 5);
-  ChannelMemoryReader(other, wireBytes.data(), 5);
-  ChannelSetObfuscationKey(other, key + 1);
-  char buffer[5];
-  size_t count;
-  ASSERT_EQ(ChannelReadBuf(other, buffer, 5, &count), KZ_RECEIVE_OK);
-  EXPECT_NE(std::string(buffer, 5), "hello");
-  ChannelMemoryReader(other, wireBytes.data(), 5);
-  ChannelSetObfuscationKey(other, key);
-  ASSERT_EQ(ChannelReadBuf(other, buffer, 5, &count), KZ_RECEIVE_OK);
-  EXPECT_EQ(std::string(buffer, 5), "hello");
+  ScopedChannel channel;
+  ChannelMemoryWriter(channel, &wire);
+  ChannelSetObfuscationKey(channel, key);
+  ASSERT_EQ(ChannelWriteString(channel, "hello"), 1);
+  ASSERT_EQ(ChannelFlush(channel), 1);
+  ASSERT_EQ(ChannelWriteString(channel, " world"), 1);
+  ASSERT_EQ(ChannelFlush(channel), 1);
+  ASSERT_EQ(ChannelSend(channel, "raw", 3), 1);
+  std::string expected = "hello world";
+  uint64_t state = key;
+  for (char &c : expected) {
+    c = static_cast<char>(c ^ static_cast<char>(state >> 56));
+    state = FingerprintExtend(state, "", 1);  // one zero byte
+  }
+  EXPECT_EQ(Bytes(wire), expected + "raw");
 }
 
 // ---- endpoints ----------------------------------------------------------------------------------
@@ -1054,8 +841,7 @@ TEST(ChannelFile, NotAFile) {
   };
   for (const auto &c : cases) {
     EXPECT_EQ(c.call(channel, &position), 0);
-    EXPECT_STREQ(KZErrorMessage(), c.text);
-    EXPECT_EQ(KZErrorCode(), KZ_ERR_GENERAL);
+    EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_GENERAL, c.text));
   }
 }
 
@@ -1065,8 +851,7 @@ TEST(ChannelMemory, MisuseAndOffsets) {
   ChannelMemoryReader(channel, "abc", 3);
   EXPECT_EQ(ChannelWriteString(channel, "x"), 1);
   EXPECT_EQ(ChannelFlush(channel), 0);
-  EXPECT_STREQ(KZErrorMessage(), "can not write to a memory reader");
-  EXPECT_EQ(KZErrorCode(), KZ_ERR_GENERAL);
+  EXPECT_EQ(kztest::LastError(), kztest::Error(KZ_ERR_GENERAL, "can not write to a memory reader"));
   EXPECT_EQ(ChannelReadByte(channel), 'a');
   EXPECT_EQ(ChannelMemoryIOReadOffs(channel), 3);  // the refill took everything
   ChannelMemoryWriter(channel, &target);
@@ -1099,9 +884,8 @@ TEST(ChannelVirtual, CallbacksAndRelease) {
   EXPECT_EQ(ChannelSync(channel), 0);
   EXPECT_STREQ(KZErrorMessage(), "not implemented");
   ChannelDisconnect(channel);
-  EXPECT_EQ(plain.released, 1);
   ChannelDisconnect(channel);
-  EXPECT_EQ(plain.released, 1);
+  EXPECT_EQ(plain.released, 1);  // once, however often disconnected
 
   char buffer[4];
   size_t count = 9;

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -42,12 +43,9 @@ struct Load {
   int clients, requests;
 };
 Load ChosenLoad() {
-  int percent = kSanitized ? 10 : 100;
-  if (const char *scale = std::getenv("KZ_LOAD_SCALE")) percent = std::atoi(scale);
-  if (percent < 1) percent = 1;
-  if (percent > 100) percent = 100;
-  int clients = 200 * percent / 100, requests = 1000 * percent / 100;
-  return {clients < 4 ? 4 : clients, requests < 10 ? 10 : requests};
+  const char *scale = std::getenv("KZ_LOAD_SCALE");
+  const int percent = std::clamp(scale ? std::atoi(scale) : kSanitized ? 10 : 100, 1, 100);
+  return {std::max(4, 200 * percent / 100), std::max(10, 1000 * percent / 100)};
 }
 
 constexpr int kWorkers = 4;        // each serves its share with one wait
