@@ -1,4 +1,4 @@
-// Daemon mode through the public API. Every daemon is a forked test process
+// Daemon mode through the public API. Every daemon is a child test process
 // (it changes directory, standard streams and session for good); the parent
 // checks what it left in its temporary directory.
 #include "kz/daemon.h"
@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,13 +37,19 @@ std::vector<std::string> Names(const std::string &directory) {
   return names;
 }
 
+// The first of parts that text does not hold after the ones before it; "" when
+// it holds them all in this order.
+std::string FirstMissing(const std::string &text, const std::vector<std::string> &parts) {
+  size_t at = 0;
+  for (const std::string &part : parts)
+    if ((at = text.find(part, at)) == std::string::npos) return part;
+  return "";
+}
+
 void WriteFile(const std::string &path, size_t size, int ageDays) {
   std::ofstream(path, std::ios::binary) << std::string(size, 'x');
-  timespec times[2];
-  clock_gettime(CLOCK_REALTIME, &times[0]);
-  times[0].tv_sec -= static_cast<time_t>(ageDays) * 86400 + 60;  // a minute more than whole days
-  times[1] = times[0];
-  ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
+  std::filesystem::last_write_time(
+      path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(24 * ageDays) - std::chrono::minutes(1));
 }
 
 TEST(DaemonTest, SettlesInItsDirectoryWithLogAndPidFile) {
@@ -55,9 +62,8 @@ TEST(DaemonTest, SettlesInItsDirectoryWithLogAndPidFile) {
     if (KZGetDaemonDir() == nullptr || run != KZGetDaemonDir()) return 12;
     char cwd[512];
     if (!getcwd(cwd, sizeof cwd) || run != cwd) return 13;
-    // stdin reads the null device.
     char byte;
-    if (read(0, &byte, 1) != 0) return 14;
+    if (read(0, &byte, 1) != 0) return 14;  // the null device
     // Descriptors 1 and 2 are the log and not inheritable.
     if ((fcntl(1, F_GETFD) & FD_CLOEXEC) == 0 || (fcntl(2, F_GETFD) & FD_CLOEXEC) == 0) return 15;
     KZMessage(3, "message from the daemon");
@@ -66,8 +72,7 @@ TEST(DaemonTest, SettlesInItsDirectoryWithLogAndPidFile) {
     fprintf(stderr, "stderr line\n");
     // The pid file is held: another lock on it is refused at once.
     if (FileLockAcquire(run.c_str(), "daemon.pid", 1, 0) != nullptr || errno != 16) return 16;
-    // A second daemon in the same directory is refused and says so.
-    pid_t second = fork();
+    pid_t second = fork();  // a second daemon in the same directory is refused and says so
     if (second == 0) {
       KZSetDaemonDir(run.c_str());
       _exit(0);
@@ -82,14 +87,10 @@ TEST(DaemonTest, SettlesInItsDirectoryWithLogAndPidFile) {
   ASSERT_TRUE(child.Exited(0)) << child.Describe();
   EXPECT_EQ(std::to_string(child.pid), ReadFile(run + "/daemon.pid"));
   const std::string log = ReadFile(run + "/log.log");
-  EXPECT_NE(std::string::npos, log.find("message from the daemon")) << log;
-  EXPECT_NE(std::string::npos, log.find("stdout line\n")) << log;
-  EXPECT_NE(std::string::npos, log.find("stderr line\n")) << log;
-  EXPECT_NE(std::string::npos, log.find("daemon: cannot lock pid file : \"" + run + "/daemon.pid\"")) << log;
-  EXPECT_NE(std::string::npos, log.find("KZSetLogFileSuffix called after the process log files were created")) << log;
-  struct stat status;
-  ASSERT_EQ(0, stat(run.c_str(), &status));
-  EXPECT_TRUE(S_ISDIR(status.st_mode));
+  EXPECT_EQ("", FirstMissing(log, {"message from the daemon", "stdout line\n", "stderr line\n",
+                                   "daemon: cannot lock pid file : \"" + run + "/daemon.pid\"",
+                                   "KZSetLogFileSuffix called after the process log files were created"}))
+      << log;
 }
 
 TEST(DaemonTest, ReportsADirectoryItCannotCreate) {
@@ -101,29 +102,24 @@ TEST(DaemonTest, ReportsADirectoryItCannotCreate) {
     return 0;
   });
   ASSERT_TRUE(child.Exited(0)) << child.Describe();
-  EXPECT_NE(std::string::npos,
-            child.err.find("daemon: log directory creation (\"" + dir.path() + "/plain/below\") failed"))
+  EXPECT_EQ("", FirstMissing(child.err, {"daemon: log directory creation (\"" + dir.path() + "/plain/below\") failed",
+                                         "daemon: cannot open log file"}))
       << child.err;
-  EXPECT_NE(std::string::npos, child.err.find("daemon: cannot open log file")) << child.err;
 }
 
-// "log.YYYY-MM-DD-hh-mm-ss[.N].log": the stamp and N (0 when absent).
-bool ParseRotatedName(const std::string &name, std::string *stamp, int *counter) {
-  const std::string shape = "dddd-dd-dd-dd-dd-dd";
-  if (name.rfind("log.", 0) != 0 || name.size() < 4 + shape.size() + 4) return false;
-  *stamp = name.substr(4, shape.size());
-  for (size_t k = 0; k < shape.size(); k++)
-    if (shape[k] == 'd' ? !isdigit(static_cast<unsigned char>((*stamp)[k])) : (*stamp)[k] != '-') return false;
-  std::string rest = name.substr(4 + shape.size());
-  if (rest == ".log") {
-    *counter = 0;
-    return true;
-  }
-  if (rest.size() < 6 || rest[0] != '.' || rest.compare(rest.size() - 4, 4, ".log") != 0) return false;
-  std::string digits = rest.substr(1, rest.size() - 5);
-  if (digits.empty() || !std::all_of(digits.begin(), digits.end(), ::isdigit)) return false;
-  *counter = std::stoi(digits);
-  return true;
+// The rotated files of log name in directory: "<name>.YYYY-MM-DD-hh-mm-ss[.N].log".
+struct RotatedFile {
+  std::string file, stamp;
+  int counter;  // N, 0 when absent
+};
+std::vector<RotatedFile> Rotated(const std::string &directory, const std::string &name) {
+  const std::regex shape(name + R"(\.(\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d)(\.(\d+))?\.log)");
+  std::vector<RotatedFile> rotated;
+  std::smatch match;
+  for (const std::string &file : Names(directory))
+    if (std::regex_match(file, match, shape))
+      rotated.push_back({file, match[1], match[3].matched ? std::stoi(match[3]) : 0});
+  return rotated;
 }
 
 TEST(DaemonTest, RotationNamesAndStreams) {
@@ -153,43 +149,33 @@ TEST(DaemonTest, RotationNamesAndStreams) {
     return 0;
   });
   ASSERT_TRUE(child.Exited(0)) << child.Describe();
-
   // Rotations in one second count up: log.<stamp>.log, log.<stamp>.1.log, ...
   std::map<std::string, std::vector<int>> counters;
-  std::vector<std::string> rotatedNames;
-  for (const auto &name : Names(run)) {
-    std::string stamp;
-    int counter = 0;
-    if (!ParseRotatedName(name, &stamp, &counter)) continue;
-    counters[stamp].push_back(counter);
-    rotatedNames.push_back(name);
+  std::string rotatedText;
+  for (const RotatedFile &r : Rotated(run, "log")) {
+    counters[r.stamp].push_back(r.counter);
+    rotatedText += ReadFile(run + "/" + r.file);
   }
-  ASSERT_EQ(3u, rotatedNames.size());
+  size_t rotations = 0;
   for (auto &[stamp, list] : counters) {
     std::sort(list.begin(), list.end());
-    for (size_t k = 0; k < list.size(); k++) EXPECT_EQ(static_cast<int>(k), list[k]) << stamp;
+    for (size_t k = 0; k < list.size(); k++, rotations++) EXPECT_EQ(static_cast<int>(k), list[k]) << stamp;
   }
-  std::string all;
-  for (const auto &name : rotatedNames) all += ReadFile(run + "/" + name);
-  EXPECT_NE(std::string::npos, all.find("first generation"));
+  EXPECT_EQ(3u, rotations);
+  EXPECT_NE(std::string::npos, rotatedText.find("first generation"));
   const std::string current = ReadFile(run + "/log.log");
-  EXPECT_NE(std::string::npos, current.find("current generation")) << current;
-  EXPECT_NE(std::string::npos, current.find("stdout after rotation")) << current;
+  EXPECT_EQ("",
+            FirstMissing(current, {"current generation", "stdout after rotation", ":daemon: cannot rename log file"}))
+      << current;
   EXPECT_EQ(std::string::npos, current.find("first generation"));
   EXPECT_EQ("new access line\n", ReadFile(run + "/access.log"));
-  int accessFiles = 0;
-  for (const auto &name : Names(run))
-    if (name.rfind("access.", 0) == 0 && name != "access.log") {
-      accessFiles++;
-      EXPECT_EQ("access line\n", ReadFile(run + "/" + name));
-    }
-  EXPECT_EQ(1, accessFiles);
+  auto access = Rotated(run, "access");
+  ASSERT_EQ(1u, access.size());
+  EXPECT_EQ("access line\n", ReadFile(run + "/" + access[0].file));
   EXPECT_FALSE(std::filesystem::exists(run + "/ghost.log"));
   const std::string errors = ReadFile(run + "/log.err");
-  const std::string renameNote = "cannot rename log file from '" + run + "/ghost.log' to '" + run + "/ghost.";
-  EXPECT_EQ(0u, errors.find(renameNote)) << errors;
+  EXPECT_EQ(0u, errors.find("cannot rename log file from '" + run + "/ghost.log' to '" + run + "/ghost.")) << errors;
   EXPECT_NE(std::string::npos, errors.find("\n:daemon: cannot rename log file: ")) << errors;
-  EXPECT_NE(std::string::npos, current.find(":daemon: cannot rename log file")) << current;
 }
 
 TEST(DaemonTest, RotationSkipsNamesThatExist) {
@@ -197,13 +183,9 @@ TEST(DaemonTest, RotationSkipsNamesThatExist) {
   const std::string run = dir / "run";
   std::filesystem::create_directories(run);
   // Every stamp of the next minute is taken already: the rotation must count on.
-  time_t now = time(nullptr);
-  for (time_t t = now - 1; t < now + 60; t++) {
-    tm local;
-    localtime_r(&t, &local);
+  for (time_t t = time(nullptr) - 1, end = t + 61; t < end; t++) {
     char name[64];
-    snprintf(name, sizeof name, "log.%04d-%02d-%02d-%02d-%02d-%02d.log", local.tm_year + 1900, local.tm_mon + 1,
-             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    strftime(name, sizeof name, "log.%Y-%m-%d-%H-%M-%S.log", localtime(&t));
     std::ofstream(run + "/" + name) << "taken";
   }
   kztest::Child child = kztest::RunChild(dir, {}, [&] {
@@ -214,11 +196,8 @@ TEST(DaemonTest, RotationSkipsNamesThatExist) {
   });
   ASSERT_TRUE(child.Exited(0)) << child.Describe();
   std::vector<std::string> counted;
-  for (const auto &name : Names(run)) {
-    std::string stamp;
-    int counter = 0;
-    if (ParseRotatedName(name, &stamp, &counter) && counter != 0) counted.push_back(name);
-  }
+  for (const RotatedFile &r : Rotated(run, "log"))
+    if (r.counter != 0) counted.push_back(r.file);
   ASSERT_EQ(1u, counted.size());
   EXPECT_EQ(counted[0].size() - 6, counted[0].rfind(".1.log")) << counted[0];
   EXPECT_NE(std::string::npos, ReadFile(run + "/" + counted[0]).find("rotated away"));
@@ -247,10 +226,9 @@ TEST(DaemonTest, PurgesByAgeAndSizeOnlyTheDatedFilesOfTheLog) {
       static_cast<std::vector<std::string> *>(context)->push_back(path);
       return 0;
     };
-    if (KZDaemonEnumerateLogFiles(run.c_str(), "log", collect, &listed) != 1) return 9;
-    if (listed.size() != 3) return 10;
+    if (KZDaemonEnumerateLogFiles(run.c_str(), "log", collect, &listed) != 1 || listed.size() != 3) return 10;
     KZSetDaemonDir(run.c_str());
-    if (KZDaemonPurgeLogDays(nullptr, 0) != 1) return 11;
+    if (KZDaemonPurgeLogDays(nullptr, 0) != 1) return 11;  // below 1 day: nothing
     if (KZDaemonPurgeLogDays("log", 0) != 1 || !FileExists("log.20240101.log")) return 12;
     if (KZDaemonPurgeLogDays(nullptr, 5) != 1) return 13;
     return 0;
@@ -278,9 +256,12 @@ TEST(DaemonTest, PurgesByAgeAndSizeOnlyTheDatedFilesOfTheLog) {
     EXPECT_TRUE(std::filesystem::exists(run + "/" + kept)) << kept;
 }
 
-TEST(DaemonTest, ServiceReportsReadyAndStoppingToTheManager) {
+// A service under "-service -rundir <dir>": told to the manager on
+// $NOTIFY_SOCKET, logged from start to its exit status. A SIGTERM stops it
+// through its exit handlers unless the program chose to ignore it.
+TEST(DaemonTest, ServiceReportsToTheManagerAndLogsItsEnd) {
   TempDir dir;
-  const std::string socketPath = dir / "notify";
+  const std::string socketPath = dir / "notify", missing = dir / "no-manager";
   int manager = -1;
   if (!kztest::InChild()) {  // the service manager is the parent, bound before the child starts
     manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -291,89 +272,63 @@ TEST(DaemonTest, ServiceReportsReadyAndStoppingToTheManager) {
     memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
     ASSERT_EQ(0, bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address));
   }
-  const std::string run = dir / "run";
-  kztest::Child child = kztest::RunChild(dir, {{"NOTIFY_SOCKET", socketPath.c_str()}}, [&] {
-    KZLibInit("daemon_test");
-    std::string rundir = run;
-    char *argv[] = {const_cast<char *>("server"),  const_cast<char *>("-service"),
-                    const_cast<char *>("-rundir"), rundir.data(),
-                    const_cast<char *>("keep"),    nullptr};
-    int argc = 5;
-    if (KZSetDaemon(&argc, argv, nullptr, "svc") != 1) return 10;
-    if (argc != 2 || strcmp(argv[1], "keep") != 0 || argv[2] != nullptr) return 11;
-    exit(0);  // through the exit handlers, as a program's main returns
-  });
-  ASSERT_TRUE(child.Exited(0)) << child.Describe();
-  EXPECT_NE(std::string::npos, child.out.find("Starting service svc")) << child.out;
+  struct Case {
+    const char *name, *notifySocket;
+    bool sendTerm, ignoreTerm;
+    int status;
+    std::vector<std::string> logged;  // in this order
+    bool stopRequested;
+  } cases[] = {
+      {"exit", socketPath.c_str(), false, false, 0, {"Service svc started", "Service svc stopped, status=0"}, false},
+      {"terminated", nullptr, true, false, 0, {"Service stop requested", "Service svc stopped, status=0"}, true},
+      {"term ignored, no manager",
+       missing.c_str(),
+       true,
+       true,
+       3,
+       {"SetServiceStatus() failed", "Service svc started", "Service svc stopped, status=3"},
+       false},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string run = dir / c.name;
+    kztest::Environment environment;
+    if (c.notifySocket) environment.push_back({"NOTIFY_SOCKET", c.notifySocket});
+    kztest::Child child = kztest::RunChild(dir, environment, [&] {
+      if (c.ignoreTerm) signal(SIGTERM, SIG_IGN);
+      KZLibInit("daemon_test");
+      std::string rundir = run;
+      char *argv[] = {const_cast<char *>("server"),  const_cast<char *>("-service"),
+                      const_cast<char *>("-rundir"), rundir.data(),
+                      const_cast<char *>("keep"),    nullptr};
+      int argc = 5;
+      if (KZSetDaemon(&argc, argv, nullptr, "svc") != 1) return 10;
+      if (argc != 2 || strcmp(argv[1], "keep") != 0 || argv[2] != nullptr) return 11;
+      struct sigaction now;
+      if (sigaction(SIGTERM, nullptr, &now) != 0 || (now.sa_handler == SIG_IGN) != c.ignoreTerm) return 12;
+      if (c.sendTerm) kill(getpid(), SIGTERM);
+      while (c.sendTerm && !c.ignoreTerm) pause();  // only the library's stop thread can end the process
+      exit(c.status);                               // through the exit handlers, as a program's main returns
+    });
+    ASSERT_TRUE(child.Exited(c.status)) << child.Describe();
+    EXPECT_NE(std::string::npos, child.out.find("Starting service svc")) << child.out;
+    EXPECT_TRUE(std::filesystem::exists(run + "/daemon.pid"));
+    const std::string log = ReadFile(run + "/log.log");
+    EXPECT_EQ("", FirstMissing(log, c.logged)) << log;
+    EXPECT_EQ(c.stopRequested, log.find("stop requested") != std::string::npos) << log;
+  }
   std::vector<std::string> received;
   char buffer[256];
   ssize_t got;
   while ((got = recv(manager, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) received.emplace_back(buffer, got);
   close(manager);
   EXPECT_EQ((std::vector<std::string>{"READY=1", "STOPPING=1"}), received);
-  EXPECT_TRUE(std::filesystem::exists(run + "/daemon.pid"));
-  const std::string log = ReadFile(run + "/log.log");
-  size_t started = log.find("Service svc started"), stopped = log.find("Service svc stopped, status=0");
-  EXPECT_NE(std::string::npos, started) << log;
-  EXPECT_NE(std::string::npos, stopped) << log;
-  EXPECT_LT(started, stopped) << log;
-  EXPECT_EQ(std::string::npos, log.find("stop requested")) << log;
 
   // Without options nothing changes.
   char *plain[] = {const_cast<char *>("server"), const_cast<char *>("x"), nullptr};
   int argc = 2;
   EXPECT_EQ(0, KZSetDaemon(&argc, plain, nullptr, nullptr));
   EXPECT_EQ(2, argc);
-}
-
-// SIGTERM from the service manager: logged, reported, and the program ends
-// through its exit handlers with status 0.
-TEST(DaemonTest, ServiceStopsOnTheManagersSignal) {
-  TempDir dir;
-  const std::string run = dir / "run";
-  kztest::Child child = kztest::RunChild(dir, {}, [&] {
-    KZLibInit("daemon_test");
-    std::string rundir = run;
-    char *argv[] = {const_cast<char *>("server"), const_cast<char *>("-service"), const_cast<char *>("-rundir"),
-                    rundir.data(), nullptr};
-    int argc = 4;
-    if (KZSetDaemon(&argc, argv, nullptr, "svc") != 1) return 10;
-    kill(getpid(), SIGTERM);
-    for (;;) pause();  // only the library's stop thread can end the process
-  });
-  ASSERT_TRUE(child.Exited(0)) << child.Describe();
-  const std::string log = ReadFile(run + "/log.log");
-  size_t requested = log.find("Service stop requested"), stopped = log.find("Service svc stopped, status=0");
-  EXPECT_NE(std::string::npos, requested) << log;
-  EXPECT_NE(std::string::npos, stopped) << log;
-  EXPECT_LT(requested, stopped) << log;
-}
-
-// A program's own SIGTERM choice is kept; the exit status reaches the log;
-// a manager socket that cannot be reached is logged and the service goes on.
-TEST(DaemonTest, ServiceKeepsTheProgramsSignalChoiceAndLogsItsStatus) {
-  TempDir dir;
-  const std::string run = dir / "run";
-  const std::string missing = dir / "no-manager";
-  kztest::Child child = kztest::RunChild(dir, {{"NOTIFY_SOCKET", missing.c_str()}}, [&] {
-    signal(SIGTERM, SIG_IGN);
-    KZLibInit("daemon_test");
-    std::string rundir = run;
-    char *argv[] = {const_cast<char *>("server"), const_cast<char *>("-service"), const_cast<char *>("-rundir"),
-                    rundir.data(), nullptr};
-    int argc = 4;
-    if (KZSetDaemon(&argc, argv, nullptr, "svc") != 1) return 10;
-    struct sigaction now;
-    if (sigaction(SIGTERM, nullptr, &now) != 0 || now.sa_handler != SIG_IGN) return 11;
-    kill(getpid(), SIGTERM);  // ignored: the program goes on
-    exit(3);
-  });
-  ASSERT_TRUE(child.Exited(3)) << child.Describe();
-  const std::string log = ReadFile(run + "/log.log");
-  EXPECT_NE(std::string::npos, log.find("SetServiceStatus() failed")) << log;
-  EXPECT_NE(std::string::npos, log.find("Service svc started")) << log;
-  EXPECT_NE(std::string::npos, log.find("Service svc stopped, status=3")) << log;
-  EXPECT_EQ(std::string::npos, log.find("stop requested")) << log;
 }
 
 TEST(DaemonTest, DaemonOptionForksAndTheChildCarriesOn) {
