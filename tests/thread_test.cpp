@@ -31,10 +31,12 @@ int64_t WaitOnLatch(void *argument) { return static_cast<std::latch *>(argument)
 void WaitForEnd(KZThread thread) {
   ASSERT_TRUE(EventuallyTrue([&] { return !ThreadIsAlive(thread); })) << "still alive";
 }
-uint64_t MonotonicMillis() { return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count(); }
 #if defined(_WIN32)
 // The system's view of threads, as the tests compare the library with it.
 uint64_t KernelThreadId() { return GetCurrentThreadId(); }
+// The clock of the library's reference times: the tick count (the C++ steady
+// clock is the performance counter, which runs ahead of it by up to a tick).
+uint64_t MonotonicMillis() { return GetTickCount64(); }
 KZThread SystemSelf() { return reinterpret_cast<uintptr_t>(GetCurrentThread()); }
 int SystemJoin(KZThread thread, void **exitValue) {  // 0, or 1 when the system refuses
   DWORD code = 0;
@@ -51,6 +53,7 @@ KZThread SystemThreadReturning(unsigned value) {
 }
 #else
 uint64_t KernelThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
+uint64_t MonotonicMillis() { return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count(); }
 int NiceOf(uint64_t threadId) { return errno = 0, getpriority(PRIO_PROCESS, static_cast<id_t>(threadId)); }
 KZThread SystemSelf() { return static_cast<KZThread>(pthread_self()); }
 int SystemJoin(KZThread thread, void **exitValue) { return pthread_join(pthread_t(thread), exitValue); }
