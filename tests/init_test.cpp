@@ -141,12 +141,13 @@ TEST(LibInit, BrokenPipesAreIgnoredUnlessTheHostDecides) {
 TEST(LibInit, ConcurrentCallsStartTheLibraryOnce) {
   EXPECT_EQ(RunChild({},
                      [] {
-                       static std::atomic<int> runs{0}, finished{0}, go{0};  // go: 1 once all threads are started
+                       static std::atomic<int> runs{0}, finished{0};
+                       static kztest::Latch go(1);  // opens once all threads are started
                        KZLibInitAddHandler([] { runs++, std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
                        std::vector<std::jthread> threads(16);
                        for (auto &thread : threads)  // nobody returns before the start-up finished
-                         thread = std::jthread([] { go.wait(0), KZLibInit("threaded"), finished += runs == 1; });
-                       go = 1, go.notify_all(), threads.clear();  // joins them
+                         thread = std::jthread([] { go.wait(), KZLibInit("threaded"), finished += runs == 1; });
+                       go.count_down(), threads.clear();  // joins them
                        return printf("runs=%d finished=%d", runs.load(), finished.load()), 0;
                      })
                 .out,

@@ -2,7 +2,6 @@
 // observably blocked (counted as a waiter); the few short sleeps only give a
 // thread the chance to run: what follows them holds either way for a correct lock.
 #include <atomic>
-#include <latch>
 #include <thread>
 #include <vector>
 
@@ -56,7 +55,7 @@ KZRecursiveMutex g_recursive = KZ_RECURSIVE_MUTEX_INITIALIZER;
 
 TEST(Mutex, StaticMutexesFirstUsedByManyThreadsAtOnce) {
   long lazyCounter = 0, recursiveCounter = 0;
-  std::latch start(8);
+  kztest::Latch start(8);
   std::vector<KZMutex> seen(8);
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; t++)
@@ -128,7 +127,7 @@ KZRWLock g_rwStress = KZ_RWLOCK_INITIALIZER;
 TEST(RWLock, StaticLockNeverHasAWriterBesideAReader) {
   std::atomic<int> readers{0}, writers{0}, violations{0};
   long first = 0, second = 0;  // changed by writers only, equal outside a write
-  std::latch start(6);
+  kztest::Latch start(6);
   std::vector<std::thread> threads;
   for (int t = 0; t < 6; t++)
     threads.emplace_back([&, t] {
@@ -216,7 +215,7 @@ TEST(RWULock, UpgradeWaitsForReadersToDrainAndDowngradeLetsReadersIn) {
   KZRWULock lock = KZ_RWULOCK_INITIALIZER;
   RWULockAcquireRead(&lock), RWULockAcquireRead(&lock);  // two plain read holds
   std::atomic<int> step{0};                              // the upgrader's progress
-  std::latch goDowngrade(1), goRelease(1);
+  kztest::Latch goDowngrade(1), goRelease(1);
   std::thread upgrader([&] {
     RWULockAcquireUpgradable(&lock), step = 1, RWULockUpgrade(&lock), step = 2, goDowngrade.wait();
     RWULockDowngrade(&lock), step = 3, goRelease.wait(), RWULockRelease(&lock);

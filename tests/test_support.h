@@ -15,6 +15,8 @@
 #include <unistd.h>
 #endif
 
+#include <condition_variable>
+#include <mutex>
 #include <string>
 
 #include "kz/array.h"
@@ -26,6 +28,28 @@ extern "C" const char *__asan_default_options() { return "allocator_may_return_n
 extern "C" const char *__tsan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace kztest {
+
+// std::latch on a mutex and a condition variable. The C++ library's latch and
+// atomic waits (GCC 12) lose wake-ups on Windows, where they have no futex
+// (under Wine: lock and thread tests hung in a latch, a few runs in a hundred).
+class Latch {
+ public:
+  explicit Latch(std::ptrdiff_t count) : count_(count) {}
+  void count_down(std::ptrdiff_t n = 1) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    if ((count_ -= n) <= 0) opened_.notify_all();
+  }
+  void wait() {
+    std::unique_lock<std::mutex> hold(mutex_);
+    opened_.wait(hold, [&] { return count_ <= 0; });
+  }
+  void arrive_and_wait() { count_down(), wait(); }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable opened_;
+  std::ptrdiff_t count_;
+};
 
 // One or more digits in a death test's regular expression: GoogleTest's
 // simple expressions on Windows have no brackets.

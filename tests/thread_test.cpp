@@ -11,7 +11,6 @@
 #endif
 
 #include <atomic>
-#include <latch>
 
 #include "child_process.h"
 #include "kz/error.h"
@@ -26,7 +25,7 @@ bool EventuallyTrue(const std::function<bool()> &condition) {
   return condition();
 }
 int64_t ReturnValueAt(void *argument) { return *static_cast<int64_t *>(argument); }
-int64_t WaitOnLatch(void *argument) { return static_cast<std::latch *>(argument)->wait(), 5; }
+int64_t WaitOnLatch(void *argument) { return static_cast<kztest::Latch *>(argument)->wait(), 5; }
 // A thread not joined must have ended (its entry free) before its test returns.
 void WaitForEnd(KZThread thread) {
   ASSERT_TRUE(EventuallyTrue([&] { return !ThreadIsAlive(thread); })) << "still alive";
@@ -71,7 +70,7 @@ TEST(ThreadResultsDeathTest, DetachedThreadsEntryIsFreedAndReusedByTheNextCreati
   // Joined through the system, a library thread shows its entry index as its
   // exit value; such joins leave entries in use, hence a new process.
   const auto reuse = [] {
-    std::latch go(0);                                               // open
+    kztest::Latch go(0);                                            // open
     KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);  // entry 0
     const bool ended = EventuallyTrue([&] { return !ThreadIsAlive(detached); });
     // Entry 0 again, which must not keep the detached flag; once joined, entry 0 once more.
@@ -85,7 +84,7 @@ TEST(ThreadResultsDeathTest, DetachedThreadsEntryIsFreedAndReusedByTheNextCreati
 }
 
 TEST(ThreadLifetime, AliveUntilItsFunctionReturnsAndDetachedOnce) {
-  std::latch go(1);
+  kztest::Latch go(1);
   KZThread joinable = ThreadCreate(WaitOnLatch, &go, 0), running = ThreadCreate(WaitOnLatch, &go, 0);
   KZThread detached = ThreadCreateDetached(WaitOnLatch, &go, 0);
   for (KZThread thread : {ThreadGetCurrent(), joinable, running, detached}) EXPECT_EQ(ThreadIsAlive(thread), 1);
@@ -147,7 +146,7 @@ TEST(ThreadOnce, RacingThreadsRunTheFunctionOnceAndAllSucceed) {
   for (int round = 0; round < 10; round++) {
     int32_t state = calls = 0;
     std::atomic<int> succeeded{0};
-    std::latch start(12);
+    kztest::Latch start(12);
     std::vector<std::thread> threads;
     for (int i = 0; i < 12; i++)
       threads.emplace_back([&] { start.arrive_and_wait(), succeeded += ThreadOnce(&state, [] { calls++; }) == 1; });
@@ -240,7 +239,7 @@ TEST(ThreadPriority, TableValuesMapToNiceValuesOthersToNormalAndRaisingNeedsTheR
   if (NiceOf(KernelThreadId()) != 0) GTEST_SKIP() << "not running at nice value 0";  // which new threads inherit
   kztest::Child child = kztest::RunChild({}, [] {
     struct Worker {
-      std::latch go{1};
+      kztest::Latch go{1};
       std::atomic<uint64_t> id{0};
     } worker;
     auto run = [](void *a) {
