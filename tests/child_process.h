@@ -317,6 +317,21 @@ inline void Spawn(Child &child, const std::vector<std::string> &arguments, const
 #endif
 }
 
+// Spawns, waits, and reads the output and error the child wrote to
+// <stem>.out and <stem>.err, which are removed afterwards.
+inline void SpawnAndCollect(Child &child, const std::vector<std::string> &arguments,
+                            const std::vector<std::string> &environment, const std::string &stem,
+                            const std::string &workDir) {
+  const std::string outPath = stem + ".out", errPath = stem + ".err";
+  fflush(nullptr);
+  Spawn(child, arguments, environment, outPath, errPath, workDir);
+  child.out = ReadFile(outPath);
+  child.err += ReadFile(errPath);
+  std::error_code ignored;
+  std::filesystem::remove(outPath, ignored);
+  std::filesystem::remove(errPath, ignored);
+}
+
 }  // namespace child_detail
 
 // Runs body in a child process (see the top of this file) without core files
@@ -337,16 +352,9 @@ inline Child RunChild(const TempDir &dir, const Environment &environment, const 
   }
   std::string dirs;
   for (const std::string &path : state.dirs) dirs += path + "\n";
-  const std::string outPath = dir / "child.out", errPath = dir / "child.err";
-  fflush(nullptr);
-  child_detail::Spawn(
+  child_detail::SpawnAndCollect(
       child, {child_detail::SelfPath(), "--gtest_filter=" + state.test, "--kz_child=" + std::to_string(ordinal)},
-      child_detail::ChildEnvironment(environment, dirs), outPath, errPath);
-  child.out = ReadFile(outPath);
-  child.err += ReadFile(errPath);
-  std::error_code ignored;
-  std::filesystem::remove(outPath, ignored);
-  std::filesystem::remove(errPath, ignored);
+      child_detail::ChildEnvironment(environment, dirs), dir / "child", "");
   return child;
 }
 
@@ -362,14 +370,8 @@ inline Child RunChild(const Environment &environment, const std::function<int()>
 inline Child RunProgram(const TempDir &dir, const std::vector<std::string> &arguments,
                         const Environment &environment = {}) {
   Child child;
-  const std::string outPath = dir / "program.out", errPath = dir / "program.err";
-  fflush(nullptr);
-  child_detail::Spawn(child, arguments, child_detail::ChildEnvironment(environment, ""), outPath, errPath, dir.path());
-  child.out = ReadFile(outPath);
-  child.err += ReadFile(errPath);
-  std::error_code ignored;
-  std::filesystem::remove(outPath, ignored);
-  std::filesystem::remove(errPath, ignored);
+  child_detail::SpawnAndCollect(child, arguments, child_detail::ChildEnvironment(environment, ""), dir / "program",
+                                dir.path());
   return child;
 }
 
