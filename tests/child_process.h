@@ -174,12 +174,16 @@ struct Child {
   bool Exited(int code) const { return !timedOut && pid != -1 && status == code && !SignalOf(); }
   bool Signalled(int sig) const { return !timedOut && pid != -1 && SignalOf() == sig; }
   std::string Ending() const {
-    return timedOut ? "timed out" : SignalOf() ? SignalEnding(SignalOf()) : ExitEnding(status);
+    return pid == -1    ? "not started"
+           : timedOut   ? "timed out"
+           : SignalOf() ? SignalEnding(SignalOf())
+                        : ExitEnding(status);
 #else
-  bool Exited(int code) const { return !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == code; }
-  bool Signalled(int sig) const { return !timedOut && WIFSIGNALED(status) && WTERMSIG(status) == sig; }
+  bool Exited(int code) const { return !timedOut && pid != -1 && WIFEXITED(status) && WEXITSTATUS(status) == code; }
+  bool Signalled(int sig) const { return !timedOut && pid != -1 && WIFSIGNALED(status) && WTERMSIG(status) == sig; }
   std::string Ending() const {
-    return timedOut            ? "timed out"
+    return pid == -1           ? "not started"
+           : timedOut          ? "timed out"
            : WIFEXITED(status) ? ExitEnding(WEXITSTATUS(status))
                                : SignalEnding(WTERMSIG(status));
 #endif
@@ -269,8 +273,19 @@ inline void Spawn(Child &child, const std::vector<std::string> &arguments, const
   startup.hStdInput = in, startup.hStdOutput = out, startup.hStdError = err;
   PROCESS_INFORMATION process{};
   const std::wstring directory = std::filesystem::path(workDir).wstring();
-  if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT, block.data(),
-                     workDir.empty() ? nullptr : directory.c_str(), &startup, &process)) {
+  // Wine's CreateProcess fails now and then with ERROR_INTERNAL_ERROR on a
+  // loaded machine (its server is slow to answer); a later attempt starts the
+  // program.
+  BOOL started = FALSE;
+  for (int attempt = 0; attempt < 5 && !started; attempt++) {
+    if (attempt > 0) {
+      if (GetLastError() != ERROR_INTERNAL_ERROR) break;
+      Sleep(200 * attempt);
+    }
+    started = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                             block.data(), workDir.empty() ? nullptr : directory.c_str(), &startup, &process);
+  }
+  if (started) {
     child.pid = static_cast<pid_t>(process.dwProcessId);
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (WaitForSingleObject(process.hProcess, static_cast<DWORD>(left.count())) == WAIT_TIMEOUT) {
