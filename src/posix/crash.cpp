@@ -205,7 +205,6 @@ const char *SignalCodeName(int signal, int code) {
   }
 }
 
-
 uint32_t ExceptionCode(int signal, const siginfo_t *info, uintptr_t sp) {
   int code = info ? info->si_code : SI_USER;
   uintptr_t address = info ? reinterpret_cast<uintptr_t>(info->si_addr) : 0;
@@ -231,7 +230,6 @@ uint32_t ExceptionCode(int signal, const siginfo_t *info, uintptr_t sp) {
     default: return kAccessViolation;
   }
 }
-
 
 uintptr_t ContextPc(const ucontext_t *context) {
 #if defined(__x86_64__)

@@ -95,8 +95,6 @@ char g_threadNameText[32];
 
 // ---- descriptions -------------------------------------------------------------------
 
-
-
 // Exceptions that are crashes; everything else (C++ exceptions, debugger
 // notices, guard pages) belongs to whoever raised it.
 bool IsCrash(uint32_t code) {
