@@ -35,6 +35,7 @@
 #include <atomic>
 
 #include "internal/context.h"
+#include "internal/crash_report.h"
 #include "internal/os/backtrace.h"
 #include "internal/os/crash.h"
 #include "internal/startup.h"
@@ -48,13 +49,10 @@ namespace {
 
 constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGSYS};
 constexpr int kSignalCount = sizeof kSignals / sizeof kSignals[0];
-constexpr size_t kMaxFrames = 64;
 constexpr size_t kAltStackSize = 256 * 1024;
 constexpr size_t kAltStackMinimum = 64 * 1024;   // a smaller stack found in place is replaced
 constexpr size_t kStackBytesAbove = 256 * 1024;  // stack dumped above the stack pointer
 constexpr size_t kRedZone = 128;
-constexpr size_t kDirectoryMax = 4000;
-constexpr size_t kStackTextMax = 512;
 
 // ---- raw output ------------------------------------------------------------------
 
@@ -75,80 +73,7 @@ bool RawWrite(int fd, const void *data, size_t size) {
   return true;
 }
 
-// Formats into a fixed buffer. With a descriptor the buffer is written out
-// whenever it fills; without one the text is cut at the buffer's end and kept
-// NUL-terminated.
-class Writer {
- public:
-  Writer(int fd, char *buffer, size_t size) : fd_(fd), buffer_(buffer), size_(size) {
-    if (fd_ < 0 && size_ > 0) buffer_[0] = '\0';
-  }
-  ~Writer() { Flush(); }
-
-  Writer &Char(char c) {
-    size_t limit = fd_ >= 0 ? size_ : size_ - 1;
-    if (used_ >= limit) Flush();
-    if (used_ < limit) {
-      buffer_[used_++] = c;
-      if (fd_ < 0) buffer_[used_] = '\0';
-    }
-    return *this;
-  }
-  Writer &Str(const char *text) {
-    if (!text) text = "(null)";
-    while (*text) Char(*text++);
-    return *this;
-  }
-  Writer &Bytes(const char *text, size_t length) {
-    for (size_t i = 0; i < length; i++) Char(text[i]);
-    return *this;
-  }
-  Writer &Dec(uint64_t value) {
-    char digits[24];
-    int n = 0;
-    do {
-      digits[n++] = static_cast<char>('0' + value % 10);
-      value /= 10;
-    } while (value);
-    while (n) Char(digits[--n]);
-    return *this;
-  }
-  Writer &SignedDec(int64_t value) {
-    if (value < 0) {
-      Char('-');
-      return Dec(~static_cast<uint64_t>(value) + 1);
-    }
-    return Dec(static_cast<uint64_t>(value));
-  }
-  // "0x" and at least `width` digits.
-  Writer &Hex(uint64_t value, int width = 1, bool upper = false) {
-    const char *alphabet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    char digits[16];
-    int n = 0;
-    do {
-      digits[n++] = alphabet[value & 15];
-      value >>= 4;
-    } while (value);
-    Str("0x");
-    for (int i = n; i < width; i++) Char('0');
-    while (n) Char(digits[--n]);
-    return *this;
-  }
-  void Flush() {
-    if (fd_ >= 0 && used_ > 0) {
-      RawWrite(fd_, buffer_, used_);
-      used_ = 0;
-    }
-  }
-  size_t Length() const { return used_; }
-  const char *Text() const { return buffer_; }
-
- private:
-  int fd_;
-  char *buffer_;
-  size_t size_;
-  size_t used_ = 0;
-};
+void WriteToFd(intptr_t fd, const char *data, size_t size) { RawWrite(static_cast<int>(fd), data, size); }
 
 // ---- state -----------------------------------------------------------------------------
 
@@ -163,12 +88,6 @@ char g_debugger[4096];  // full path; empty: none
 
 // Crash file names: two slots, so that the handler always reads a complete
 // one while KZRunProtectedSetPath fills the other.
-struct CrashFiles {
-  char directory[kDirectoryMax + 1];
-  uint64_t pid;  // the process the names were made for; 0: not made yet
-  char dump[kDirectoryMax + 64];
-  char log[kDirectoryMax + 64];
-};
 CrashFiles g_files[2] = {{".", 0, "", ""}, {".", 0, "", ""}};
 std::atomic<int> g_filesSlot{0};
 pthread_mutex_t g_filesLock = PTHREAD_MUTEX_INITIALIZER;
@@ -207,22 +126,11 @@ thread_local AltStack t_altStack;
 std::atomic<long> g_crashThread{0};
 std::atomic<int> g_crashSignal{0};
 
-struct Crash {
+struct Crash : CrashRecord {
   int signal;
   int signalCode;
-  uint32_t code;
-  uintptr_t address;
-  uintptr_t pc;
   uintptr_t sp;
   const ucontext_t *context;
-  uint64_t pid;
-  uint64_t tid;
-  uint64_t time;
-  uint32_t flags;
-  bool isProtected;
-  const char *threadName;
-  uintptr_t frames[kMaxFrames];
-  size_t frameCount;
 };
 
 // Static so the handler needs little stack.
@@ -231,8 +139,7 @@ char g_ioBuffer[4096];
 char g_mapsBuffer[4096];
 char g_stackText[kStackTextMax];
 char g_threadNameText[32];
-char g_dumpName[kDirectoryMax + 64];
-char g_logName[kDirectoryMax + 64];
+CrashFiles g_otherNames;
 
 // ---- descriptions -------------------------------------------------------------------
 
@@ -298,27 +205,6 @@ const char *SignalCodeName(int signal, int code) {
   }
 }
 
-const char *CodeName(uint32_t code) {
-  switch (code) {
-    case kAccessViolation: return "access violation";
-    case kInPageError: return "in-page error";
-    case kInvalidSystemService: return "invalid system service";
-    case kIllegalInstruction: return "illegal instruction";
-    case kArrayBoundsExceeded: return "array bounds exceeded";
-    case kFloatDivideByZero: return "float divide by zero";
-    case kFloatInexactResult: return "float inexact result";
-    case kFloatInvalidOperation: return "float invalid operation";
-    case kFloatOverflow: return "float overflow";
-    case kFloatUnderflow: return "float underflow";
-    case kIntegerDivideByZero: return "integer divide by zero";
-    case kIntegerOverflow: return "integer overflow";
-    case kPrivilegedInstruction: return "privileged instruction";
-    case kStackOverflow: return "stack overflow";
-    case kDatatypeMisalignment: return "datatype misalignment";
-    default: return "unknown exception";
-  }
-}
-
 uint32_t ExceptionCode(int signal, const siginfo_t *info, uintptr_t sp) {
   int code = info ? info->si_code : SI_USER;
   uintptr_t address = info ? reinterpret_cast<uintptr_t>(info->si_addr) : 0;
@@ -342,21 +228,6 @@ uint32_t ExceptionCode(int signal, const siginfo_t *info, uintptr_t sp) {
       }
     case SIGSYS: return kInvalidSystemService;
     default: return kAccessViolation;
-  }
-}
-
-// The exceptions a protected call takes; every other one passes on and ends
-// the process as an unprotected crash would.
-bool TakenByProtectedCall(uint32_t code) {
-  switch (code) {
-    case kAccessViolation:
-    case kInPageError:
-    case kIllegalInstruction:
-    case kArrayBoundsExceeded:
-    case kPrivilegedInstruction:
-    case kStackOverflow:
-    case kDatatypeMisalignment: return true;
-    default: return false;
   }
 }
 
@@ -414,7 +285,7 @@ void WatchdogExpired(int) {
   int signal = g_crashSignal.load(std::memory_order_relaxed);
   char buffer[256];
   {
-    Writer out(ErrorStreamFd(), buffer, sizeof buffer);
+    ReportWriter out(WriteToFd, ErrorStreamFd(), buffer, sizeof buffer);
     out.Str(ProgramName())
         .Str(": crash handler still running after ")
         .Dec(g_graceTime.load())
@@ -441,55 +312,18 @@ void ArmWatchdog(int signal) {
 
 // ---- crash files -------------------------------------------------------------------
 
-// Days since 1970-01-01 to a civil date (proleptic Gregorian).
-void CivilFromDays(int64_t days, int64_t &year, unsigned &month, unsigned &day) {
-  days += 719468;
-  int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-  unsigned dayOfEra = static_cast<unsigned>(days - era * 146097);
-  unsigned yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-  unsigned dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-  unsigned mp = (5 * dayOfYear + 2) / 153;
-  day = dayOfYear - (153 * mp + 2) / 5 + 1;
-  month = mp < 10 ? mp + 3 : mp - 9;
-  year = static_cast<int64_t>(yearOfEra) + era * 400 + (month <= 2);
-}
-
-void WriteTime(Writer &out, uint64_t seconds) {
-  int64_t year;
-  unsigned month, day;
-  CivilFromDays(static_cast<int64_t>(seconds / 86400), year, month, day);
-  uint64_t rest = seconds % 86400;
-  auto two = [&out](uint64_t value) {
-    out.Char(static_cast<char>('0' + value / 10)).Char(static_cast<char>('0' + value % 10));
-  };
-  out.SignedDec(year).Char('/');
-  two(month);
-  out.Char('/');
-  two(day);
-  out.Char('-');
-  two(rest / 3600);
-  out.Char(':');
-  two(rest / 60 % 60);
-  out.Char(':');
-  two(rest % 60);
-  out.Str(" UTC");
-}
-
-void CrashFileNames() {
+// The names made for this process, or made again after a fork (or when none
+// were made yet).
+const CrashFiles &CrashFileNames() {
   const CrashFiles &files = g_files[g_filesSlot.load(std::memory_order_acquire)];
-  if (files.pid == g_crash.pid) {
-    Writer(-1, g_dumpName, sizeof g_dumpName).Str(files.dump);
-    Writer(-1, g_logName, sizeof g_logName).Str(files.log);
-    return;
-  }
-  // Made before a fork, or never: the names of this process.
-  Writer(-1, g_dumpName, sizeof g_dumpName).Str(files.directory).Str("/CRASH-").Dec(g_crash.pid).Str(".DMP");
-  Writer(-1, g_logName, sizeof g_logName).Str(files.directory).Str("/ERRORLOG-").Dec(g_crash.pid).Str(".TXT");
+  if (files.pid == g_crash.pid) return files;
+  MakeFileNames(g_otherNames, files.directory, '/', g_crash.pid);
+  return g_otherNames;
 }
 
 int CreateFile(const char *name) { return open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644); }
 
-void WriteRegisters(Writer &out, const ucontext_t *context) {
+void WriteRegisters(ReportWriter &out, const ucontext_t *context) {
 #if defined(__x86_64__)
   static const struct {
     const char *name;
@@ -525,97 +359,26 @@ void WriteRegisters(Writer &out, const ucontext_t *context) {
 #endif
 }
 
-const char *BaseName(const char *path) {
-  const char *base = path;
-  for (const char *p = path; *p; p++)
-    if (*p == '/') base = p + 1;
-  return base;
-}
-
-struct FrameLine {
-  Writer *out;
-  size_t index;
-  bool shortForm;  // stack text: file base names, no module
-};
-
-void WriteFrame(void *data, const backtrace::Frame &frame) {
-  auto *line = static_cast<FrameLine *>(data);
-  Writer &out = *line->out;
-  out.Str("  #").Dec(line->index);
-  if (line->index < 10) out.Char(' ');
-  out.Char(' ').Hex(frame.pc, 16).Char(' ');
-  if (frame.function) {
-    out.Str(frame.function);
-    if (!frame.inlined && frame.offset) out.Char('+').Hex(frame.offset);
-  } else {
-    out.Str("??");
-  }
-  if (frame.file) {
-    out.Str(" at ")
-        .Str(line->shortForm ? BaseName(frame.file) : frame.file)
-        .Char(':')
-        .Dec(static_cast<uint64_t>(frame.line < 0 ? 0 : frame.line));
-  }
-  if (frame.inlined) out.Str(" (inlined)");
-  if (!line->shortForm && frame.module && !frame.inlined)
-    out.Str(" in ").Str(frame.module).Char('+').Hex(frame.moduleOffset);
-  out.Char('\n');
-}
-
 void WriteLog(const char *name) {
   int fd = CreateFile(name);
   if (fd < 0) return;
   {
-    Writer out(fd, g_ioBuffer, sizeof g_ioBuffer);
+    ReportWriter out(WriteToFd, fd, g_ioBuffer, sizeof g_ioBuffer);
     char executable[4096];
     long length = readlink("/proc/self/exe", executable, sizeof executable - 1);
     executable[length > 0 ? length : 0] = '\0';
-    const char *host = startup::HostNameIfKnown();
-    const char *kernel = startup::KernelVersionIfKnown();
-
-    out.Str("kzlib crash report\n\n");
-    out.Str("Program:        ").Str(ProgramName()).Char('\n');
-    out.Str("Executable:     ").Str(length > 0 ? executable : "(unknown)").Char('\n');
-    out.Str("Library:        kzlib ")
-        .Dec(static_cast<uint64_t>(kzlib_major))
-        .Char('.')
-        .Dec(static_cast<uint64_t>(kzlib_minor))
-        .Char('.')
-        .Dec(static_cast<uint64_t>(kzlib_build));
-    if (kzlib_branch) out.Char('.').Dec(static_cast<uint64_t>(kzlib_branch));
-    out.Char(' ').Str(KZArchitecture()).Char('\n');
-    out.Str("Host:           ").Str(host ? host : "(unknown)").Char('\n');
-    out.Str("Kernel:         ").Str(kernel ? kernel : "(unknown)").Char('\n');
-    out.Str("Process:        ").Dec(g_crash.pid).Char('\n');
-    out.Str("Thread:         ").Dec(g_crash.tid).Str(" (").Str(g_crash.threadName).Str(")\n");
-    out.Str("Time:           ");
-    WriteTime(out, g_crash.time);
-    out.Char('\n');
+    WriteReportOpening(out, g_crash, length > 0 ? executable : nullptr);
     out.Str("Signal:         ").SignedDec(g_crash.signal).Char(' ').Str(SignalName(g_crash.signal));
     out.Str(", code ").SignedDec(g_crash.signalCode);
     const char *codeName = SignalCodeName(g_crash.signal, g_crash.signalCode);
     if (*codeName) out.Char(' ').Str(codeName);
     out.Char('\n');
-    out.Str("Exception:      ").Hex(g_crash.code, 8, true).Char(' ').Str(CodeName(g_crash.code)).Char('\n');
-    out.Str("Fault address:  ").Hex(g_crash.address, 16).Char('\n');
-    out.Str("Protected call: ").Str(g_crash.isProtected ? "yes" : "no").Char('\n');
-    out.Str("Flags:          ").Hex(g_crash.flags, 4).Char('\n');
+    WriteReportException(out, g_crash);
 
     out.Str("\nRegisters:\n");
     WriteRegisters(out, g_crash.context);
 
-    out.Str("\nBacktrace:\n");
-    if (!(g_crash.flags & KZ_FLAG_CRASH_STACK)) {
-      out.Str("  (not collected: nocrashstack)\n");
-    } else if (g_crash.frameCount == 0) {
-      out.Str("  (no frames)\n");
-    } else {
-      for (size_t i = 0; i < g_crash.frameCount; i++) {
-        out.Flush();  // what was written survives a fault in symbolisation
-        FrameLine line{&out, i, false};
-        backtrace::Symbolise(g_crash.frames[i], WriteFrame, &line);
-      }
-    }
+    WriteReportBacktrace(out, g_crash);
   }
   close(fd);
 }
@@ -767,7 +530,7 @@ void WriteSyslog(const char *directory) {
   int fd = static_cast<int>(syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (fd < 0) return;
   char line[1024];
-  Writer out(-1, line, sizeof line);
+  ReportWriter out(line, sizeof line);
   // LOG_USER | LOG_CRIT
   out.Str("<10>").Str(ProgramName()).Char('[').Dec(g_crash.pid).Str("]: crash: ");
   out.Str(SignalName(g_crash.signal)).Str(" (").Hex(g_crash.code, 8, true).Char(' ').Str(CodeName(g_crash.code));
@@ -783,14 +546,14 @@ void WriteSyslog(const char *directory) {
 void StartDebugger() {
   char text[512];
   {
-    Writer out(ErrorStreamFd(), text, sizeof text);
+    ReportWriter out(WriteToFd, ErrorStreamFd(), text, sizeof text);
     out.Str("** debugger invoked in process ").Dec(g_crash.pid).Str(", thread ").Dec(g_crash.tid).Str(" (");
     out.Str(g_crash.threadName).Str(")\n");
   }
   if (!g_debugger[0]) return;
   unsigned remaining = alarm(0);  // the person at the debugger takes their time
   char pidText[24];
-  Writer(-1, pidText, sizeof pidText).Dec(g_crash.pid);
+  ReportWriter(pidText, sizeof pidText).Dec(g_crash.pid);
   int gate[2];
   if (pipe2(gate, O_CLOEXEC) != 0) gate[0] = gate[1] = -1;
   long child = syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0);
@@ -814,28 +577,11 @@ void StartDebugger() {
   if (remaining) alarm(remaining);
 }
 
-// At most 512 bytes (NUL included) of whole frame lines.
-const char *StackText() {
-  Writer text(-1, g_stackText, sizeof g_stackText);
-  for (size_t i = 0; i < g_crash.frameCount; i++) {
-    char frameBuffer[kStackTextMax];
-    Writer frame(-1, frameBuffer, sizeof frameBuffer);
-    FrameLine line{&frame, i, true};
-    backtrace::Symbolise(g_crash.frames[i], WriteFrame, &line);
-    // Whole lines only, except a first line too long for the text.
-    if (text.Length() > 0 && text.Length() + frame.Length() >= sizeof g_stackText) break;
-    text.Str(frameBuffer);
-  }
-  return g_stackText;
-}
-
 // What a protected call without a report function gets.
 void DefaultDispatcher(uint64_t code, const char *stackText) {
   char buffer[1024];
-  Writer out(ErrorStreamFd(), buffer, sizeof buffer);
-  out.Str(ProgramName()).Str(": critical error ").Hex(code, 1, true).Str(" (").Str(CodeName(g_crash.code));
-  out.Str(") in a protected call, thread ").Dec(g_crash.tid).Str(" (").Str(g_crash.threadName).Str(")\n");
-  if (stackText && *stackText) out.Str(stackText);
+  ReportWriter out(WriteToFd, ErrorStreamFd(), buffer, sizeof buffer);
+  WriteDefaultDispatch(out, g_crash, code, stackText);
 }
 
 // ---- the handler ---------------------------------------------------------------------
@@ -917,13 +663,7 @@ void CrashHandler(int signal, siginfo_t *info, void *rawContext) {
   g_crash.time = static_cast<uint64_t>(time(nullptr));
   g_crash.flags = g_flagWord.load(std::memory_order_relaxed);
   g_crash.isProtected = isProtected;
-  MessageContext *messageContext = ContextIfAny();
-  if (messageContext && messageContext->threadName[0]) {
-    g_crash.threadName = messageContext->threadName;
-  } else {
-    Writer(-1, g_threadNameText, sizeof g_threadNameText).Dec(g_crash.tid);
-    g_crash.threadName = g_threadNameText;
-  }
+  g_crash.threadName = ThreadNameFor(g_crash.tid, g_threadNameText, sizeof g_threadNameText);
 
   // The action taken: 2 takes the exception; 0x100 asks for the crash files,
   // 0x400 for a stack text.
@@ -934,15 +674,15 @@ void CrashHandler(int signal, siginfo_t *info, void *rawContext) {
 
   const CrashFiles &files = g_files[g_filesSlot.load(std::memory_order_acquire)];
   if (action & KZ_FLAG_CRASH_FILES) {
-    CrashFileNames();
-    if (g_crash.flags & KZ_FLAG_CRASH_DUMP) WriteDump(g_dumpName);
-    if (g_crash.flags & KZ_FLAG_CRASH_LOG) WriteLog(g_logName);
+    const CrashFiles &names = CrashFileNames();
+    if (g_crash.flags & KZ_FLAG_CRASH_DUMP) WriteDump(names.dump);
+    if (g_crash.flags & KZ_FLAG_CRASH_LOG) WriteLog(names.log);
   }
   if (g_crash.flags & KZ_FLAG_CRASH_SYSLOG) WriteSyslog(files.directory);
   if (g_crash.flags & KZ_FLAG_DEBUGGER) StartDebugger();
 
   if (isProtected && (action & 0xF) == 2) {
-    const char *stackText = (action & KZ_FLAG_CRASH_STACK) ? StackText() : nullptr;
+    const char *stackText = (action & KZ_FLAG_CRASH_STACK) ? WriteStackText(g_crash, g_stackText) : nullptr;
     uint64_t code = kReportMark | g_crash.code;
     KZCrashReport report = t_protection.report;
     if (report)
@@ -977,18 +717,6 @@ void InstallSlot(int slot) {
   sigemptyset(&mine.sa_mask);
   for (int signal : kSignals) sigaddset(&mine.sa_mask, signal);
   if (sigaction(kSignals[slot], &mine, nullptr) == 0) g_ours[slot].store(true, std::memory_order_release);
-}
-
-bool MakeFileNames(CrashFiles &files, const char *directory) {
-  size_t length = strlen(directory);
-  if (length > kDirectoryMax) return false;
-  memcpy(files.directory, directory, length + 1);
-  files.pid = static_cast<uint64_t>(getpid());
-  trio_snprintf(files.dump, sizeof files.dump, "%s/CRASH-%I64u.DMP", directory,
-                static_cast<unsigned long long>(files.pid));
-  trio_snprintf(files.log, sizeof files.log, "%s/ERRORLOG-%I64u.TXT", directory,
-                static_cast<unsigned long long>(files.pid));
-  return true;
 }
 
 void EnsureProtectedHandling() {
@@ -1050,7 +778,7 @@ bool SetDirectory(const char *directory) {
   if (!directory || !*directory) directory = ".";
   pthread_mutex_lock(&g_filesLock);
   int next = 1 - g_filesSlot.load(std::memory_order_relaxed);
-  bool made = MakeFileNames(g_files[next], directory);
+  bool made = MakeFileNames(g_files[next], directory, '/', static_cast<uint64_t>(getpid()));
   if (made) g_filesSlot.store(next, std::memory_order_release);
   pthread_mutex_unlock(&g_filesLock);
   return made;

@@ -24,6 +24,7 @@
 #include <atomic>
 
 #include "internal/context.h"
+#include "internal/crash_report.h"
 #include "internal/os/backtrace.h"
 #include "internal/os/crash.h"
 #include "internal/os/error.h"
@@ -34,76 +35,14 @@
 namespace kz::crash {
 namespace {
 
-constexpr size_t kMaxFrames = 64;
-constexpr size_t kDirectoryMax = 4000;
-constexpr size_t kStackTextMax = 512;
 constexpr ULONG kStackGuarantee = 64 * 1024;  // stack kept for handlers after an overflow
 
 // ---- raw output ------------------------------------------------------------------
 
-// Formats into a fixed buffer. With a file the buffer is written out whenever
-// it fills; without one the text is cut at the buffer's end and kept
-// NUL-terminated. No allocation, no C runtime stream.
-class Writer {
- public:
-  Writer(HANDLE file, char *buffer, size_t size) : file_(file), buffer_(buffer), size_(size) {
-    if (!file_ && size_ > 0) buffer_[0] = '\0';
-  }
-  ~Writer() { Flush(); }
-
-  Writer &Char(char c) {
-    size_t limit = file_ ? size_ : size_ - 1;
-    if (used_ >= limit) Flush();
-    if (used_ < limit) {
-      buffer_[used_++] = c;
-      if (!file_) buffer_[used_] = '\0';
-    }
-    return *this;
-  }
-  Writer &Str(const char *text) {
-    if (!text) text = "(null)";
-    while (*text) Char(*text++);
-    return *this;
-  }
-  Writer &Dec(uint64_t value) {
-    char digits[24];
-    int n = 0;
-    do {
-      digits[n++] = static_cast<char>('0' + value % 10);
-      value /= 10;
-    } while (value);
-    while (n) Char(digits[--n]);
-    return *this;
-  }
-  // "0x" and at least `width` digits.
-  Writer &Hex(uint64_t value, int width = 1, bool upper = false) {
-    const char *alphabet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    char digits[16];
-    int n = 0;
-    do {
-      digits[n++] = alphabet[value & 15];
-      value >>= 4;
-    } while (value);
-    Str("0x");
-    for (int i = n; i < width; i++) Char('0');
-    while (n) Char(digits[--n]);
-    return *this;
-  }
-  void Flush() {
-    if (file_ && used_ > 0) {
-      DWORD written;
-      WriteFile(file_, buffer_, static_cast<DWORD>(used_), &written, nullptr);
-      used_ = 0;
-    }
-  }
-  size_t Length() const { return used_; }
-
- private:
-  HANDLE file_;
-  char *buffer_;
-  size_t size_;
-  size_t used_ = 0;
-};
+void WriteToHandle(intptr_t handle, const char *data, size_t size) {
+  DWORD written;
+  WriteFile(reinterpret_cast<HANDLE>(handle), data, static_cast<DWORD>(size), &written, nullptr);
+}
 
 // The error stream as a system handle (the C runtime's descriptor 2 unless
 // the program set another message stream).
@@ -128,12 +67,7 @@ std::atomic<MiniDumpWriteDumpFunction> g_writeDump{nullptr};
 
 // Crash file names: two slots, so that the handler always reads a complete
 // one while KZRunProtectedSetPath fills the other.
-struct CrashFiles {
-  char directory[kDirectoryMax + 1];
-  char dump[kDirectoryMax + 64];
-  char log[kDirectoryMax + 64];
-};
-CrashFiles g_files[2] = {{".", "", ""}, {".", "", ""}};
+CrashFiles g_files[2] = {{".", 0, "", ""}, {".", 0, "", ""}};
 std::atomic<int> g_filesSlot{0};
 SRWLOCK g_filesLock = SRWLOCK_INIT;
 
@@ -149,20 +83,9 @@ thread_local bool t_prepared = false;
 // meanwhile wait for it to end the process.
 std::atomic<DWORD> g_crashThread{0};
 
-struct Crash {
-  uint32_t code;
-  uintptr_t address;
-  uintptr_t pc;
+struct Crash : CrashRecord {
   EXCEPTION_POINTERS *pointers;
-  uint64_t pid;
-  uint64_t tid;
-  uint64_t time;
-  uint32_t flags;
-  bool isProtected;
   KZCrashReport report;  // a protected call's report function (the default dispatcher for none)
-  const char *threadName;
-  uintptr_t frames[kMaxFrames];
-  size_t frameCount;
 };
 
 Crash g_crash;
@@ -171,41 +94,6 @@ char g_stackText[kStackTextMax];
 char g_threadNameText[32];
 
 // ---- descriptions -------------------------------------------------------------------
-
-const char *CodeName(uint32_t code) {
-  switch (code) {
-    case kAccessViolation: return "access violation";
-    case kInPageError: return "in-page error";
-    case kInvalidSystemService: return "invalid system service";
-    case kIllegalInstruction: return "illegal instruction";
-    case kArrayBoundsExceeded: return "array bounds exceeded";
-    case kFloatDivideByZero: return "float divide by zero";
-    case kFloatInexactResult: return "float inexact result";
-    case kFloatInvalidOperation: return "float invalid operation";
-    case kFloatOverflow: return "float overflow";
-    case kFloatUnderflow: return "float underflow";
-    case kIntegerDivideByZero: return "integer divide by zero";
-    case kIntegerOverflow: return "integer overflow";
-    case kPrivilegedInstruction: return "privileged instruction";
-    case kStackOverflow: return "stack overflow";
-    case kDatatypeMisalignment: return "datatype misalignment";
-    default: return "unknown exception";
-  }
-}
-
-// The exceptions a protected call takes; every other one passes on.
-bool TakenByProtectedCall(uint32_t code) {
-  switch (code) {
-    case kAccessViolation:
-    case kInPageError:
-    case kIllegalInstruction:
-    case kArrayBoundsExceeded:
-    case kPrivilegedInstruction:
-    case kStackOverflow:
-    case kDatatypeMisalignment: return true;
-    default: return false;
-  }
-}
 
 // Exceptions that are crashes; everything else (C++ exceptions, debugger
 // notices, guard pages) belongs to whoever raised it.
@@ -217,34 +105,6 @@ bool IsCrash(uint32_t code) {
 
 // ---- crash files -------------------------------------------------------------------
 
-void WriteTime(Writer &out, uint64_t seconds) {
-  // FILETIME counts 100 ns from 1601: the system converts it to a date.
-  ULARGE_INTEGER ticks;
-  ticks.QuadPart = (seconds + 11644473600ull) * 10000000ull;
-  FILETIME file;
-  file.dwLowDateTime = ticks.LowPart;
-  file.dwHighDateTime = ticks.HighPart;
-  SYSTEMTIME date;
-  if (!FileTimeToSystemTime(&file, &date)) {
-    out.Dec(seconds);
-    return;
-  }
-  auto two = [&out](unsigned value) {
-    out.Char(static_cast<char>('0' + value / 10)).Char(static_cast<char>('0' + value % 10));
-  };
-  out.Dec(date.wYear).Char('/');
-  two(date.wMonth);
-  out.Char('/');
-  two(date.wDay);
-  out.Char('-');
-  two(date.wHour);
-  out.Char(':');
-  two(date.wMinute);
-  out.Char(':');
-  two(date.wSecond);
-  out.Str(" UTC");
-}
-
 // A file named in UTF-8, created or emptied, not inheritable.
 HANDLE CreateCrashFile(const char *name) {
   wchar_t wide[kDirectoryMax + 64];
@@ -254,7 +114,7 @@ HANDLE CreateCrashFile(const char *name) {
   return file == INVALID_HANDLE_VALUE ? nullptr : file;
 }
 
-void WriteRegisters(Writer &out, const CONTEXT *context) {
+void WriteRegisters(ReportWriter &out, const CONTEXT *context) {
 #if defined(__x86_64__)
   const struct {
     const char *name;
@@ -282,42 +142,11 @@ void WriteRegisters(Writer &out, const CONTEXT *context) {
 #endif
 }
 
-const char *BaseName(const char *path) {
-  const char *base = path;
-  for (const char *p = path; *p; p++)
-    if (*p == '/' || *p == '\\') base = p + 1;
-  return base;
-}
-
-struct FrameLine {
-  Writer *out;
-  size_t index;
-  bool shortForm;  // stack text: module base names
-};
-
-// "  #3  0x00007ff6a1b21234 Function+0x1c in C:\path\program.exe+0x1234"
-void WriteFrame(void *data, const backtrace::Frame &frame) {
-  auto *line = static_cast<FrameLine *>(data);
-  Writer &out = *line->out;
-  out.Str("  #").Dec(line->index);
-  if (line->index < 10) out.Char(' ');
-  out.Char(' ').Hex(frame.pc, 16).Char(' ');
-  if (frame.function) {
-    out.Str(frame.function);
-    if (frame.offset) out.Char('+').Hex(frame.offset);
-  } else {
-    out.Str("??");
-  }
-  if (frame.module)
-    out.Str(" in ").Str(line->shortForm ? BaseName(frame.module) : frame.module).Char('+').Hex(frame.moduleOffset);
-  out.Char('\n');
-}
-
 void WriteLog(const char *name) {
   HANDLE file = CreateCrashFile(name);
   if (!file) return;
   {
-    Writer out(file, g_ioBuffer, sizeof g_ioBuffer);
+    ReportWriter out(WriteToHandle, reinterpret_cast<intptr_t>(file), g_ioBuffer, sizeof g_ioBuffer);
     char executable[MAX_PATH * 3];
     wchar_t wide[MAX_PATH];
     DWORD length = GetModuleFileNameW(nullptr, wide, MAX_PATH);
@@ -326,47 +155,13 @@ void WriteLog(const char *name) {
                                             sizeof executable - 1, nullptr, nullptr)
                       : 0;
     executable[written > 0 ? written : 0] = '\0';
-    const char *host = startup::HostNameIfKnown();
-    const char *kernel = startup::KernelVersionIfKnown();
-
-    out.Str("kzlib crash report\n\n");
-    out.Str("Program:        ").Str(ProgramName()).Str("\n");
-    out.Str("Executable:     ").Str(written > 0 ? executable : "(unknown)").Str("\n");
-    out.Str("Library:        kzlib ")
-        .Dec(static_cast<uint64_t>(kzlib_major))
-        .Char('.')
-        .Dec(static_cast<uint64_t>(kzlib_minor))
-        .Char('.')
-        .Dec(static_cast<uint64_t>(kzlib_build));
-    if (kzlib_branch) out.Char('.').Dec(static_cast<uint64_t>(kzlib_branch));
-    out.Char(' ').Str(KZArchitecture()).Str("\n");
-    out.Str("Host:           ").Str(host ? host : "(unknown)").Str("\n");
-    out.Str("Kernel:         ").Str(kernel ? kernel : "(unknown)").Str("\n");
-    out.Str("Process:        ").Dec(g_crash.pid).Str("\n");
-    out.Str("Thread:         ").Dec(g_crash.tid).Str(" (").Str(g_crash.threadName).Str(")\n");
-    out.Str("Time:           ");
-    WriteTime(out, g_crash.time);
-    out.Str("\n");
-    out.Str("Exception:      ").Hex(g_crash.code, 8, true).Char(' ').Str(CodeName(g_crash.code)).Str("\n");
-    out.Str("Fault address:  ").Hex(g_crash.address, 16).Str("\n");
-    out.Str("Protected call: ").Str(g_crash.isProtected ? "yes" : "no").Str("\n");
-    out.Str("Flags:          ").Hex(g_crash.flags, 4).Str("\n");
+    WriteReportOpening(out, g_crash, written > 0 ? executable : nullptr);
+    WriteReportException(out, g_crash);
 
     out.Str("\nRegisters:\n");
     WriteRegisters(out, g_crash.pointers->ContextRecord);
 
-    out.Str("\nBacktrace:\n");
-    if (!(g_crash.flags & KZ_FLAG_CRASH_STACK)) {
-      out.Str("  (not collected: nocrashstack)\n");
-    } else if (g_crash.frameCount == 0) {
-      out.Str("  (no frames)\n");
-    } else {
-      for (size_t i = 0; i < g_crash.frameCount; i++) {
-        out.Flush();  // what was written survives a fault in symbolisation
-        FrameLine line{&out, i, false};
-        backtrace::Symbolise(g_crash.frames[i], WriteFrame, &line);
-      }
-    }
+    WriteReportBacktrace(out, g_crash);
   }
   CloseHandle(file);
 }
@@ -391,7 +186,7 @@ void WriteEventLog(const char *directory) {
   if (!source) return;
   char line[1024];
   {
-    Writer out(nullptr, line, sizeof line);
+    ReportWriter out(line, sizeof line);
     out.Str(ProgramName()).Char('[').Dec(g_crash.pid).Str("]: crash: ").Hex(g_crash.code, 8, true).Char(' ');
     out.Str(CodeName(g_crash.code)).Str(" at ").Hex(g_crash.address).Str(", thread ").Dec(g_crash.tid);
     out.Str(" (").Str(g_crash.threadName).Str("); crash files in ").Str(directory);
@@ -407,14 +202,14 @@ void WriteEventLog(const char *directory) {
 void StartDebugger() {
   char text[512];
   {
-    Writer out(ErrorStreamHandle(), text, sizeof text);
+    ReportWriter out(WriteToHandle, reinterpret_cast<intptr_t>(ErrorStreamHandle()), text, sizeof text);
     out.Str("** debugger invoked in process ").Dec(g_crash.pid).Str(", thread ").Dec(g_crash.tid).Str(" (");
     out.Str(g_crash.threadName).Str(")\n");
   }
   if (!g_debugger[0]) return;
   char commandLine[sizeof g_debugger + 40];
   {
-    Writer out(nullptr, commandLine, sizeof commandLine);
+    ReportWriter out(commandLine, sizeof commandLine);
     out.Char('"').Str(g_debugger).Str("\" -p ").Dec(g_crash.pid);
   }
   wchar_t wide[sizeof commandLine];
@@ -428,27 +223,11 @@ void StartDebugger() {
   CloseHandle(process.hProcess);
 }
 
-// At most 512 bytes (NUL included) of whole frame lines.
-const char *StackText() {
-  Writer text(nullptr, g_stackText, sizeof g_stackText);
-  for (size_t i = 0; i < g_crash.frameCount; i++) {
-    char frameBuffer[kStackTextMax];
-    Writer frame(nullptr, frameBuffer, sizeof frameBuffer);
-    FrameLine line{&frame, i, true};
-    backtrace::Symbolise(g_crash.frames[i], WriteFrame, &line);
-    if (text.Length() > 0 && text.Length() + frame.Length() >= sizeof g_stackText) break;
-    text.Str(frameBuffer);
-  }
-  return g_stackText;
-}
-
 // What a protected call without a report function gets.
 void DefaultDispatcher(uint64_t code, const char *stackText) {
   char buffer[1024];
-  Writer out(ErrorStreamHandle(), buffer, sizeof buffer);
-  out.Str(ProgramName()).Str(": critical error ").Hex(code, 1, true).Str(" (").Str(CodeName(g_crash.code));
-  out.Str(") in a protected call, thread ").Dec(g_crash.tid).Str(" (").Str(g_crash.threadName).Str(")\n");
-  if (stackText && *stackText) out.Str(stackText);
+  ReportWriter out(WriteToHandle, reinterpret_cast<intptr_t>(ErrorStreamHandle()), buffer, sizeof buffer);
+  WriteDefaultDispatch(out, g_crash, code, stackText);
 }
 
 // ---- the handler ---------------------------------------------------------------------
@@ -490,7 +269,7 @@ DWORD WINAPI Watchdog(void *) {
   Sleep(grace * 1000u);
   char buffer[256];
   {
-    Writer out(ErrorStreamHandle(), buffer, sizeof buffer);
+    ReportWriter out(WriteToHandle, reinterpret_cast<intptr_t>(ErrorStreamHandle()), buffer, sizeof buffer);
     out.Str(ProgramName()).Str(": crash handler still running after ").Dec(grace).Str(" seconds, ending the process\n");
   }
   TerminateProcess(GetCurrentProcess(), g_crash.code);
@@ -515,7 +294,7 @@ DWORD WINAPI ReportCrash(void *) {
   if (g_crash.flags & KZ_FLAG_CRASH_SYSLOG) WriteEventLog(files.directory);
   if (g_crash.flags & KZ_FLAG_DEBUGGER) StartDebugger();
   if (g_crash.isProtected && g_crash.report) {
-    const char *stackText = (g_crash.flags & KZ_FLAG_CRASH_STACK) ? StackText() : nullptr;
+    const char *stackText = (g_crash.flags & KZ_FLAG_CRASH_STACK) ? WriteStackText(g_crash, g_stackText) : nullptr;
     g_crash.report(kReportMark | g_crash.code, stackText);
   }
   return 0;
@@ -546,13 +325,7 @@ void HandleCrash(EXCEPTION_POINTERS *pointers, bool isProtected) {
   g_crash.time = static_cast<uint64_t>(time(nullptr));
   g_crash.flags = g_flagWord.load(std::memory_order_relaxed);
   g_crash.isProtected = isProtected;
-  MessageContext *messageContext = ContextIfAny();
-  if (messageContext && messageContext->threadName[0]) {
-    g_crash.threadName = messageContext->threadName;
-  } else {
-    Writer(nullptr, g_threadNameText, sizeof g_threadNameText).Dec(g_crash.tid);
-    g_crash.threadName = g_threadNameText;
-  }
+  g_crash.threadName = ThreadNameFor(g_crash.tid, g_threadNameText, sizeof g_threadNameText);
   // Only an exception the protected call takes is reported to it; any other
   // ends the process like a crash outside one.
   g_crash.report = nullptr;
@@ -584,16 +357,6 @@ LONG WINAPI UnhandledFilter(EXCEPTION_POINTERS *pointers) {
   HandleCrash(pointers, t_protection.depth > 0);
   // The exception ends the process with its code.
   return EXCEPTION_EXECUTE_HANDLER;
-}
-
-bool MakeFileNames(CrashFiles &files, const char *directory) {
-  size_t length = strlen(directory);
-  if (length > kDirectoryMax) return false;
-  memcpy(files.directory, directory, length + 1);
-  unsigned long long pid = GetCurrentProcessId();
-  trio_snprintf(files.dump, sizeof files.dump, "%s\\CRASH-%I64u.DMP", directory, pid);
-  trio_snprintf(files.log, sizeof files.log, "%s\\ERRORLOG-%I64u.TXT", directory, pid);
-  return true;
 }
 
 // A protected call before start-up: the names of the working directory.
@@ -664,7 +427,7 @@ bool SetDirectory(const char *directory) {
   if (!directory || !*directory) directory = ".";
   AcquireSRWLockExclusive(&g_filesLock);
   int next = 1 - g_filesSlot.load(std::memory_order_relaxed);
-  bool made = MakeFileNames(g_files[next], directory);
+  bool made = MakeFileNames(g_files[next], directory, '\\', GetCurrentProcessId());
   if (made) g_filesSlot.store(next, std::memory_order_release);
   ReleaseSRWLockExclusive(&g_filesLock);
   return made;
