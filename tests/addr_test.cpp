@@ -1,6 +1,5 @@
 // Network addresses: literals, tests, masks, ports, resolution, printing,
 // family changes and peer security flags.
-#include <arpa/inet.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -51,15 +50,13 @@ TEST(IPAddrSetIP, DottedQuadsAndIPv6) {
     EXPECT_EQ(address.family, KZ_FAMILY_IPV4);
     EXPECT_EQ(stored, c.value) << c.text;  // host byte order
   }
-  for (const char *text : {"::1", "[::1]", "[::ffff:1.2.3.4]"}) {
+  for (const char *text : {"::1", "[::1]"}) {
     IPAddr address;
-    unsigned char expected[16];
     ASSERT_EQ(IPAddrSetIP(&address, text), 1) << text;
-    std::string bare(text + (text[0] == '['), strlen(text) - 2 * (text[0] == '['));
-    ASSERT_EQ(inet_pton(AF_INET6, bare.c_str(), expected), 1);
     EXPECT_EQ(address.family, KZ_FAMILY_IPV6);
-    EXPECT_EQ(memcmp(address.address, expected, 16), 0) << text;  // network order
+    EXPECT_EQ(address.address[15], 1) << text;  // network order
   }
+  EXPECT_EQ(Text(IP("[::ffff:1.2.3.4]")), "::ffff:1.2.3.4");
   KZErrorClear();
   for (const char *text : {"1.2.3", "1.2.3.4.5", "1..2.3", "256.1.1.1", "1.2.3.4 ", "1.2.3.4.", "+1.2.3.4",
                            "1.2.3.99999999999", "", "[1.2.3.4]", "[::1", "[]", "[[::1]]", "g::1", "[::1]:80"}) {
@@ -123,15 +120,9 @@ TEST(IPAddr, WildcardAndLoopback) {
   EXPECT_EQ(Text(tcp), "[::1]:443");
   TCPAddrAny(&tcp, KZ_FAMILY_IPV4, 80);
   EXPECT_EQ(Text(tcp), "0.0.0.0:80");
-  for (auto run : {+[] {
-                     IPAddr a;
-                     IPAddrAny(&a, 3);
-                   },
-                   +[] {
-                     IPAddr a;
-                     IPAddrLocal(&a, 7);
-                   }})
-    kztest::ExpectFatal({run, 0, "'FALSE' failed at kzlib/kztcp"});
+  static IPAddr unsupported;
+  kztest::ExpectFatal({[] { IPAddrAny(&unsupported, 3); }, 0, "'FALSE' failed at kzlib/kztcp"});
+  kztest::ExpectFatal({[] { IPAddrLocal(&unsupported, 7); }, 0, "'FALSE' failed at kzlib/kztcp"});
 }
 
 TEST(IPAddr, Masks) {
@@ -400,23 +391,19 @@ TEST(TCPAddr, PeerSecurityFlagsOfAnotherUser) {
   passwd *nobody = getpwnam("nobody");
   ASSERT_NE(nobody, nullptr);
   kztest::Listener listener;
-  int accepted[2], done[2];
+  int accepted[2];
   ASSERT_EQ(pipe(accepted), 0);
-  ASSERT_EQ(pipe(done), 0);
   pid_t child = fork();
-  if (child == 0) {  // the peer: accepts as "nobody" and holds the connection
+  if (child == 0) {  // the peer: accepts as "nobody" and holds the connection until the channel closes
     close(accepted[0]);
-    close(done[1]);
     if (setgroups(0, nullptr) != 0 || setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) _exit(2);
     kztest::Fd connection = listener.Accept();
-    if (connection.get() < 0) _exit(3);
     char byte = 1;
-    (void)!write(accepted[1], &byte, 1);
-    (void)!read(done[0], &byte, 1);
+    if (connection.get() < 0 || write(accepted[1], &byte, 1) != 1) _exit(3);
+    (void)!read(connection.get(), &byte, 1);
     _exit(0);
   }
   close(accepted[1]);
-  close(done[0]);
   Channel *channel = ChannelNew(-1, -1);
   TCPAddr target = listener.Address();
   ASSERT_EQ(ChannelConnect(channel, &target), 1);
@@ -425,12 +412,11 @@ TEST(TCPAddr, PeerSecurityFlagsOfAnotherUser) {
   uint32_t flags = 99;
   EXPECT_EQ(ChannelGetSecurityFlags(channel, &flags), 1);
   EXPECT_EQ(flags, 0u);
-  close(done[1]);
+  ChannelClose(channel);  // the peer's end of input
   close(accepted[0]);
   int status = 0;
   waitpid(child, &status, 0);
   EXPECT_EQ(WEXITSTATUS(status), 0);
-  ChannelClose(channel);
 }
 
 }  // namespace
