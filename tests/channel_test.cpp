@@ -770,7 +770,9 @@ TEST(ChannelFile, ModesTellSeekAndTruncate) {
   ASSERT_EQ(ChannelReadBuf(channel, buffer, 10, &count), KZ_RECEIVE_OK);
   ASSERT_EQ(ChannelFileTell(channel, &position), 1);
   EXPECT_EQ(position, 10);  // though the system's pointer is at 100
-  ASSERT_EQ(ChannelFileSeek(channel, -3), 1);
+  ASSERT_EQ(ChannelFileSeek(channel, -3), 1);  // from the end, not from the position
+  ASSERT_EQ(ChannelFileTell(channel, &position), 1);
+  EXPECT_EQ(position, 97);
   ASSERT_EQ(ChannelReadBuf(channel, buffer, 3, &count), KZ_RECEIVE_OK);
   EXPECT_EQ(std::string(buffer, 3), "789");
   ASSERT_EQ(ChannelFileSeek(channel, 42), 1);
