@@ -205,11 +205,6 @@ inline int OpenDescriptors() {
   return count - 1;  // the directory's own descriptor
 }
 
-inline bool HaveProgram(const char *name) {
-  const std::string command = std::string("command -v ") + name + " >/dev/null 2>&1";
-  return std::system(command.c_str()) == 0;
-}
-
 // Files for TLS made once per program with the openssl command: a
 // self-signed certificate for 127.0.0.1, ::1 and localhost with its key,
 // another key with a certificate of its own for 127.0.0.1, and a file that
@@ -230,18 +225,14 @@ class TlsFiles {
 
  private:
   TlsFiles() {
-    if (dir_.path().empty() || !HaveProgram("openssl")) return;
-    const std::string script = "set -e\ncd '" + dir_.path() +
-                               "'\n"
-                               "key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out \"$1\"; }\n"
-                               "key key.pem; key other-key.pem\n"
-                               "openssl req -x509 -new -key key.pem -out cert.pem -days 2 -subj /CN=localhost "
-                               "-addext subjectAltName=IP:127.0.0.1,IP:::1,DNS:localhost\n"
-                               "openssl req -x509 -new -key other-key.pem -out other.pem -days 2 -subj /CN=localhost "
-                               "-addext subjectAltName=IP:127.0.0.1\n"
-                               "printf 'not a certificate\\n' > garbage.pem\n";
-    std::ofstream(dir_ / "make.sh") << script;
-    ok_ = std::system(("sh '" + (dir_ / "make.sh") + "' >/dev/null 2>&1").c_str()) == 0;
+    ok_ = MakeWithOpenssl(dir_.path(),
+                          "key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out \"$1\"; }\n"
+                          "key key.pem; key other-key.pem\n"
+                          "openssl req -x509 -new -key key.pem -out cert.pem -days 2 -subj /CN=localhost "
+                          "-addext subjectAltName=IP:127.0.0.1,IP:::1,DNS:localhost\n"
+                          "openssl req -x509 -new -key other-key.pem -out other.pem -days 2 -subj /CN=localhost "
+                          "-addext subjectAltName=IP:127.0.0.1\n"
+                          "printf 'not a certificate\\n' > garbage.pem\n");
   }
   TempDir dir_;
   bool ok_ = false;

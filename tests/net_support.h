@@ -15,7 +15,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <utility>
 
@@ -153,5 +155,14 @@ inline std::string ReadExactly(int fd, size_t size) {
 }
 
 inline std::string ReadToEnd(int fd) { return ReadExactly(fd, SIZE_MAX); }
+
+// Runs a shell script (set -e) in dir that makes keys and certificates for
+// the TLS tests with the openssl command; false when the command is missing
+// or the script failed.
+inline bool MakeWithOpenssl(const std::string &dir, const std::string &script) {
+  if (dir.empty() || std::system("command -v openssl >/dev/null 2>&1") != 0) return false;
+  std::ofstream(dir + "/make.sh") << "set -e\n" << script;
+  return std::system(("cd '" + dir + "' && sh make.sh >/dev/null 2>&1").c_str()) == 0;
+}
 
 }  // namespace kztest
