@@ -49,10 +49,6 @@ class ReportWriter {
     while (*text) Char(*text++);
     return *this;
   }
-  ReportWriter &Bytes(const char *text, size_t length) {
-    for (size_t i = 0; i < length; i++) Char(text[i]);
-    return *this;
-  }
   ReportWriter &Dec(uint64_t value);
   ReportWriter &SignedDec(int64_t value);
   // "0x" and at least `width` digits.
@@ -64,7 +60,6 @@ class ReportWriter {
     }
   }
   size_t Length() const { return used_; }
-  const char *Text() const { return buffer_; }
 
  private:
   ReportSink sink_ = nullptr;

@@ -38,7 +38,6 @@
 #include "internal/crash_report.h"
 #include "internal/os/backtrace.h"
 #include "internal/os/crash.h"
-#include "internal/startup.h"
 #include "kz/init.h"
 #include "kz/message.h"
 

@@ -28,7 +28,6 @@
 #include "internal/os/backtrace.h"
 #include "internal/os/crash.h"
 #include "internal/os/error.h"
-#include "internal/startup.h"
 #include "kz/init.h"
 #include "kz/message.h"
 
